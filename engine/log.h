@@ -1,0 +1,28 @@
+// The log printer: one printf-style function that every unit writes through.
+// Each message is appended to the log file (opened, written and closed per message,
+// so nothing is lost in a crash) and printed to standard output.
+// The printer's state is static, so it outlives the memory manager's shutdown report.
+#pragma once
+
+#include <cstdarg>
+
+constexpr const char* TARVIK_LOG_FILE = "3:/zelfon_log.txt";
+// Size of the message buffer: longer messages are cut to TARVIK_LOG_MESSAGE_SIZE - 1 bytes.
+constexpr int TARVIK_LOG_MESSAGE_SIZE = 4096;
+
+// Sets up the printer (mutex, virtual file name: "3:/zelfon_log.txt" normally) and enables it.
+// Thread: the main thread, before other threads log.
+void tarvik_log_init(const char* virtual_file_name);
+// Destroys the printer's mutex; later messages go nowhere. Thread: the main thread, after other threads stop logging.
+void tarvik_log_close();
+// Turns logging off (non-zero) or back on (0).
+void tarvik_log_disable(int disabled);
+// printf-style message; any thread; takes the printer's mutex. Does nothing while disabled,
+// before tarvik_log_init or after tarvik_log_close.
+#if defined(__GNUC__)
+#define TARVIK_PRINTF_FORMAT __attribute__((format(printf, 1, 2)))
+#else
+#define TARVIK_PRINTF_FORMAT
+#endif
+void tarvik_log(const char* format, ...) TARVIK_PRINTF_FORMAT;
+void tarvik_log_v(const char* format, va_list args);

@@ -1,0 +1,431 @@
+// Event queues and the render pass of the sound net: one buffer at a time, every
+// module rendered once, sources before the modules they feed, each module's buffer
+// split at its events' offsets; then the scope rings, the capture buffer and CPU load.
+//
+// Channel buffers keep one invariant: frames before a buffer's start position are zero.
+// Whoever raises a start zeroes the frames it uncovers, so mixing may add a source into
+// any range from the source's start without looking at what was there.
+#include <cstring>
+
+#include "engine/log.h"
+#include "engine/memory.h"
+#include "psynth/psynth_dsp.h"
+#include "psynth/psynth_net.h"
+
+static bool module_exists(int mod_num, const psynth_net* net) {
+    return net->modules && mod_num >= 0 && mod_num < net->slots &&
+           (net->modules[mod_num].flags & PSYNTH_FLAG_EXISTS);
+}
+
+// ---- Event queues ----
+
+static psynth_event* next_heap_record(psynth_net* net) {
+    if (net->events_count >= net->event_heap_capacity) {
+        int blocks = net->event_heap_capacity / PSYNTH_EVENT_HEAP_STEP;
+        psynth_event** table = (psynth_event**)mem_resize(net->event_heap_blocks, sizeof(psynth_event*) * (blocks + 1));
+        if (!table) return nullptr;
+        net->event_heap_blocks = table;
+        // A new block instead of a larger array: events queued earlier keep their addresses.
+        table[blocks] = (psynth_event*)mem_new(MEM_DYNAMIC, sizeof(psynth_event) * PSYNTH_EVENT_HEAP_STEP, "psynth_add_event");
+        if (!table[blocks]) return nullptr;
+        int old_capacity = net->event_heap_capacity;
+        net->event_heap_capacity += PSYNTH_EVENT_HEAP_STEP;
+        tarvik_log("EVENTS HEAP RESIZE. OLD %d. NEW %d\n", old_capacity, net->event_heap_capacity);
+    }
+    int n = net->events_count;
+    return &net->event_heap_blocks[n / PSYNTH_EVENT_HEAP_STEP][n % PSYNTH_EVENT_HEAP_STEP];
+}
+
+void psynth_add_event(int mod_num, const psynth_event* event, psynth_net* net) {
+    if (!module_exists(mod_num, net)) return;
+    psynth_module* mod = &net->modules[mod_num];
+    int capacity = (int)(mem_get_size(mod->events) / sizeof(psynth_event*));
+    if (mod->events_count >= capacity) {
+        int new_capacity = capacity + PSYNTH_MODULE_EVENTS_STEP;
+        psynth_event** events = (psynth_event**)mem_resize(mod->events, sizeof(psynth_event*) * new_capacity);
+        if (!events) return;
+        mod->events = events;
+        tarvik_log("EVENTS SYNTH RESIZE. OLD %d. NEW %d\n", capacity, new_capacity);
+    }
+    psynth_event* record = next_heap_record(net);
+    if (!record) return;
+    *record = *event;
+    mod->events[mod->events_count++] = record;
+    net->events_count++;
+}
+
+void psynth_clear_events(psynth_net* net) {
+    net->events_count = 0;
+    for (int i = 0; i < net->slots; i++) net->modules[i].events_count = 0;
+}
+
+void psynth_set_render_params(int frames, tarvik_ticks out_time, int editor_param1,
+                              int editor_param2, int editor_param3, psynth_net* net) {
+    if (frames < 0) frames = 0;
+    if (frames > PSYNTH_BUFFER_SIZE) frames = PSYNTH_BUFFER_SIZE;
+    net->frames = frames;
+    net->out_time = out_time;
+    net->editor_params[0] = editor_param1;
+    net->editor_params[1] = editor_param2;
+    net->editor_params[2] = editor_param3;
+}
+
+// ---- Sample ranges ----
+
+static void zero_range(psynth_sample* buf, int from, int to) {
+    if (to > PSYNTH_BUFFER_SIZE) to = PSYNTH_BUFFER_SIZE;
+    if (from < 0) from = 0;
+    if (from < to) memset(buf + from, 0, sizeof(psynth_sample) * (size_t)(to - from));
+}
+
+static void add_range(psynth_sample* dest, const psynth_sample* src, int from, int to) {
+    for (int i = from; i < to; i++) dest[i] = psynth_add_wrap(dest[i], src[i]);
+}
+
+// Moves a start position, zeroing what a raised start uncovers.
+static void set_start(psynth_sample* buf, int* start, int new_start) {
+    if (*start < new_start) zero_range(buf, *start, new_start);
+    *start = new_start;
+}
+
+// Mixes one source channel into a destination channel. The first source is copied
+// (even a silent one: it clears what the last buffer left), later ones are added.
+static void mix_channel(psynth_sample* dest, int* dest_start, bool* fed, const psynth_sample* src,
+                        int src_start, int frames, bool move_samples) {
+    if (src_start < 0) src_start = 0;
+    if (!*fed) {
+        *fed = true;
+        if (move_samples) {
+            set_start(dest, dest_start, src_start);
+            if (src_start < frames) {
+                memcpy(dest + src_start, src + src_start, sizeof(psynth_sample) * (size_t)(frames - src_start));
+            }
+        }
+        *dest_start = src_start;
+        return;
+    }
+    if (move_samples) add_range(dest, src, src_start, frames);
+    if (src_start < *dest_start) *dest_start = src_start;
+}
+
+// The source's channel feeding channel c: the same one, or its last (mono feeds both).
+static int source_channel(const psynth_module* src, int c) {
+    return c < src->output_channels ? c : src->output_channels - 1;
+}
+
+// ---- The render pass ----
+
+static int render_module(int mod_num, psynth_net* net);
+
+// Renders a link's source if needed; true when it has been rendered in this pass.
+static bool prepare_source(int src, psynth_net* net) {
+    if (!module_exists(src, net)) return false;
+    if (!(net->modules[src].render_state & PSYNTH_RENDER_DONE)) render_module(src, net);
+    return (net->modules[src].render_state & PSYNTH_RENDER_DONE) != 0;
+}
+
+static void mix_source_into_inputs(psynth_module* mod, const psynth_module* src, int channels,
+                                   bool fed[], bool move_samples, int frames) {
+    for (int c = 0; c < channels; c++) {
+        int sc = source_channel(src, c);
+        if (sc < 0 || !mod->input_buffers[c] || !src->output_buffers[sc]) continue;
+        mix_channel(mod->input_buffers[c], &mod->input_start[c], &fed[c], src->output_buffers[sc],
+                    src->output_start[sc], frames, move_samples);
+    }
+}
+
+static void render_output_module(psynth_net* net) {
+    const int frames = net->frames;
+    bool fed[PSYNTH_MAX_CHANNELS] = {};
+    psynth_module* out = &net->modules[0];
+    for (int i = 0; i < out->input_links_capacity; i++) {
+        int src = out->input_links[i];
+        if (!prepare_source(src, net)) continue;
+        out = &net->modules[0];
+        mix_source_into_inputs(out, &net->modules[src], out->input_channels, fed, true, frames);
+    }
+    for (int c = 0; c < out->input_channels; c++) {
+        psynth_sample* buf = out->input_buffers[c];
+        if (!buf) continue;
+        int start = out->input_start[c];
+        if (start >= frames || !fed[c]) {
+            zero_range(buf, start, frames);
+            out->input_start[c] = frames;
+        } else if (net->global_volume != PSYNTH_GAIN_UNITY) {
+            for (int i = start; i < frames; i++) buf[i] = psynth_apply_gain(buf[i], net->global_volume);
+        }
+    }
+}
+
+static void set_output_starts(psynth_module* mod, int silence) {
+    for (int c = 0; c < PSYNTH_MAX_CHANNELS; c++) {
+        if (mod->output_buffers[c]) set_start(mod->output_buffers[c], &mod->output_start[c], silence);
+    }
+}
+
+static void zero_outputs(psynth_module* mod, int from, int to, bool above_start) {
+    for (int c = 0; c < PSYNTH_MAX_CHANNELS; c++) {
+        if (!mod->output_buffers[c]) continue;
+        int f = above_start && mod->output_start[c] > from ? mod->output_start[c] : from;
+        zero_range(mod->output_buffers[c], f, to);
+    }
+}
+
+// Stable sort by offset: events at one offset keep the order in which they were queued.
+static void sort_events(psynth_module* mod) {
+    for (int i = 1; i < mod->events_count; i++) {
+        psynth_event* e = mod->events[i];
+        int j = i;
+        while (j > 0 && mod->events[j - 1]->offset > e->offset) {
+            mod->events[j] = mod->events[j - 1];
+            j--;
+        }
+        mod->events[j] = e;
+    }
+}
+
+static void send_events_to_midi_out(psynth_module* mod, psynth_net* net) {
+    uint32_t ticks_per_second = tarvik_time_ticks_per_second();
+    for (int i = 0; i < mod->events_count; i++) {
+        const psynth_event* event = mod->events[i];
+        psynth_midi_message messages[PSYNTH_MIDI_HELD_NOTES + 1];
+        int count = psynth_midi_messages_for_event(mod, event, messages, PSYNTH_MIDI_HELD_NOTES + 1);
+        tarvik_ticks t = net->out_time;
+        if (net->sampling_rate > 0) t += (tarvik_ticks)((int64_t)event->offset * ticks_per_second / net->sampling_rate);
+        for (int m = 0; m < count; m++) {
+            tarvik_midi_event midi = {t, (uint32_t)messages[m].size, messages[m].data};
+            tarvik_midi_client_send_event(&net->midi_client, mod->midi_out_port, &midi);
+        }
+    }
+}
+
+// Renders frames p .. p + length with one RENDER_REPLACE; keeps the leading silence and
+// the written flag. Returns the new position.
+static int render_piece(int mod_num, int p, int length, int* silence, bool* written, psynth_net* net) {
+    if (length <= 0) return p;
+    psynth_module* mod = &net->modules[mod_num];
+    if (mod->output_channels > 0) {
+        mod->render_offset = p;
+        mod->render_frames = length;
+        psynth_event render = {};
+        render.command = PS_CMD_RENDER_REPLACE;
+        render.id = -1;
+        render.offset = p;
+        intptr_t result = mod->handler(mod_num, &render, net);
+        mod = &net->modules[mod_num];
+        if (result) {
+            *written = true;
+        } else if (*written) {
+            zero_outputs(mod, p, p + length, true);
+        } else {
+            *silence = p + length;
+        }
+    }
+    return p + length;
+}
+
+static void render_events_in_pieces(int mod_num, int* silence, psynth_net* net) {
+    const int frames = net->frames;
+    bool written = false;
+    int p = 0;
+    *silence = 0;
+    for (int i = 0; i < net->modules[mod_num].events_count; i++) {
+        psynth_event* event = net->modules[mod_num].events[i];
+        int offset = event->offset < p ? p : event->offset > frames ? frames : event->offset;
+        p = render_piece(mod_num, p, offset - p, silence, &written, net);
+        psynth_handle_event(mod_num, event, net);
+    }
+    render_piece(mod_num, p, frames - p, silence, &written, net);
+}
+
+static int render_module(int mod_num, psynth_net* net) {
+    if (!module_exists(mod_num, net)) return 0;
+    psynth_module* mod = &net->modules[mod_num];
+    if (mod->render_state & PSYNTH_RENDER_BUSY) return -1;  // a cycle: this link brings nothing
+    if (mod->render_state & PSYNTH_RENDER_DONE) return 0;
+    mod->render_state |= PSYNTH_RENDER_BUSY;
+    const int frames = net->frames;
+
+    if (mod_num == 0) {
+        render_output_module(net);
+        net->modules[0].render_state &= (uint8_t)~PSYNTH_RENDER_BUSY;
+        return 1;
+    }
+
+    bool mute = (mod->flags & PSYNTH_FLAG_MUTE) != 0;
+    bool solo = (mod->flags & PSYNTH_FLAG_SOLO) != 0;
+    bool fed[PSYNTH_MAX_CHANNELS] = {};
+    bool move_samples = !(mod->flags & PSYNTH_FLAG_NO_INPUT_MIXING);
+    for (int i = 0; i < mod->input_links_capacity; i++) {
+        int src = mod->input_links[i];
+        if (!module_exists(src, net)) continue;
+        const psynth_module* s = &net->modules[src];
+        if (s->flags & PSYNTH_FLAG_PASS_MUTE_SOLO) {
+            mute |= (s->render_state & PSYNTH_RENDER_WAS_MUTED) != 0;
+            solo |= (s->render_state & PSYNTH_RENDER_WAS_SOLOED) != 0;
+        }
+        if (!prepare_source(src, net)) continue;
+        mod = &net->modules[mod_num];
+        mix_source_into_inputs(mod, &net->modules[src], mod->output_channels, fed, move_samples, frames);
+    }
+    if (mod->flags & PSYNTH_FLAG_EFFECT) {
+        for (int c = 0; c < PSYNTH_MAX_CHANNELS; c++) {
+            if (mod->input_buffers[c] && !fed[c] && mod->input_start[c] < frames) {
+                zero_range(mod->input_buffers[c], mod->input_start[c], frames);
+                mod->input_start[c] = frames;
+            }
+        }
+    }
+
+    if (!(mod->flags & PSYNTH_FLAG_INITIALIZED)) {
+        set_output_starts(mod, frames);
+        mod->render_state = (uint8_t)((mod->render_state & ~PSYNTH_RENDER_BUSY) | PSYNTH_RENDER_DONE);
+        return 1;
+    }
+
+    if (net->solo_active) {
+        if (mod->flags & PSYNTH_FLAG_SOLO) mute = false;
+        else if (mod->flags & PSYNTH_FLAG_GENERATOR) mute = true;
+    }
+
+    tarvik_ticks started = net->cpu_measure ? tarvik_time_ticks() : 0;
+    sort_events(mod);
+    if (mod->midi_out_port >= 0) send_events_to_midi_out(mod, net);
+
+    int silence;
+    render_events_in_pieces(mod_num, &silence, net);
+    mod = &net->modules[mod_num];
+
+    if (mute) zero_outputs(mod, silence, frames, false);
+    mod->cpu_frames += frames;
+    if (net->cpu_measure) mod->cpu_time += (int)(tarvik_time_ticks() - started);
+    set_output_starts(mod, silence);
+
+    uint8_t state = PSYNTH_RENDER_DONE;
+    if (mute) state |= PSYNTH_RENDER_WAS_MUTED;
+    if (solo) state |= PSYNTH_RENDER_WAS_SOLOED;
+    mod->render_state = state;
+    return 1;
+}
+
+// A channel's sound for the scope: its buffer, or nothing when it starts late.
+static const psynth_sample* scope_source(const psynth_module* mod, int c) {
+    bool output_module = (mod->flags & PSYNTH_FLAG_OUTPUT) != 0;
+    const psynth_sample* buf = output_module ? mod->input_buffers[c] : mod->output_buffers[c];
+    int start = output_module ? mod->input_start[c] : mod->output_start[c];
+    return start == 0 ? buf : nullptr;
+}
+
+static int scope_channels(const psynth_module* mod) {
+    return (mod->flags & PSYNTH_FLAG_OUTPUT) ? mod->input_channels : mod->output_channels;
+}
+
+static void feed_scopes(psynth_net* net) {
+    const int frames = net->frames;
+    for (int m = 0; m < net->slots; m++) {
+        const psynth_module* mod = &net->modules[m];
+        if (!(mod->flags & PSYNTH_FLAG_EXISTS)) continue;
+        for (int c = 0; c < scope_channels(mod); c++) {
+            psynth_sample* ring = mod->scope_rings[c];
+            if (!ring) continue;
+            const psynth_sample* src = scope_source(mod, c);
+            int pos = net->scope_position;
+            for (int i = 0; i < frames; i++) {
+                ring[pos] = src ? src[i] : 0;
+                pos = (pos + 1) & (PSYNTH_SCOPE_SIZE - 1);
+            }
+        }
+    }
+    net->scope_position = (net->scope_position + frames) & (PSYNTH_SCOPE_SIZE - 1);
+}
+
+static void feed_capture(psynth_net* net) {
+    if (!module_exists(net->capture_module, net) || net->capture_full || !net->capture) return;
+    const psynth_module* mod = &net->modules[net->capture_module];
+    int count = PSYNTH_CAPTURE_SIZE - net->capture_fill;
+    if (count > net->frames) count = net->frames;
+    psynth_sample* dest = net->capture + net->capture_fill;
+    for (int c = 0; c < scope_channels(mod); c++) {
+        const psynth_sample* src = scope_source(mod, c);
+        for (int i = 0; i < count; i++) {
+            int v = src ? src[i] : 0;
+            dest[i] = (psynth_sample)(c == 0 ? v : (dest[i] + v) / 2);
+        }
+    }
+    net->capture_fill += count;
+    if (net->capture_fill >= PSYNTH_CAPTURE_SIZE) {
+        net->capture_full = 1;
+        net->capture_fill = 0;
+    }
+}
+
+void psynth_render_all(psynth_net* net) {
+    if (!net->modules) return;
+    net->solo_active = 0;
+    for (int i = 0; i < net->slots; i++) {
+        psynth_module* mod = &net->modules[i];
+        if (!(mod->flags & PSYNTH_FLAG_EXISTS)) continue;
+        mod->render_state &= (uint8_t)~PSYNTH_RENDER_DONE;
+        if (mod->flags & PSYNTH_FLAG_SOLO) net->solo_active = 1;
+    }
+    for (int i = 0; i < net->slots; i++) {
+        if (!(net->modules[i].render_state & PSYNTH_RENDER_DONE)) render_module(i, net);
+    }
+    feed_scopes(net);
+    feed_capture(net);
+}
+
+// ---- Time ring, capture and CPU load ----
+
+void psynth_begin_device_buffer(tarvik_ticks time, psynth_net* net) {
+    net->time_ring_index = (net->time_ring_index + 1) % PSYNTH_TIME_RING_SIZE;
+    net->time_ring[net->time_ring_index].position = net->scope_position;
+    net->time_ring[net->time_ring_index].time = time;
+    for (int i = 0; i < net->slots; i++) {
+        net->modules[i].cpu_time = 0;
+        net->modules[i].cpu_frames = 0;
+    }
+}
+
+int psynth_get_scope_position(int mod_num, int channel, psynth_sample** ring, int* ring_size,
+                              psynth_net* net) {
+    if (!module_exists(mod_num, net) || channel < 0 || channel >= PSYNTH_MAX_CHANNELS) return -1;
+    if (ring) *ring = net->modules[mod_num].scope_rings[channel];
+    if (ring_size) *ring_size = PSYNTH_SCOPE_SIZE;
+    tarvik_ticks now = tarvik_time_ticks();
+    for (int k = 0; k < PSYNTH_TIME_RING_SIZE; k++) {
+        const psynth_time_ring_entry* e =
+            &net->time_ring[(net->time_ring_index - k + PSYNTH_TIME_RING_SIZE) % PSYNTH_TIME_RING_SIZE];
+        int32_t elapsed = (int32_t)(now - e->time);
+        if (elapsed < 0) continue;  // that buffer is not heard yet
+        int64_t frames = (int64_t)elapsed * net->sampling_rate / tarvik_time_ticks_per_second();
+        return (int)((e->position + frames) & (PSYNTH_SCOPE_SIZE - 1));
+    }
+    return net->scope_position;
+}
+
+void psynth_set_capture_module(int mod_num, psynth_net* net) {
+    net->capture_module = mod_num;
+    net->capture_fill = 0;
+    net->capture_full = 0;
+}
+
+void psynth_set_cpu_measure(int on, psynth_net* net) { net->cpu_measure = on; }
+
+void psynth_compute_cpu_usage(psynth_net* net) {
+    int64_t ticks_per_second = tarvik_time_ticks_per_second();
+    int total = 0;
+    for (int i = 0; i < net->slots; i++) {
+        psynth_module* mod = &net->modules[i];
+        if (!(mod->flags & PSYNTH_FLAG_EXISTS)) continue;
+        // (time / tick rate) / (frames / sampling rate) × 100, rounded to a whole per cent
+        int64_t denominator = ticks_per_second * mod->cpu_frames;
+        mod->cpu_load = denominator > 0
+            ? (int)(((int64_t)mod->cpu_time * net->sampling_rate * 100 + denominator / 2) / denominator)
+            : 0;
+        total += mod->cpu_load;
+        mod->cpu_time = 0;
+        mod->cpu_frames = 0;
+    }
+    net->cpu_total = total;
+}

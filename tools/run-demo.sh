@@ -1,0 +1,8 @@
+#!/bin/sh
+# Builds Zelfon (release) and runs its main job.
+set -e
+cd "$(dirname "$0")/.."
+tools/install-deps.sh
+cmake --preset release
+cmake --build --preset release --target zelfon
+build/release/zelfon
