@@ -48,7 +48,7 @@ void* mem_resize(void* ptr, size_t new_size);
 size_t mem_get_size(const void* ptr);
 // Zeroes the whole block; null is ignored.
 void mem_zero(void* ptr);
-// Copy of a string in a new block tagged "mem_strdup" (one byte for null or ""; for null it is left unwritten).
+// Copy of a string in a new block tagged "mem_strdup" (one byte, the terminator, for null or "").
 char* mem_strdup(const char* s);
 
 // Null-safe helpers: each returns 0 (and does nothing) when a pointer argument is null.

@@ -1,0 +1,112 @@
+// Log printer tests: messages appended to a real file per disk, in order,
+// echoed to stdout, cut at the buffer size, and silent when disabled or closed.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "engine/log.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string read_text(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+// Each test gets a fresh directory as TMPDIR; the environment and working directory are restored after.
+class LogTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        save_env("TMPDIR", 0);
+        save_env("XDG_CONFIG_HOME", 1);
+        cwd_ = fs::current_path();
+        std::string pattern = (fs::temp_directory_path() / "zelfon_log_XXXXXX").string();
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        dir_ = pattern;
+        setenv("TMPDIR", dir_.c_str(), 1);
+    }
+    void TearDown() override {
+        tarvik_log_close();
+        fs::current_path(cwd_);
+        fs::remove_all(dir_);
+        const char* names[] = {"TMPDIR", "XDG_CONFIG_HOME"};
+        for (int i = 0; i < 2; i++) {
+            if (had_[i]) setenv(names[i], saved_[i].c_str(), 1);
+            else unsetenv(names[i]);
+        }
+    }
+    void save_env(const char* name, int i) {
+        const char* v = std::getenv(name);
+        had_[i] = v != nullptr;
+        saved_[i] = v ? v : "";
+    }
+    fs::path dir_, cwd_;
+    std::string saved_[2];
+    bool had_[2] = {};
+};
+
+TEST_F(LogTest, AppendsEachMessageInOrderAndEchoesIt) {
+    std::ofstream(dir_ / "zelfon_log.txt") << "old\n";
+    tarvik_log_init(TARVIK_LOG_FILE);
+    testing::internal::CaptureStdout();
+    tarvik_log("one %d\n", 1);
+    EXPECT_EQ(read_text(dir_ / "zelfon_log.txt"), "old\none 1\n");  // written before the next message
+    tarvik_log("two %s\n", "x");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "one 1\ntwo x\n");
+    EXPECT_EQ(read_text(dir_ / "zelfon_log.txt"), "old\none 1\ntwo x\n");
+}
+
+TEST_F(LogTest, SilentBeforeInitWhileDisabledAndAfterClose) {
+    tarvik_log("before\n");
+    EXPECT_FALSE(fs::exists(dir_ / "zelfon_log.txt"));
+    tarvik_log_init(TARVIK_LOG_FILE);
+    tarvik_log_disable(1);
+    tarvik_log("off\n");
+    EXPECT_FALSE(fs::exists(dir_ / "zelfon_log.txt"));
+    tarvik_log_disable(0);
+    tarvik_log("on\n");
+    tarvik_log_close();
+    tarvik_log("closed\n");
+    EXPECT_EQ(read_text(dir_ / "zelfon_log.txt"), "on\n");
+}
+
+TEST_F(LogTest, LongMessageIsCutToBuffer) {
+    tarvik_log_init(TARVIK_LOG_FILE);
+    std::string long_text(TARVIK_LOG_MESSAGE_SIZE + 900, 'x');
+    tarvik_log("%s", long_text.c_str());
+    EXPECT_EQ(read_text(dir_ / "zelfon_log.txt"), std::string(TARVIK_LOG_MESSAGE_SIZE - 1, 'x'));
+}
+
+TEST_F(LogTest, DisksMapToWorkingConfigAndTempDirectories) {
+    fs::create_directory(dir_ / "work");
+    fs::current_path(dir_ / "work");
+    tarvik_log_init("1:/w.txt");
+    tarvik_log("w\n");
+    EXPECT_EQ(read_text(dir_ / "work" / "w.txt"), "w\n");
+
+    setenv("XDG_CONFIG_HOME", (dir_ / "cfg").c_str(), 1);  // missing folders are created
+    tarvik_log_init("2:/c.txt");
+    tarvik_log("c\n");
+    EXPECT_EQ(read_text(dir_ / "cfg" / "zelfon" / "c.txt"), "c\n");
+
+    setenv("TMPDIR", (dir_.string() + "/").c_str(), 1);  // a trailing "/" gives "//", still the same file
+    tarvik_log_init("3:/t.txt");
+    tarvik_log("t\n");
+    EXPECT_EQ(read_text(dir_ / "t.txt"), "t\n");
+
+    std::string plain = (dir_ / "plain.txt").string();  // no disk prefix: used as it stands
+    tarvik_log_init(plain.c_str());
+    tarvik_log("p\n");
+    EXPECT_EQ(read_text(plain), "p\n");
+}
+
+}  // namespace
