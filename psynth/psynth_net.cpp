@@ -496,18 +496,21 @@ int psynth_get_chunks_count(int mod_num, psynth_net* net) {
     return (int)(mem_get_size(net->modules[mod_num].chunks) / sizeof(void*));
 }
 
-// Makes room for chunk numbers below `count` in the three parallel arrays.
-static bool grow_chunk_tables(psynth_module* mod, int count) {
-    void** chunks = (void**)mem_resize(mod->chunks, sizeof(void*) * count);
-    if (!chunks) return false;
-    mod->chunks = chunks;
-    int* flags = (int*)mem_resize(mod->chunk_flags, sizeof(int) * count);
-    if (!flags) return false;
-    mod->chunk_flags = flags;
-    int* rates = (int*)mem_resize(mod->chunk_rates, sizeof(int) * count);
-    if (!rates) return false;
-    mod->chunk_rates = rates;
+// Resizes one of the chunk arrays; entries from `old_count` on are cleared (a new
+// block from mem_resize is not).
+template <class T>
+static bool grow_array(T** array, int old_count, int count) {
+    T* grown = (T*)mem_resize(*array, sizeof(T) * count);
+    if (!grown) return false;
+    memset((void*)(grown + old_count), 0, sizeof(T) * (count - old_count));
+    *array = grown;
     return true;
+}
+
+// Makes room for chunk numbers below `count` in the three parallel arrays.
+static bool grow_chunk_tables(psynth_module* mod, int old_count, int count) {
+    return grow_array(&mod->chunks, old_count, count) && grow_array(&mod->chunk_flags, old_count, count) &&
+           grow_array(&mod->chunk_rates, old_count, count);
 }
 
 int psynth_new_chunk(int mod_num, int chunk, int size, int flags, int rate, psynth_net* net) {
@@ -515,9 +518,9 @@ int psynth_new_chunk(int mod_num, int chunk, int size, int flags, int rate, psyn
     psynth_module* mod = &net->modules[mod_num];
     int count = psynth_get_chunks_count(mod_num, net);
     if (count == 0) {
-        if (!grow_chunk_tables(mod, chunk + 1 > 16 ? chunk + 1 : 16)) return 1;
+        if (!grow_chunk_tables(mod, 0, chunk + 1 > 16 ? chunk + 1 : 16)) return 1;
     } else if (chunk >= count) {
-        if (!grow_chunk_tables(mod, chunk + 1)) return 1;
+        if (!grow_chunk_tables(mod, count, chunk + 1)) return 1;
     }
     mem_free(mod->chunks[chunk]);
     mod->chunks[chunk] = mem_new(MEM_DYNAMIC, (size_t)size, "psynth_new_chunk");

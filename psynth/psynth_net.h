@@ -99,6 +99,8 @@ struct psynth_event {
 };
 static_assert(sizeof(psynth_event) == 20, "psynth_event is 20 bytes");
 
+// SET_SAMPLE_OFFSET carries the sample frame in pitch; SET_SAMPLE_OFFSET2 its 0..32768
+// fraction of the sample's length in velocity.
 // SPEED_CHANGED carries the tick length (1/256 frame) in the 32 bits of note and
 // velocity and the ticks per line in the first byte of pitch.
 void psynth_event_set_speed(psynth_event* event, int tick_length, int ticks_per_line);
@@ -137,6 +139,8 @@ struct psynth_module {
     int output_start[PSYNTH_MAX_CHANNELS];
     int x, y;
     uint8_t color[3];
+    int finetune;       // 1/256 semitone subtracted from the pitch of every note it plays
+    int relative_note;  // semitones subtracted likewise
     psynth_event** events;
     int events_count;
     int cpu_load;          // per cent
