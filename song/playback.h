@@ -1,0 +1,51 @@
+// The playback engine: turns the song's patterns into module events while the sound
+// device (or an export) asks for audio, and passes live notes and transport commands
+// from the interface thread to the render thread through single-producer rings.
+//
+// Threads: zelfon_render runs on whichever thread renders (the sound thread, or the
+// export); it takes the net's mutex for each piece. The other functions are for the
+// interface thread. Rings drop new entries when full (the post functions return 1).
+#pragma once
+
+#include "song/song.h"
+
+enum : int { ZELFON_SAMPLE_INT16 = 1, ZELFON_SAMPLE_FLOAT32 = 2 };
+
+constexpr int ZELFON_RENDER_PIECE = PSYNTH_BUFFER_SIZE;  // frames rendered per net pass at most
+
+struct zelfon_render_request {
+    void* out;             // interleaved frames of `type`
+    int type;              // ZELFON_SAMPLE_INT16 or ZELFON_SAMPLE_FLOAT32
+    int channels;
+    int frames;
+    const void* in;        // input frames for recording modules, or null
+    tarvik_ticks out_time; // tick-clock time at which the first frame sounds
+};
+
+// Live-input event flags.
+enum : uint32_t {
+    ZELFON_LIVE_NOTE_ON = 1,
+    ZELFON_LIVE_NOTE_OFF = 2,
+    ZELFON_LIVE_PITCH = 4,  // re-pitch the key's voice to `pitch`
+};
+
+// Renders the request. Returns 0 when there is no song or net or it is not loaded (the
+// output is then untouched), else 1. Render thread.
+int zelfon_render(const zelfon_render_request* request, zelfon_song* song);
+
+// Starts playing from `line` (tempo from the song's tempo changes before it).
+void zelfon_play(int line, zelfon_song* song);
+// Plays the pattern in `slot` in a loop from its first line.
+void zelfon_play_pattern(int slot, zelfon_song* song);
+// The pattern to loop next when the current loop ends (−1 = keep looping).
+void zelfon_set_next_looped_pattern(int slot, zelfon_song* song);
+// Set: playback runs on past the end without restarting. Clear: it restarts at line 0.
+void zelfon_set_stop_at_end(int stop_at_end, zelfon_song* song);
+// Stops (or, when stopped, cleans every module) and waits for the render thread to
+// take it, at most about two seconds. Returns 1 when it was not playing.
+int zelfon_stop(zelfon_song* song);
+
+// Posts a cell to be played on live track `track` (0..31). Returns 0, or 1 when the ring is full.
+int zelfon_send_live_cell(const zelfon_cell* cell, int track, zelfon_song* song);
+// Posts a live note from the MIDI keyboard. Returns 0, or 1 when the ring is full.
+int zelfon_handle_midi_event(const zelfon_live_midi_event* event, zelfon_song* song);
