@@ -212,6 +212,23 @@ TEST_F(SongPlaybackTest, EndOfSongJumpReleasesSoundingTracks) {
     EXPECT_LT(off_index, on_index);
 }
 
+TEST_F(SongPlaybackTest, ATrackMovingToAnotherModuleReleasesTheFirst) {
+    int first = add_logger();
+    int second = add_logger();
+    int slot = add_pattern(0, 4, 1);
+    cell(slot, 0, 0) = note_cell(49, first + 1);
+    cell(slot, 0, 1) = note_cell(50, second + 1);
+    cell(slot, 0, 2) = note_cell(ZELFON_NOTE_OFF);
+    play();
+    render(3 * kLine + 10);
+    std::vector<logged_event> off_first = events_of(first, PS_CMD_NOTE_OFF);
+    ASSERT_EQ(off_first.size(), 1u);
+    EXPECT_EQ(off_first[0].frame, kLine);
+    std::vector<logged_event> off_second = events_of(second, PS_CMD_NOTE_OFF);
+    ASSERT_EQ(off_second.size(), 1u);  // the note-off goes to the module the track last played
+    EXPECT_EQ(off_second[0].frame, 2 * kLine);
+}
+
 TEST_F(SongPlaybackTest, StopAtEndRunsOnSilently) {
     int mod = add_logger();
     int slot = add_pattern(0, 2, 1);
