@@ -2,6 +2,7 @@
 #include <cmath>
 
 #include "engine/log.h"
+#include "engine/memory.h"
 #include "engine/random.h"
 #include "song_test_util.h"
 
@@ -348,6 +349,23 @@ TEST_F(SongPlaybackTest, StopWithoutRenderThreadGivesUp) {
     ASSERT_EQ(song.playing.load(), 1);
     EXPECT_EQ(zelfon_stop(&song), 0);
     EXPECT_EQ(song.playing.load(), 0);
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(SongPlaybackTest, SteadyPlaybackDoesNotAllocate) {
+    int mod = add_logger();
+    int slot = add_pattern(0, 16, 8);
+    for (int line = 0; line < 16; line++) {
+        for (int t = 0; t < 8; t++) cell(slot, t, line) = note_cell(37 + line + t, mod + 1, 0, line % 2 ? 0x08 : 0x01, 0x0203);
+    }
+    play();
+    render(20 * kLine, 512);  // warm-up: event queues reach their working size
+    uint64_t before = mem_get_stats().allocations;
+    render(1000 * 512, 512);
+    EXPECT_EQ(mem_get_stats().allocations, before);
 }
 
 }  // namespace
