@@ -9,6 +9,7 @@
 
 #include "engine/log.h"
 #include "engine/memory.h"
+#include "psynth/psynth_modules.h"
 
 const char* const psynth_command_names[PS_CMD_COUNT - 1] = {
     "NOP",           "GET_DATA_SIZE",     "GET_SYNTH_NAME",        "GET_SYNTH_INFO",
@@ -45,6 +46,9 @@ int psynth_tick_length(int sampling_rate, int bpm) {
     return (int)((((int64_t)sampling_rate * 15360) / bpm) / 24);
 }
 
+constexpr int STARTER_RELEASE_CTL = 4;
+constexpr int STARTER_SUSTAIN_CTL = 7;
+
 static bool module_index_ok(int mod_num, const psynth_net* net) {
     return net->modules && mod_num >= 0 && mod_num < net->slots;
 }
@@ -64,14 +68,6 @@ static intptr_t psynth_output_handler(int mod_num, psynth_event* event, psynth_n
     }
 }
 
-static psynth_handler starter_generator;
-static psynth_handler starter_echo;
-
-void psynth_set_starter_handlers(psynth_handler generator, psynth_handler echo) {
-    starter_generator = generator;
-    starter_echo = echo;
-}
-
 static intptr_t ask_handler(psynth_handler handler, int mod_num, int command, psynth_net* net) {
     psynth_event event = {};
     event.command = command;
@@ -83,25 +79,18 @@ intptr_t psynth_do_command(int mod_num, int command, psynth_net* net) {
     return ask_handler(net->modules[mod_num].handler, mod_num, command, net);
 }
 
+// The net a new song starts with: a plucked Generator tone into OUT. The Echo that will
+// sit between them joins when the effects exist.
 static void build_starter_net(int bpm, int ticks_per_line, psynth_net* net) {
-    if (!starter_generator || !starter_echo) {
-        tarvik_log("psynth_init(): the starter modules are not available\n");
-        return;
+    int generator = psynth_add_synth(-1, psynth_generator, nullptr, 0, 128, 512, bpm, ticks_per_line, net);
+    if (generator < 0) return;
+    psynth_module* mod = &net->modules[generator];
+    if (mod->ctls_count > STARTER_SUSTAIN_CTL) {
+        *mod->ctls[STARTER_RELEASE_CTL].value = 512;  // in the Generator's own units
+        *mod->ctls[STARTER_SUSTAIN_CTL].value = 0;
     }
-    int generator = psynth_add_synth(-1, starter_generator, nullptr, 0, 128, 512, bpm, ticks_per_line, net);
-    if (generator >= 0) {
-        // The starter tone: values in the Generator's own units.
-        psynth_module* mod = &net->modules[generator];
-        if (mod->ctls_count > 7) {
-            *mod->ctls[4].value = 512;
-            *mod->ctls[7].value = 0;
-        }
-        psynth_do_command(generator, PS_CMD_SETUP_FINISHED, net);
-    }
-    int echo = psynth_add_synth(-1, starter_echo, nullptr, 0, 512, 512, bpm, ticks_per_line, net);
-    if (echo >= 0) psynth_do_command(echo, PS_CMD_SETUP_FINISHED, net);
-    psynth_make_link(0, echo, net);
-    psynth_make_link(echo, generator, net);
+    psynth_do_command(generator, PS_CMD_SETUP_FINISHED, net);
+    psynth_make_link(0, generator, net);
 }
 
 void psynth_init(int flags, int sampling_rate, int bpm, int ticks_per_line, psynth_net* net) {

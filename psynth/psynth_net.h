@@ -203,14 +203,11 @@ struct psynth_net {
 
 // ---- Net life (psynth_net.cpp) ----
 
-// Sets up an empty net with the Output module in slot 0 (flags bit 0: also the starter
-// net, built from the modules registered with psynth_set_starter_handlers). GUI thread.
+// Sets up an empty net with the Output module in slot 0; with flags bit 0 also the
+// starter net (a plucked Generator, module 1, linked into OUT). GUI thread.
 void psynth_init(int flags, int sampling_rate, int bpm, int ticks_per_line, psynth_net* net);
 // Removes every module and frees everything the net owns. GUI thread.
 void psynth_close(psynth_net* net);
-// The handlers of the starter net's sound source ("Generator") and effect ("Echo"),
-// given by the module library once those modules exist.
-void psynth_set_starter_handlers(psynth_handler generator, psynth_handler echo);
 
 // Adds a module in slot `index` (< 0: the first free slot, growing the table by 4).
 // A null handler means the Output module's. Returns the slot, or −1 when memory ran out.
