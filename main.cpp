@@ -5,8 +5,10 @@
 #include <cstdlib>
 #include <vector>
 
+#include "engine/file.h"
 #include "engine/log.h"
 #include "engine/memory.h"
+#include "engine/profile.h"
 #include "song/playback.h"
 
 static const char* const PROGRAM_NAME = "Zelfon v1.6.4(Aug  3 2011)";
@@ -33,7 +35,10 @@ static void play_demo_note(zelfon_song* song) {
 
 int main(int argc, char** argv) {
     mem_init();
+    v3_init();
     tarvik_log_init(TARVIK_LOG_FILE);
+    profile_new(nullptr);
+    profile_load(nullptr, nullptr);  // the first default configuration file that exists
     tarvik_log("%s / %s\n", PROGRAM_NAME, ENGINE_NAME);
 
     zelfon_song song;
@@ -44,7 +49,9 @@ int main(int argc, char** argv) {
         tarvik_log("zelfon_song_init() error\n");
     }
 
-    bool leaked = mem_free_all();
+    profile_close(nullptr);
+    v3_deinit();
+    bool leaked = mem_free_all();  // the log still writes through the file layer after v3_deinit
     tarvik_log_close();
     mem_deinit();
     return leaked ? 1 : 0;

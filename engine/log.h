@@ -2,6 +2,14 @@
 // Each message is appended to the log file (opened, written and closed per message,
 // so nothing is lost in a crash) and printed to standard output.
 // The printer's state is static, so it outlives the memory manager's shutdown report.
+//
+// The file is written through the file layer (v3_open "ab", v3_write, v3_close), which
+// allocates two small blocks per message. The layer needs no v3_init for this: the log
+// works before v3_init and after v3_deinit, so the memory manager's report, written after
+// v3_deinit, still reaches the file. No deadlock: the printer's mutex is the outer one,
+// and neither the file layer nor the memory manager logs while it holds its own (the
+// file layer does not even allocate under its mutex). A message raised on the same thread while the printer writes (an allocation
+// failure inside the file layer) goes to stdout only.
 #pragma once
 
 #include <cstdarg>

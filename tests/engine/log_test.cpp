@@ -1,5 +1,6 @@
-// Log printer tests: messages appended to a real file per disk, in order,
-// echoed to stdout, cut at the buffer size, and silent when disabled or closed.
+// Log printer tests: messages appended to a real file per disk (through the file layer),
+// in order, echoed to stdout, cut at the buffer size, silent when disabled or closed, and
+// still written around the file layer's start-up and shutdown.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -9,7 +10,9 @@
 #include <sstream>
 #include <string>
 
+#include "engine/file.h"
 #include "engine/log.h"
+#include "engine/memory.h"
 
 namespace {
 
@@ -33,9 +36,14 @@ protected:
         ASSERT_NE(mkdtemp(pattern.data()), nullptr);
         dir_ = pattern;
         setenv("TMPDIR", dir_.c_str(), 1);
+        mem_init();
+        v3_init();
     }
     void TearDown() override {
         tarvik_log_close();
+        v3_deinit();
+        EXPECT_EQ(mem_get_stats().dynamic_in_use, 0) << "the printer left a block behind";
+        mem_deinit();
         fs::current_path(cwd_);
         fs::remove_all(dir_);
         const char* names[] = {"TMPDIR", "XDG_CONFIG_HOME"};
@@ -107,6 +115,23 @@ TEST_F(LogTest, DisksMapToWorkingConfigAndTempDirectories) {
     tarvik_log_init(plain.c_str());
     tarvik_log("p\n");
     EXPECT_EQ(read_text(plain), "p\n");
+}
+
+TEST_F(LogTest, WritesBeforeFileLayerStartsAndAfterItStops) {
+    v3_deinit();  // the fixture started it; shut down as the program does
+    tarvik_log_init(TARVIK_LOG_FILE);
+    tarvik_log("after deinit\n");
+    mem_new_dynamic(5, "leak");
+    EXPECT_TRUE(mem_free_all());  // the report is written with the file layer down
+    std::string report = read_text(dir_ / "zelfon_log.txt");
+    EXPECT_EQ(report.substr(0, 53), "after deinit\nMEMORY CLEANUP (DYNAMIC)\nFREE 5 leak\nMax");
+    EXPECT_EQ(report.substr(report.size() - 31), "Max storage memory used: 0\n5 0\n");
+    fs::remove(dir_ / "zelfon_log.txt");
+    mem_init();
+    tarvik_log("restarted\n");  // before v3_init
+    v3_init();
+    tarvik_log("up\n");
+    EXPECT_EQ(read_text(dir_ / "zelfon_log.txt"), "restarted\nup\n");
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <sstream>
 #include <string>
 
+#include "engine/file.h"
 #include "engine/log.h"
 #include "engine/memory.h"
 #include "engine/thread.h"
@@ -164,11 +165,16 @@ TEST_F(MemTest, ReportWithoutLeaksHasOnlyStatistics) {
 }
 
 TEST_F(MemTest, StorageLeakAloneIsALeak) {
+    // The only dynamic blocks here are the log printer's: the file layer's record and name
+    // for the log file, held while a message is written.
+    v3_close(v3_open(TARVIK_LOG_FILE, "ab"));
+    std::string log_peak = std::to_string(mem_get_stats().max_dynamic_used);
+    EXPECT_EQ(mem_get_stats().dynamic_in_use, 0);
     mem_new(MEM_STORAGE, 64, "img");
     EXPECT_TRUE(mem_free_all());
     EXPECT_EQ(log_text(),
               "MEMORY CLEANUP (STORAGE)\nFREE 64 img\n"
-              "Max dynamic memory used: 0\nMax storage memory used: 64\n0 64\n");
+              "Max dynamic memory used: " + log_peak + "\nMax storage memory used: 64\n0 64\n");
 }
 
 TEST_F(MemTest, FailedAllocationsKeepFirstErrorAndOldBlock) {
@@ -182,7 +188,7 @@ TEST_F(MemTest, FailedAllocationsKeepFirstErrorAndOldBlock) {
 
     mem_stats st = mem_get_stats();
     EXPECT_EQ(st.error_size, 4294967264);
-    EXPECT_EQ(st.allocations, 3u);
+    EXPECT_EQ(st.allocations, 3u + 3 * 2);  // each message costs the log printer a file record and its name
     EXPECT_EQ(st.dynamic_in_use, 4);
     EXPECT_EQ(log_text(),
               "MEM ALLOC ERROR 4294967264 too_big\nMEM ALLOC ERROR 18446744073709551615 mem_resize\n"

@@ -7,6 +7,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "engine/file.h"
 #include "engine/log.h"
 #include "engine/memory.h"
 
@@ -229,6 +230,7 @@ void PsynthFixture::SetUp() {
     temp_dir = pattern;
     setenv("TMPDIR", temp_dir.c_str(), 1);
     mem_init();
+    v3_init();
     tarvik_log_init(TARVIK_LOG_FILE);
     test_trace_reset();
     psynth_init(0, 44100, 125, 6, &net);
@@ -236,6 +238,7 @@ void PsynthFixture::SetUp() {
 
 void PsynthFixture::TearDown() {
     psynth_close(&net);
+    v3_deinit();
     EXPECT_FALSE(mem_free_all()) << "the net left blocks behind";
     tarvik_log_close();
     mem_deinit();

@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "engine/file.h"
 #include "engine/log.h"
 #include "engine/memory.h"
 
@@ -45,6 +46,7 @@ void SongFixture::SetUp() {
     std::filesystem::create_directories(temp_dir);
     setenv("TMPDIR", temp_dir.c_str(), 1);
     mem_init();
+    v3_init();
     tarvik_log_init(TARVIK_LOG_FILE);
     ASSERT_EQ(zelfon_song_init(0, 44100, &song), 0);
     song.net->global_volume = 256;
@@ -52,6 +54,7 @@ void SongFixture::SetUp() {
 
 void SongFixture::TearDown() {
     zelfon_song_close(&song);
+    v3_deinit();
     EXPECT_FALSE(mem_free_all());
     tarvik_log_close();
     mem_deinit();
