@@ -6,3 +6,11 @@
 
 intptr_t psynth_generator(int mod_num, psynth_event* event, psynth_net* net);  // generator.cpp
 intptr_t psynth_sampler(int mod_num, psynth_event* event, psynth_net* net);    // sampler.cpp
+
+// The module types that can be created by name (psynth_registry.cpp). Handlers answer
+// GET_SYNTH_NAME for module index −1 without touching the net.
+int psynth_get_module_types_count();
+psynth_handler psynth_get_module_type(int n);
+const char* psynth_get_module_type_name(psynth_handler handler);
+// The handler whose type name is `type_name`, or null.
+psynth_handler psynth_find_module_type(const char* type_name);

@@ -639,6 +639,7 @@ int zelfon_render(const zelfon_render_request* request, zelfon_song* song) {
         play_piece(frames, piece_time, song);
         psynth_set_render_params(frames, piece_time, song->line, song->tick, song->playing, net);
         psynth_render_all(net);
+        if (song->piece_hook) song->piece_hook(song->piece_hook_data, frames, song);
         write_output(request, first, frames, net);
         psynth_clear_events(net);
         tarvik_mutex_unlock(&net->mutex);

@@ -203,6 +203,11 @@ struct zelfon_song {
     zelfon_live_cell_ring* live_ring;
     zelfon_midi_event_ring* midi_ring;
     int loaded;  // 1 once the song may be rendered
+
+    // Called after every net pass of zelfon_render, with the net's outputs of the piece
+    // still in place (export appends them to its files). Null when nobody listens.
+    void (*piece_hook)(void* hook_data, int frames, zelfon_song* song);
+    void* piece_hook_data;
 };
 
 // ---- Song life (song.cpp) ----

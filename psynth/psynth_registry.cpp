@@ -1,0 +1,35 @@
+// The module types the net can create by name: what a song file's module type names
+// ("Generator", "Sampler", ...) turn into when a song is loaded.
+#include <cstring>
+
+#include "psynth/psynth_modules.h"
+
+namespace {
+
+const psynth_handler kModuleTypes[] = {
+    psynth_generator,
+    psynth_sampler,
+};
+
+}  // namespace
+
+int psynth_get_module_types_count() { return (int)(sizeof(kModuleTypes) / sizeof(kModuleTypes[0])); }
+
+psynth_handler psynth_get_module_type(int n) {
+    return n >= 0 && n < psynth_get_module_types_count() ? kModuleTypes[n] : nullptr;
+}
+
+const char* psynth_get_module_type_name(psynth_handler handler) {
+    psynth_event event = {};
+    event.command = PS_CMD_GET_SYNTH_NAME;
+    return handler ? (const char*)handler(-1, &event, nullptr) : nullptr;
+}
+
+psynth_handler psynth_find_module_type(const char* type_name) {
+    if (!type_name) return nullptr;
+    for (psynth_handler handler : kModuleTypes) {
+        const char* name = psynth_get_module_type_name(handler);
+        if (name && strcmp(name, type_name) == 0) return handler;
+    }
+    return nullptr;
+}
