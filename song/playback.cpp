@@ -555,13 +555,14 @@ static int ring_push(Ring* ring, const Entry& entry) {
     return 0;
 }
 
-// Single-consumer drain of the entries whose time has come, oldest first.
+// Single-consumer drain of the entries whose time has come, oldest first (with `all`,
+// of every entry whatever its time).
 template <class Ring, class Play>
-static void ring_take_due(Ring* ring, tarvik_ticks now, Play play) {
+static void ring_take_due(Ring* ring, tarvik_ticks now, Play play, bool all = false) {
     for (;;) {
         int r = ring->read.load(std::memory_order_relaxed);
         if (r == ring->write.load(std::memory_order_acquire)) return;
-        if (!is_due(ring->entries[r].t, now)) return;
+        if (!all && !is_due(ring->entries[r].t, now)) return;
         play(ring->entries[r]);
         ring->read.store((r + 1) % ZELFON_RING_SIZE, std::memory_order_release);
     }
@@ -645,6 +646,32 @@ int zelfon_render(const zelfon_render_request* request, zelfon_song* song) {
         tarvik_mutex_unlock(&net->mutex);
     }
     return 1;
+}
+
+// ---- Export ----
+
+void zelfon_reset_transport_for_export(zelfon_song* song) {
+    if (!song || !song->net || !song->net->modules || !song->live_ring || !song->midi_ring) return;
+    tarvik_mutex_lock(&song->net->mutex);
+    // The stop or clean cell just posted (and anything else waiting) is taken now: left in
+    // the ring it would reach the export's first piece and could stop the export itself.
+    ring_take_due(
+        song->live_ring, 0, [&](const zelfon_live_cell& e) { play_live_cell(&e.cell, e.track, 0, song); }, true);
+    ring_take_due(
+        song->midi_ring, 0, [&](const zelfon_live_midi_event& e) { play_live_midi(&e, 0, song); }, true);
+    stop_playing(0, song);
+    // Every export starts from the same state, whatever played before it.
+    send_to_every_module(PS_CMD_CLEAN, 0, song->net);
+    forget_live_notes(song);
+    song->random_seed = 0;
+    song->last_bpm = -1;
+    song->last_speed = -1;
+    zelfon_sort_patterns(song);
+    song->start_line = 0;
+    song->start_bpm = song->bpm;
+    song->start_speed = song->speed;
+    start_playing(song);
+    tarvik_mutex_unlock(&song->net->mutex);
 }
 
 // ---- Interface thread ----

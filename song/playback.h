@@ -45,6 +45,12 @@ void zelfon_set_stop_at_end(int stop_at_end, zelfon_song* song);
 // take it, at most about two seconds. Returns 1 when it was not playing.
 int zelfon_stop(zelfon_song* song);
 
+// Export only, after zelfon_stop, with no other thread rendering: takes whatever waits in
+// the live rings, stops, cleans every module, frees the track-state sets and starts playing
+// from line 0 at the song's own tempo, so that line 0 starts with the next piece rendered.
+// Takes the net's mutex.
+void zelfon_reset_transport_for_export(zelfon_song* song);
+
 // Posts a cell to be played on live track `track` (0..31). Returns 0, or 1 when the ring is full.
 int zelfon_send_live_cell(const zelfon_cell* cell, int track, zelfon_song* song);
 // Posts a live note from the MIDI keyboard. Returns 0, or 1 when the ring is full.
