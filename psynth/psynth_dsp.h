@@ -21,3 +21,22 @@ inline int16_t psynth_apply_gain(int16_t sample, int32_t gain) {
 inline int16_t psynth_add_wrap(int16_t a, int16_t b) {
     return (int16_t)(uint16_t)((uint16_t)a + (uint16_t)b);
 }
+
+// ---- Helpers of the effect modules ----
+
+// x >> bits rounding toward zero: the rule for every shifted product of a sample,
+// so that a negative signal is scaled exactly like its mirror image.
+inline int64_t psynth_shr_toward_zero(int64_t x, int bits) {
+    return x < 0 ? -((-x) >> bits) : x >> bits;
+}
+
+// A 32-bit value truncated to a 16-bit sample (wraps: nothing clips inside the net).
+inline int16_t psynth_wrap16(int32_t x) { return (int16_t)(uint16_t)(uint32_t)x; }
+
+// Moves `value` toward `target` by at most `step`, never past the target.
+// Used by the control-rate smoothing of effect parameters.
+inline int32_t psynth_glide_toward(int32_t value, int32_t target, int32_t step) {
+    if (value < target) return target - value > step ? value + step : target;
+    if (value > target) return value - target > step ? value - step : target;
+    return value;
+}

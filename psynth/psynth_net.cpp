@@ -90,7 +90,11 @@ static void build_starter_net(int bpm, int ticks_per_line, psynth_net* net) {
         *mod->ctls[STARTER_SUSTAIN_CTL].value = 0;
     }
     psynth_do_command(generator, PS_CMD_SETUP_FINISHED, net);
-    psynth_make_link(0, generator, net);
+    int echo = psynth_add_synth(-1, psynth_echo, nullptr, 0, 512, 512, bpm, ticks_per_line, net);
+    if (echo < 0) return;
+    psynth_do_command(echo, PS_CMD_SETUP_FINISHED, net);
+    psynth_make_link(0, echo, net);
+    psynth_make_link(echo, generator, net);
 }
 
 void psynth_init(int flags, int sampling_rate, int bpm, int ticks_per_line, psynth_net* net) {

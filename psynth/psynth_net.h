@@ -204,7 +204,7 @@ struct psynth_net {
 // ---- Net life (psynth_net.cpp) ----
 
 // Sets up an empty net with the Output module in slot 0; with flags bit 0 also the
-// starter net (a plucked Generator, module 1, linked into OUT). GUI thread.
+// starter net: a plucked Generator (1) through an Echo (2) into OUT. GUI thread.
 void psynth_init(int flags, int sampling_rate, int bpm, int ticks_per_line, psynth_net* net);
 // Removes every module and frees everything the net owns. GUI thread.
 void psynth_close(psynth_net* net);

@@ -9,6 +9,10 @@ namespace {
 const psynth_handler kModuleTypes[] = {
     psynth_generator,
     psynth_sampler,
+    psynth_echo,
+    psynth_delay,
+    psynth_loop,
+    psynth_filter,
 };
 
 }  // namespace

@@ -1,0 +1,101 @@
+// Helpers of the effect module tests: a source module that plays any function of
+// (channel, absolute frame), effect chains into OUT, and a check of a module's
+// registered controllers against the table a module file documents.
+#pragma once
+
+#include <climits>
+#include <cstring>
+#include <initializer_list>
+#include <string>
+
+#include "test_modules.h"
+
+typedef int (*signal_fn)(int channel, int frame);
+
+struct signal_source_data {
+    signal_fn fn;
+    int frame;        // absolute frame of the next render piece
+    int silent_from;  // pieces starting at or after this absolute frame are silent
+};
+
+inline intptr_t signal_source(int mod_num, psynth_event* event, psynth_net* net) {
+    switch (event->command) {
+    case PS_CMD_GET_DATA_SIZE: return sizeof(signal_source_data);
+    case PS_CMD_GET_SYNTH_NAME: return (intptr_t) "Signal";
+    case PS_CMD_GET_OUTPUTS_NUM: return 2;
+    case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_GENERATOR;
+    case PS_CMD_INIT: return 1;
+    case PS_CMD_RENDER_REPLACE: {
+        psynth_module* mod = &net->modules[mod_num];
+        signal_source_data* d = (signal_source_data*)mod->data;
+        int t = d->frame;
+        d->frame += mod->render_frames;
+        if (!d->fn || t >= d->silent_from) return 0;
+        for (int c = 0; c < mod->output_channels; c++) {
+            for (int k = 0; k < mod->render_frames; k++) {
+                mod->output_buffers[c][mod->render_offset + k] = (psynth_sample)d->fn(c, t + k);
+            }
+        }
+        return 1;
+    }
+    default: return 0;
+    }
+}
+
+// A source playing fn on `channels` (1 or 2) outputs until absolute frame silent_from.
+inline int add_signal_source(psynth_net* net, signal_fn fn, int channels = 2, int silent_from = INT_MAX) {
+    int m = psynth_add_synth(-1, signal_source, nullptr, 0, 0, 0, 125, 6, net);
+    signal_source_data* d = (signal_source_data*)net->modules[m].data;
+    d->fn = fn;
+    d->frame = 0;
+    d->silent_from = silent_from;
+    psynth_set_number_of_outputs(m, channels, net);
+    return m;
+}
+
+inline void set_silent_from(psynth_net* net, int src, int frame) {
+    ((signal_source_data*)net->modules[src].data)->silent_from = frame;
+}
+
+// Adds an effect of `handler` fed by `src` (if ≥ 0) and feeding OUT; returns its index.
+inline int add_effect(psynth_net* net, psynth_handler handler, int src) {
+    int fx = psynth_add_synth(-1, handler, nullptr, 0, 0, 0, 125, 6, net);
+    psynth_do_command(fx, PS_CMD_SETUP_FINISHED, net);
+    if (src >= 0) psynth_make_link(fx, src, net);
+    psynth_make_link(0, fx, net);
+    return fx;
+}
+
+inline void set_ctl(psynth_net* net, int m, int ctl, int value) { *net->modules[m].ctls[ctl].value = value; }
+
+struct ctl_expect {
+    const char* name;
+    const char* units;
+    int min, max, def, type;
+};
+
+// "" when the module registered exactly these controllers in this order, else the first difference.
+inline std::string check_ctls(psynth_net* net, int m, std::initializer_list<ctl_expect> want) {
+    const psynth_module* mod = &net->modules[m];
+    if (mod->ctls_count != (int)want.size()) return "count " + std::to_string(mod->ctls_count);
+    int i = 0;
+    for (const ctl_expect& w : want) {
+        const psynth_ctl& c = mod->ctls[i];
+        if (strcmp(c.name, w.name) || strcmp(c.units, w.units) || c.min != w.min || c.max != w.max ||
+            c.def != w.def || c.type != w.type || *c.value != w.def) {
+            return "controller " + std::to_string(i) + " (" + c.name + ")";
+        }
+        i++;
+    }
+    return "";
+}
+
+// Sends a command with a given event to a module through the net's event path.
+inline void queue_controller(psynth_net* net, int m, int ctl, int value, int offset = 0) {
+    queue_event(net, m, PS_CMD_SET_GLOBAL_CONTROLLER, offset, -1, ctl, value);
+}
+
+// Product of a sample and a 256-unity gain brought back toward zero, written plainly
+// for the references of the tests.
+inline int gain256(int x, int g) { return x * g / 256; }
+inline int wrap16(int x) { return (int16_t)(uint16_t)(unsigned)x; }
