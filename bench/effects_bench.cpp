@@ -56,11 +56,13 @@ void BM_Delay(benchmark::State& state) { run_effect(state, psynth_delay, {}); }
 void BM_Loop(benchmark::State& state) { run_effect(state, psynth_loop, {{3, 2}}); }    // Repeats 2
 void BM_FilterHQ(benchmark::State& state) { run_effect(state, psynth_filter, {{1, 3000}, {2, 800}, {9, 128}}); }
 void BM_FilterLQ(benchmark::State& state) { run_effect(state, psynth_filter, {{1, 3000}, {2, 800}, {5, 2}}); }
+void BM_Reverb(benchmark::State& state) { run_effect(state, psynth_reverb, {}); }  // HQ: 16 combs, 8 allpasses
 
 BENCHMARK(BM_Echo);
 BENCHMARK(BM_Delay);
 BENCHMARK(BM_Loop);
 BENCHMARK(BM_FilterHQ);
 BENCHMARK(BM_FilterLQ);
+BENCHMARK(BM_Reverb);
 
 }  // namespace

@@ -2,6 +2,7 @@
 // rule is written once. Samples are 16-bit (13.3); gains use 256 as unity.
 #pragma once
 
+#include <cmath>
 #include <cstdint>
 
 constexpr int PSYNTH_GAIN_SHIFT = 8;
@@ -40,3 +41,46 @@ inline int32_t psynth_glide_toward(int32_t value, int32_t target, int32_t step) 
     if (value > target) return value - target > step ? value - step : target;
     return value;
 }
+
+// ---- 32-bit integer arithmetic (Reverb, Compressor) ----
+
+// A value truncated to 32 bits (wraps). Products and sums are formed in 64 bits and
+// brought back here before any shift, which gives exactly the 32-bit wrap-around
+// results without undefined overflow.
+inline int32_t psynth_wrap32(int64_t x) { return (int32_t)x; }
+
+// x × gain / 256 toward zero, the product wrapped at 32 bits first: the rule for a
+// 32-bit state scaled by a coefficient with 256 as unity.
+inline int32_t psynth_gain32(int32_t x, int32_t gain) {
+    return psynth_div256_toward_zero(psynth_wrap32((int64_t)x * gain));
+}
+
+// ---- DC blocker ----
+// y[n] = x[n] − x[n−1] + (1 − c/32768) · y[n−1] in 17.15 fixed point, kept as an
+// accumulator so the fraction of each step carries into the next.
+
+constexpr int PSYNTH_DC_SHIFT = 15;
+constexpr double PSYNTH_DC_POLE_HZ_2PI = 31.41592653;  // 2π × 5 Hz: where the blocker cuts
+
+struct psynth_dc_blocker {
+    int32_t acc;     // the output × 32768 with its fraction
+    int32_t x_prev;  // previous input × 32768
+    int32_t y_prev;  // previous output
+};
+
+// The feedback coefficient c for a sampling rate: round(2π·5 / rate × 32768) (23 at 44100).
+inline int32_t psynth_dc_blocker_coef(int sampling_rate) {
+    if (sampling_rate < 1) sampling_rate = 1;
+    return (int32_t)std::lround(PSYNTH_DC_POLE_HZ_2PI / sampling_rate * (1 << PSYNTH_DC_SHIFT));
+}
+
+// One sample through the blocker; the accumulator wraps at 32 bits, y is floored.
+inline int32_t psynth_dc_block(psynth_dc_blocker* st, int32_t x, int32_t coef) {
+    int32_t acc = psynth_wrap32((int64_t)st->acc - st->x_prev);
+    st->x_prev = psynth_wrap32((int64_t)x << PSYNTH_DC_SHIFT);
+    acc = psynth_wrap32((int64_t)acc + st->x_prev - (int64_t)st->y_prev * coef);
+    st->acc = acc;
+    st->y_prev = acc >> PSYNTH_DC_SHIFT;
+    return st->y_prev;
+}
+

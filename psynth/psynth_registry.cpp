@@ -13,6 +13,7 @@ const psynth_handler kModuleTypes[] = {
     psynth_delay,
     psynth_loop,
     psynth_filter,
+    psynth_reverb,
 };
 
 }  // namespace
