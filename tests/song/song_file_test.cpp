@@ -1,0 +1,625 @@
+// Song and module files through the real file layer: byte-exact layout, save → load → save
+// identity, slot numbers kept across empty slots, clones bound after reading, unknown and
+// damaged input, module files with and without position and links, and saves that fail.
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "engine/file.h"
+#include "engine/log.h"
+#include "engine/memory.h"
+#include "psynth/psynth_modules.h"
+#include "psynth/sampler.h"
+#include "song/chunks.h"
+#include "song/module_file.h"
+#include "song/song_file.h"
+#include "song_test_util.h"
+
+namespace {
+
+using bytes = std::vector<uint8_t>;
+
+const char kFullName[] = "Thirty-two characters, no less!!";  // exactly 32
+static_assert(sizeof(kFullName) == 33);
+
+bytes read_file(const char* path) {
+    bytes out;
+    int fd = v3_open(path, "rb");
+    if (!fd) return out;
+    uint8_t buf[4096];
+    size_t n;
+    while ((n = v3_read(buf, 1, sizeof(buf), fd)) > 0) out.insert(out.end(), buf, buf + n);
+    v3_close(fd);
+    return out;
+}
+
+void write_file(const char* path, const bytes& data) {
+    int fd = v3_open(path, "wb");
+    ASSERT_NE(fd, 0);
+    if (!data.empty()) {
+        ASSERT_EQ(v3_write(data.data(), 1, data.size(), fd), data.size());
+    }
+    ASSERT_EQ(v3_close(fd), 0);
+}
+
+// Bytes from hexadecimal text; blanks are ignored.
+bytes hex(const std::string& text) {
+    bytes out;
+    std::string digits;
+    for (char c : text) {
+        if (c != ' ') digits += c;
+    }
+    for (size_t i = 0; i + 1 < digits.size(); i += 2) out.push_back((uint8_t)std::stoi(digits.substr(i, 2), nullptr, 16));
+    return out;
+}
+
+struct chunk_view {
+    std::string id;
+    uint32_t size;
+    size_t offset;  // of the header
+    int32_t value;  // first 4 data bytes, 0 when fewer
+};
+
+// Splits a file into its chunks (the file must be whole).
+std::vector<chunk_view> chunks_of(const bytes& file) {
+    std::vector<chunk_view> out;
+    for (size_t pos = 0; pos + 8 <= file.size();) {
+        uint32_t size = file[pos + 4] | file[pos + 5] << 8 | file[pos + 6] << 16 | (uint32_t)file[pos + 7] << 24;
+        int32_t value = 0;
+        if (size >= 4) memcpy(&value, &file[pos + 8], 4);
+        out.push_back({std::string((const char*)&file[pos], 4), size, pos, value});
+        pos += 8 + size;
+    }
+    return out;
+}
+
+int count_ids(const std::vector<chunk_view>& chunks, const std::string& id) {
+    int n = 0;
+    for (const chunk_view& c : chunks) n += c.id == id;
+    return n;
+}
+
+const chunk_view* find_id(const std::vector<chunk_view>& chunks, const std::string& id) {
+    for (const chunk_view& c : chunks) {
+        if (c.id == id) return &c;
+    }
+    return nullptr;
+}
+
+bytes chunk_bytes(const std::string& id, const bytes& data) {
+    bytes out(id.begin(), id.end());
+    uint32_t size = (uint32_t)data.size();
+    for (int i = 0; i < 4; i++) out.push_back((uint8_t)(size >> (8 * i)));
+    out.insert(out.end(), data.begin(), data.end());
+    return out;
+}
+
+class SongFileTest : public SongFixture {
+protected:
+    bytes save(const char* path = "3:/song.zelfon") {
+        EXPECT_EQ(zelfon_save_song(path, ZELFON_VERSION_MAJOR, ZELFON_VERSION_MINOR, &song), 0);
+        return read_file(path);
+    }
+
+    int load(const char* path = "3:/song.zelfon") { return zelfon_load_song(path, &song); }
+
+    int add_module(psynth_handler handler, const char* name, int x, int y) {
+        int mod = psynth_add_synth(-1, handler, name, 0, x, y, song.bpm, song.speed, song.net);
+        psynth_do_command(mod, PS_CMD_SETUP_FINISHED, song.net);
+        return mod;
+    }
+
+    psynth_module& module(int mod) { return song.net->modules[mod]; }
+
+    // A Sampler with one 16-bit sample of 5 frames at 9001 Hz.
+    int add_sampler(int x, int y) {
+        int mod = add_module(psynth_sampler, kFullName, x, y);
+        psynth_new_chunk(mod, psynth_sampler_header_chunk(0), sizeof(psynth_sampler_sample), 0, 0, song.net);
+        auto* header = (psynth_sampler_sample*)psynth_get_chunk(mod, psynth_sampler_header_chunk(0), song.net);
+        header->length = 5;
+        header->type = PSYNTH_SAMPLER_FORMAT_INT16 << PSYNTH_SAMPLER_FORMAT_SHIFT | PSYNTH_SAMPLER_LOOP_FORWARD;
+        psynth_new_chunk(mod, psynth_sampler_data_chunk(0), 10, 0, 9001, song.net);
+        int16_t* frames = (int16_t*)psynth_get_chunk(mod, psynth_sampler_data_chunk(0), song.net);
+        for (int i = 0; i < 5; i++) frames[i] = (int16_t)(-3000 + 1234 * i);
+        psynth_do_command(mod, PS_CMD_SETUP_FINISHED, song.net);
+        return mod;
+    }
+
+    // Patterns: a clone in slot 0 of the parent in slot 2, an empty slot 1, a pattern used
+    // only in track 0 in slot 3. Modules: Generator (1), an empty slot (2), Sampler (3),
+    // Generator → Sampler → OUT, all with odd settings.
+    void build_rich_song() {
+        song.bpm = 173;
+        song.speed = 5;
+        song.net->global_volume = 317;
+        song.name = mem_strdup("Rich song \xC3\xA9");
+
+        ASSERT_EQ(new_pattern_with_num(2, 19, 6, -7, 11, 3, &song), 2);
+        ASSERT_EQ(zelfon_clone_pattern(2, 45, -2, &song), 0);
+        ASSERT_EQ(new_pattern_with_num(3, 9, 8, 64, 3, 4, &song), 3);
+        zelfon_pattern* parent = song.pats[2];
+        parent->ysize = 41;
+        parent->fg[0] = 1, parent->fg[1] = 2, parent->fg[2] = 3;
+        parent->bg[0] = 250, parent->bg[1] = 251, parent->bg[2] = 252;
+        parent->icon[0] = 0x8001;
+        parent->icon[15] = 0xFFFF;
+        cell(2, 0, 0) = note_cell(37, 2, 99, 0x0F, 0x1234);
+        cell(2, 4, 18) = zelfon_cell{128, 0, 0x0101, 0x21, 7, 0xFFFF};
+        cell(2, 5, 3) = zelfon_cell{0, 0, 0x0100, 0, 0, 0};  // reads as empty: module's low byte 0
+        song.pats_info[3].flags = 0x30;
+        cell(3, 0, 8) = note_cell(120, 4);
+
+        int gen = add_module(psynth_generator, "Gen", -120, 77);
+        int spare = add_module(psynth_generator, nullptr, 0, 0);
+        int smp = add_sampler(333, -44);
+        psynth_remove_synth(spare, song.net);
+        ASSERT_EQ(gen, 1);
+        ASSERT_EQ(smp, 3);
+        module(gen).finetune = -37;
+        module(gen).relative_note = 5;
+        module(gen).flags |= PSYNTH_FLAG_MUTE;
+        module(gen).color[1] = 9;
+        *module(gen).ctls[0].value = 201;
+        *module(gen).ctls[2].value = module(gen).ctls[2].max;
+        int8_t* drawn = (int8_t*)psynth_get_chunk(gen, 0, song.net);
+        drawn[0] = -128;
+        drawn[31] = 127;
+        psynth_new_chunk(gen, 5, 7, 0x10, 9001, song.net);
+        memcpy(psynth_get_chunk(gen, 5, song.net), "\x01\x02\x03\x04\x05\x06\x07", 7);
+        module(smp).relative_note = -12;
+        psynth_set_midi_prog(smp, 300, 77, song.net);
+        psynth_open_midi_out(smp, "Port nine", 7, song.net);
+        psynth_make_link(smp, gen, song.net);
+        psynth_make_link(0, smp, song.net);
+    }
+};
+
+// ---- Layout ----
+
+TEST_F(SongFileTest, MinimalSongMatchesHandWrittenBytes) {
+    song.bpm = 140;
+    song.speed = 3;
+    song.net->global_volume = 200;
+    song.name = mem_strdup("Ab");
+    ASSERT_EQ(new_pattern_with_num(0, 2, 4, -1, 6, 1, &song), 0);
+    song.pats[0]->icon[0] = 0x0180;
+    memset(&song.pats[0]->icon[1], 0, 30);
+    cell(0, 1, 1) = zelfon_cell{0x31, 0x41, 0x0002, 0x0F, 0x03, 0xBEEF};
+
+    bytes expected = hex(
+        "5A464F4E 00000000"                     // ZFON
+        "56455253 04000000 00040601"            // VERS 1.6.4
+        "42504D20 04000000 8C000000"            // BPM 140
+        "53504544 04000000 03000000"            // SPED 3
+        "47564F4C 04000000 C8000000"            // GVOL 200
+        "4E414D45 03000000 416200"              // NAME "Ab" with its terminator
+        "50445441 20000000"                     // PDTA: 2 lines of 2 tracks
+        "0000000000000000 0000000000000000"
+        "0000000000000000 314102000F03EFBE"
+        "5043484E 04000000 02000000"            // PCHN 2
+        "504C494E 04000000 02000000"            // PLIN 2
+        "5059535A 04000000 20000000"            // PYSZ 32
+        "5049434F 20000000 8001" + std::string(60, '0') +  // PICO
+        "50464743 03000000 E8ECC8"              // PFGC
+        "50424743 03000000 2C3E60"              // PBGC
+        "50464646 04000000 00000000"            // PFFF
+        "50585858 04000000 FFFFFFFF"            // PXXX −1
+        "50595959 04000000 06000000"            // PYYY 6
+        "50454E44 00000000"                     // PEND
+        "53464646 04000000 43000000"            // SFFF: in use, output, initialised
+        "534E414D 20000000 4F5554" + std::string(58, '0') +  // SNAM "OUT"
+        "5346494E 04000000 00000000"            // SFIN
+        "5352454C 04000000 00000000"            // SREL
+        "53585858 04000000 80030000"            // SXXX 896
+        "53595959 04000000 00020000"            // SYYY 512
+        "53434F4C 03000000 FFFFFF"              // SCOL white
+        "534D4943 04000000 00000000"            // SMIC
+        "534D4942 04000000 FFFFFFFF"            // SMIB −1
+        "534D4950 04000000 FFFFFFFF"            // SMIP −1
+        "534C4E4B 00000000"                     // SLNK: no links
+        "53454E44 00000000"                     // SEND
+        "53454E44 00000000 53454E44 00000000 53454E44 00000000");  // slots 1..3 empty
+    EXPECT_EQ(save(), expected);
+}
+
+TEST_F(SongFileTest, VersionTextsBecomeBytesZeroPatchMinorMajor) {
+    EXPECT_EQ(zelfon_version_value("1", "6.4"), 0x01060400u);
+    EXPECT_EQ(zelfon_version_value("2", "10"), 0x020A0000u);
+}
+
+// ---- Round trips ----
+
+TEST_F(SongFileTest, SaveLoadSaveGivesIdenticalBytes) {
+    build_rich_song();
+    bytes first = save();
+    ASSERT_EQ(load(), 0);
+    EXPECT_EQ(save("3:/again.zelfon"), first);
+
+    EXPECT_EQ(song.loaded, 1);
+    EXPECT_EQ(song.bpm, 173);
+    EXPECT_EQ(song.speed, 5);
+    EXPECT_EQ(song.net->global_volume, 317);
+    EXPECT_STREQ(song.name, "Rich song \xC3\xA9");
+    EXPECT_EQ(song.pats[0], song.pats[2]);  // the clone came before its parent
+    EXPECT_EQ(song.pats_info[0].parent, 2);
+    EXPECT_EQ(song.pats_info[0].x, 45);
+    EXPECT_EQ(song.pats[1], nullptr);
+    EXPECT_EQ(song.pats[2]->channels, 5);  // track 5 held only an "empty" cell
+    EXPECT_EQ(song.pats[2]->lines, 19);
+    EXPECT_EQ(song.pats[2]->ysize, 41);
+    EXPECT_EQ(song.pats_info[2].x, -7);
+    EXPECT_EQ(cell(2, 4, 18).value, 0xFFFF);
+    EXPECT_EQ(cell(2, 0, 0).note, 37);
+    EXPECT_EQ(song.pats[3]->channels, 1);
+    EXPECT_EQ(song.pats_info[3].flags, 0x30u);
+    EXPECT_EQ(song.sorted_pats_count, 3);
+
+    EXPECT_EQ(module(2).flags, 0u);  // the empty module slot stays empty
+    EXPECT_STREQ(module(1).name, "Gen");
+    EXPECT_STREQ(module(3).name, kFullName);
+    EXPECT_EQ(module(1).handler, psynth_generator);
+    EXPECT_EQ(module(3).handler, psynth_sampler);
+    EXPECT_NE(module(1).flags & PSYNTH_FLAG_MUTE, 0u);
+    EXPECT_EQ(module(1).finetune, -37);
+    EXPECT_EQ(module(1).x, -120);
+    EXPECT_EQ(*module(1).ctls[0].value, 201);
+    int size = 0, flags = 0, rate = 0;
+    ASSERT_EQ(psynth_get_chunk_info(1, 5, &size, &flags, &rate, song.net), 0);
+    EXPECT_EQ(size, 7);
+    EXPECT_EQ(flags, 0x10);
+    EXPECT_EQ(rate, 9001);
+    ASSERT_EQ(psynth_get_chunk_info(3, psynth_sampler_data_chunk(0), &size, &flags, &rate, song.net), 0);
+    EXPECT_EQ(flags, PSYNTH_SAMPLER_STORAGE_INT16);
+    EXPECT_EQ(rate, 9001);
+    EXPECT_EQ(((int16_t*)psynth_get_chunk(3, psynth_sampler_data_chunk(0), song.net))[4], -3000 + 4 * 1234);
+    EXPECT_STREQ(module(3).midi_out_name, "Port nine");
+    EXPECT_EQ(module(3).midi_out_channel, 7);
+    EXPECT_EQ(module(3).midi_out_bank, 300);
+    // Links were made in both directions, also towards modules read later.
+    EXPECT_EQ(module(0).input_links[0], 3);
+    EXPECT_EQ(module(3).output_links[0], 0);
+    EXPECT_EQ(module(3).input_links[0], 1);
+    EXPECT_EQ(module(1).output_links[0], 3);
+}
+
+TEST_F(SongFileTest, EmptySlotsKeepTheirNumbersAndTrailingOnesAreDropped) {
+    ASSERT_EQ(new_pattern_with_num(0, 4, 2, 0, 0, 1, &song), 0);
+    ASSERT_EQ(new_pattern_with_num(3, 4, 2, 8, 0, 1, &song), 3);
+    ASSERT_EQ(new_pattern_with_num(6, 4, 2, 16, 0, 1, &song), 6);
+    zelfon_remove_pattern(6, &song);
+    bytes file = save();
+    auto chunks = chunks_of(file);
+    EXPECT_EQ(count_ids(chunks, "PEND"), 4);  // slots 0..3: nothing for the trailing empty ones
+    EXPECT_EQ(count_ids(chunks, "PLIN"), 2);
+
+    ASSERT_EQ(load(), 0);
+    EXPECT_NE(song.pats[0], nullptr);
+    EXPECT_EQ(song.pats[1], nullptr);
+    EXPECT_EQ(song.pats[2], nullptr);
+    ASSERT_NE(song.pats[3], nullptr);
+    EXPECT_EQ(song.pats_info[3].x, 8);
+    EXPECT_EQ(song.pats[4], nullptr);
+    EXPECT_EQ(zelfon_get_free_pattern_num(&song), 1);
+}
+
+TEST_F(SongFileTest, PatternUsedOnlyInTrackZeroIsSavedWithOneTrack) {
+    ASSERT_EQ(new_pattern_with_num(0, 3, 8, 0, 0, 1, &song), 0);
+    cell(0, 0, 2) = note_cell(61, 1);
+    auto chunks = chunks_of(save());
+    ASSERT_NE(find_id(chunks, "PCHN"), nullptr);
+    EXPECT_EQ(find_id(chunks, "PCHN")->value, 1);
+    EXPECT_EQ(find_id(chunks, "PDTA")->size, 3u * 8u);
+    ASSERT_EQ(load(), 0);
+    EXPECT_EQ(song.pats[0]->channels, 1);
+    EXPECT_EQ(song.pats[0]->data_xsize, 1);
+    EXPECT_EQ(cell(0, 0, 2).note, 61);
+}
+
+TEST_F(SongFileTest, CloneWhoseParentIsMissingBecomesAnEmptySlot) {
+    bytes file = save();  // no patterns
+    bytes clone = chunk_bytes("PPAR", hex("05000000"));
+    bytes pend = chunk_bytes("PEND", {});
+    bytes body = clone;
+    body.insert(body.end(), pend.begin(), pend.end());
+    file.insert(file.begin() + (long)find_id(chunks_of(file), "SFFF")->offset, body.begin(), body.end());
+    write_file("3:/orphan.zelfon", file);
+    ASSERT_EQ(load("3:/orphan.zelfon"), 0);
+    EXPECT_EQ(song.pats[0], nullptr);
+    EXPECT_EQ(song.pats_info[0].flags, 0u);
+}
+
+TEST_F(SongFileTest, UnknownChunksWithAndWithoutDataAreSkipped) {
+    build_rich_song();
+    bytes file = save();
+    auto chunks = chunks_of(file);
+    bytes junk = chunk_bytes("XTRA", hex("0102030405060708090A0B0C0D"));
+    bytes empty = chunk_bytes("zzzz", {});
+    bytes damaged = file;
+    // Before a pattern's end, inside a module (after its name) and at the very end.
+    damaged.insert(damaged.end(), junk.begin(), junk.end());
+    damaged.insert(damaged.begin() + (long)find_id(chunks, "STYP")->offset, empty.begin(), empty.end());
+    damaged.insert(damaged.begin() + (long)find_id(chunks, "PEND")->offset, junk.begin(), junk.end());
+    write_file("3:/junk.zelfon", damaged);
+    ASSERT_EQ(load("3:/junk.zelfon"), 0);
+    EXPECT_EQ(save("3:/clean.zelfon"), file);
+}
+
+// ---- Damaged and hostile files ----
+
+TEST_F(SongFileTest, EveryTruncationLoadsAndReportsCutChunks) {
+    ASSERT_EQ(new_pattern_with_num(0, 2, 2, 0, 0, 1, &song), 0);
+    cell(0, 1, 1) = note_cell(50, 2);
+    int gen = add_module(psynth_generator, nullptr, 5, 6);
+    psynth_make_link(0, gen, song.net);
+    bytes file = save();
+    std::vector<size_t> boundaries;
+    for (const chunk_view& c : chunks_of(file)) boundaries.push_back(c.offset);
+
+    for (size_t len = 0; len < file.size(); len++) {
+        write_file("3:/cut.zelfon", bytes(file.begin(), file.begin() + (long)len));
+        bool at_boundary = std::find(boundaries.begin(), boundaries.end(), len) != boundaries.end();
+        ASSERT_EQ(load("3:/cut.zelfon"), at_boundary ? 0 : ZELFON_LOAD_ERROR_BLOCK) << "length " << len;
+        ASSERT_EQ(song.loaded, 1);
+    }
+    write_file("3:/whole.zelfon", file);
+    ASSERT_EQ(load("3:/whole.zelfon"), 0);
+    EXPECT_EQ(save("3:/resaved.zelfon"), file);
+}
+
+TEST_F(SongFileTest, CutFileKeepsWhatWasReadAndLogsTheError) {
+    ASSERT_EQ(new_pattern_with_num(0, 2, 2, 12, 0, 1, &song), 0);
+    add_module(psynth_generator, nullptr, 5, 6);
+    bytes file = save();
+    file.resize(find_id(chunks_of(file), "SNAM")->offset + 20);  // inside OUT's name
+    write_file("3:/cut.zelfon", file);
+    EXPECT_EQ(load("3:/cut.zelfon"), ZELFON_LOAD_ERROR_BLOCK);
+    ASSERT_NE(song.pats[0], nullptr);
+    EXPECT_EQ(song.pats_info[0].x, 12);
+    EXPECT_EQ(song.net->modules[1].flags, 0u);
+    bytes text = read_file(TARVIK_LOG_FILE);
+    std::string log(text.begin(), text.end());
+    EXPECT_NE(log.find("zelfon_load_song() error 2\n"), std::string::npos);
+}
+
+TEST_F(SongFileTest, MissingFileIsMinusOneWithAMessage) {
+    EXPECT_EQ(load("3:/no_such.zelfon"), ZELFON_LOAD_CANT_OPEN);
+    bytes log = read_file(TARVIK_LOG_FILE);
+    std::string text(log.begin(), log.end());
+    EXPECT_NE(text.find("Can't open file 3:/no_such.zelfon\n"), std::string::npos);
+}
+
+TEST_F(SongFileTest, AbsurdSizesAndCountsFailWithoutHugeAllocations) {
+    bytes head = chunk_bytes("ZFON", {});
+    struct hostile_case {
+        bytes body;
+        int code;
+    };
+    bytes many_modules;
+    for (int i = 0; i < ZELFON_FILE_MAX_MODULE_SLOTS + 8; i++) {
+        bytes send = chunk_bytes("SEND", {});
+        many_modules.insert(many_modules.end(), send.begin(), send.end());
+    }
+    bytes huge_pattern = chunk_bytes("PLIN", hex("00000040"));  // 2^30 lines, no cells in the file
+    bytes icon = chunk_bytes("PICO", bytes(32, 0));
+    bytes pend = chunk_bytes("PEND", {});
+    huge_pattern.insert(huge_pattern.end(), icon.begin(), icon.end());
+    huge_pattern.insert(huge_pattern.end(), pend.begin(), pend.end());
+    std::vector<hostile_case> cases = {
+        {hex("58585858 F0FFFFFF 0102"), ZELFON_LOAD_ERROR_BLOCK},   // size beyond the file
+        {hex("4E414D45 FFFFFF7F"), ZELFON_LOAD_ERROR_BLOCK},        // a name of 2 GB
+        {chunk_bytes("CHNK", hex("FFFFFF7F")), ZELFON_LOAD_ERROR_CHUNK_TABLE},
+        {huge_pattern, ZELFON_LOAD_ERROR_PATTERN},
+        {many_modules, ZELFON_LOAD_ERROR_MODULE},
+        {bytes{'h', 'e', 'l', 'l', 'o', ' ', 'w', 'o', 'r', 'l', 'd', '\n'}, ZELFON_LOAD_ERROR_BLOCK},  // not a song
+    };
+    for (size_t i = 0; i < cases.size(); i++) {
+        bytes file = i + 1 == cases.size() ? bytes{} : head;
+        file.insert(file.end(), cases[i].body.begin(), cases[i].body.end());
+        write_file("3:/hostile.zelfon", file);
+        int64_t before = mem_get_stats().dynamic_in_use;
+        EXPECT_EQ(load("3:/hostile.zelfon"), cases[i].code) << "case " << i;
+        EXPECT_EQ(mem_get_stats().error_size, 0) << "case " << i;  // nothing too big was even tried
+        EXPECT_LT(mem_get_stats().max_dynamic_used, before + (64 << 20)) << "case " << i;
+        EXPECT_EQ(song.loaded, 1);
+        EXPECT_LE(song.net->slots, ZELFON_FILE_MAX_MODULE_SLOTS);
+    }
+}
+
+TEST_F(SongFileTest, BadLinksTempoAndVolumeAreTamedWhenLoading) {
+    add_module(psynth_generator, nullptr, 0, 0);
+    bytes file = save();
+    auto chunks = chunks_of(file);
+    // OUT's input list: a repeated module, a module that does not exist and a negative number.
+    const chunk_view* slnk = find_id(chunks, "SLNK");
+    bytes links = chunk_bytes("SLNK", hex("01000000 01000000 63000000 FBFFFFFF"));
+    bytes damaged(file.begin(), file.begin() + (long)slnk->offset);
+    damaged.insert(damaged.end(), links.begin(), links.end());
+    damaged.insert(damaged.end(), file.begin() + (long)(slnk->offset + 8 + slnk->size), file.end());
+    // Tempo and volume that the render would divide or overflow by: BPM 0 in one short byte.
+    for (const bytes& c : {chunk_bytes("BPM ", hex("00")), chunk_bytes("SPED", hex("00000000")),
+                           chunk_bytes("GVOL", hex("FFFFFF7F"))}) {
+        damaged.insert(damaged.end(), c.begin(), c.end());
+    }
+    write_file("3:/links.zelfon", damaged);
+    ASSERT_EQ(load("3:/links.zelfon"), 0);
+    ASSERT_EQ(module(0).input_links_capacity, 4);
+    EXPECT_EQ(module(0).input_links[0], 1);
+    EXPECT_EQ(module(0).input_links[1], -1);
+    EXPECT_EQ(module(0).input_links[2], -1);
+    EXPECT_EQ(module(0).input_links[3], -1);
+    EXPECT_EQ(module(1).output_links[0], 0);
+    EXPECT_EQ(song.bpm, ZELFON_BPM_MIN);
+    EXPECT_EQ(song.speed, 1);
+    EXPECT_EQ(song.net->global_volume, 512);
+}
+
+// ---- Saves that fail ----
+
+TEST_F(SongFileTest, FailedSaveLeavesThePreviousFileIntact) {
+    build_rich_song();
+    bytes good = save("3:/keep.zelfon");
+    song.bpm = 99;
+    namespace fs = std::filesystem;
+    fs::path temp = fs::path(temp_dir) / "keep.zelfon.tmp";
+
+    fs::create_directory(temp);  // the temporary file cannot be created
+    EXPECT_EQ(zelfon_save_song("3:/keep.zelfon", "1", "6.4", &song), 1);
+    EXPECT_EQ(read_file("3:/keep.zelfon"), good);
+    fs::remove(temp);
+
+    fs::create_symlink("/dev/full", temp);  // the disk fills up while writing
+    EXPECT_EQ(zelfon_save_song("3:/keep.zelfon", "1", "6.4", &song), 1);
+    EXPECT_EQ(read_file("3:/keep.zelfon"), good);
+    EXPECT_FALSE(fs::exists(fs::symlink_status(temp)));  // the failed temporary file is gone
+
+    EXPECT_EQ(zelfon_save_song("3:/missing_dir/keep.zelfon", "1", "6.4", &song), 1);
+    EXPECT_EQ(zelfon_save_synth(1, "3:/missing_dir/gen.zelsynth", 0, &song), 1);
+    EXPECT_EQ(zelfon_save_synth(2, "3:/empty_slot.zelsynth", 0, &song), 1);  // unused slot
+    EXPECT_TRUE(read_file("3:/empty_slot.zelsynth").empty());
+
+    EXPECT_EQ(zelfon_save_song("3:/keep.zelfon", "1", "6.4", &song), 0);
+    EXPECT_NE(read_file("3:/keep.zelfon"), good);
+    EXPECT_FALSE(fs::exists(fs::symlink_status(temp)));
+}
+
+TEST_F(SongFileTest, ChunkWriterReportsTheStepThatFailed) {
+    write_file("3:/ro.bin", {});
+    int fd = v3_open("3:/ro.bin", "rb");
+    ASSERT_NE(fd, 0);
+    EXPECT_EQ(zelfon_write_chunk("ABCD", 0, nullptr, fd), 1);
+    v3_close(fd);
+    fd = v3_open("3:/w.bin", "wb");
+    EXPECT_EQ(zelfon_write_chunk("ABCD", 3, nullptr, fd), 3);  // data promised but absent
+    v3_close(fd);
+}
+
+// ---- Module files ----
+
+TEST_F(SongFileTest, ModuleFileWithPositionAndLinksRoundTrips) {
+    build_rich_song();
+    ASSERT_EQ(zelfon_save_synth(3, "3:/smp.zelsynth", ZELFON_SYNTH_POS_AND_LINKS, &song), 0);
+    bytes first = read_file("3:/smp.zelsynth");
+    auto chunks = chunks_of(first);
+    ASSERT_GE(chunks.size(), 3u);
+    EXPECT_EQ(chunks[0].id, "ZSYN");
+    EXPECT_EQ(chunks[0].size, 0u);
+    EXPECT_EQ(chunks[1].id, "VERS");
+    EXPECT_EQ(chunks[1].value, 1);
+    EXPECT_EQ(find_id(chunks, "SXXX")->value, 333);
+    EXPECT_EQ(find_id(chunks, "SLNK")->value, 1);
+    EXPECT_EQ(find_id(chunks, "SLNk")->value, 0);
+    EXPECT_EQ(chunks.back().id, "SEND");
+
+    psynth_remove_synth(3, song.net);
+    int mod = zelfon_load_synth(-1, 1, 2, "3:/smp.zelsynth", ZELFON_SYNTH_POS_AND_LINKS, &song);
+    ASSERT_EQ(mod, 2);  // the first free slot
+    EXPECT_EQ(module(mod).x, 333);
+    EXPECT_EQ(module(mod).y, -44);
+    EXPECT_STREQ(module(mod).name, kFullName);
+    EXPECT_EQ(module(mod).input_links[0], 1);
+    EXPECT_EQ(module(1).output_links[0], mod);
+    EXPECT_EQ(module(mod).output_links[0], 0);
+    EXPECT_EQ(module(0).input_links[0], mod);
+    int rate = 0;
+    ASSERT_EQ(psynth_get_chunk_info(mod, psynth_sampler_data_chunk(0), nullptr, nullptr, &rate, song.net), 0);
+    EXPECT_EQ(rate, 9001);
+
+    // Loaded back into slot 3 over whatever is there, it saves the same bytes.
+    ASSERT_EQ(zelfon_load_synth(3, 0, 0, "3:/smp.zelsynth", ZELFON_SYNTH_POS_AND_LINKS, &song), 3);
+    psynth_remove_synth(mod, song.net);
+    ASSERT_EQ(zelfon_save_synth(3, "3:/smp2.zelsynth", ZELFON_SYNTH_POS_AND_LINKS, &song), 0);
+    EXPECT_EQ(read_file("3:/smp2.zelsynth"), first);
+}
+
+TEST_F(SongFileTest, ModuleFileWithoutPositionAndLinks) {
+    build_rich_song();
+    ASSERT_EQ(zelfon_save_synth(1, "3:/gen.zelsynth", 0, &song), 0);
+    bytes first = read_file("3:/gen.zelsynth");
+    auto chunks = chunks_of(first);
+    for (const char* id : {"SXXX", "SYYY", "SLNK", "SLNk"}) EXPECT_EQ(find_id(chunks, id), nullptr) << id;
+    EXPECT_EQ(count_ids(chunks, "CHDT"), 2);
+    EXPECT_EQ(count_ids(chunks, "CVAL"), module(1).ctls_count);
+
+    int mod = zelfon_load_synth(-1, -77, 12, "3:/gen.zelsynth", 0, &song);
+    ASSERT_EQ(mod, 2);
+    EXPECT_EQ(module(mod).x, -77);
+    EXPECT_EQ(module(mod).y, 12);
+    EXPECT_EQ(module(mod).input_links_capacity, 0);
+    EXPECT_EQ(module(mod).output_links_capacity, 0);
+    EXPECT_EQ(*module(mod).ctls[0].value, 201);
+    EXPECT_EQ(memcmp(psynth_get_chunk(mod, 5, song.net), "\x01\x02\x03\x04\x05\x06\x07", 7), 0);
+    ASSERT_EQ(zelfon_save_synth(mod, "3:/gen2.zelsynth", 0, &song), 0);
+    EXPECT_EQ(read_file("3:/gen2.zelsynth"), first);
+
+    // A file with position and links loaded without them: the caller's place, no links.
+    ASSERT_EQ(zelfon_save_synth(3, "3:/smp.zelsynth", ZELFON_SYNTH_POS_AND_LINKS, &song), 0);
+    mod = zelfon_load_synth(-1, 8, 9, "3:/smp.zelsynth", 0, &song);
+    ASSERT_EQ(mod, 4);
+    EXPECT_EQ(module(mod).x, 8);
+    EXPECT_EQ(module(mod).input_links_capacity, 0);
+}
+
+TEST_F(SongFileTest, PasteboardCopiesAModuleThroughItsFile) {
+    build_rich_song();
+    ASSERT_EQ(zelfon_copy_synth_to_pasteboard(1, &song), 0);
+    EXPECT_FALSE(read_file(ZELFON_PASTEBOARD_FILE).empty());
+    int mod = zelfon_paste_synth_from_pasteboard(40, 50, &song);
+    ASSERT_EQ(mod, 2);
+    EXPECT_STREQ(module(mod).name, "Gen");
+    EXPECT_EQ(module(mod).x, 40);
+    EXPECT_EQ(module(mod).input_links_capacity, 0);
+}
+
+TEST_F(SongFileTest, TruncatedModuleFilesGiveNoModule) {
+    build_rich_song();
+    ASSERT_EQ(zelfon_save_synth(1, "3:/gen.zelsynth", ZELFON_SYNTH_POS_AND_LINKS, &song), 0);
+    bytes file = read_file("3:/gen.zelsynth");
+    for (size_t len = 0; len < file.size(); len++) {
+        write_file("3:/cut.zelsynth", bytes(file.begin(), file.begin() + (long)len));
+        ASSERT_EQ(zelfon_load_synth(-1, 0, 0, "3:/cut.zelsynth", ZELFON_SYNTH_POS_AND_LINKS, &song), -1) << len;
+        ASSERT_EQ(module(2).flags, 0u) << len;
+    }
+    EXPECT_EQ(zelfon_load_synth(-1, 0, 0, "3:/none.zelsynth", 0, &song), -1);
+}
+
+// ---- Byte order of data chunks ----
+
+TEST_F(SongFileTest, ChunkSwapFollowsTheStorageFlags) {
+    uint8_t data[7] = {1, 2, 3, 4, 5, 6, 7};
+    zelfon_chunk_swap_bytes(data, sizeof(data), ZELFON_CHUNK_STORAGE_8BIT);
+    EXPECT_EQ(bytes(data, data + 7), (bytes{1, 2, 3, 4, 5, 6, 7}));
+    zelfon_chunk_swap_bytes(data, sizeof(data), ZELFON_CHUNK_STORAGE_16BIT | ZELFON_CHUNK_STORAGE_STEREO);
+    EXPECT_EQ(bytes(data, data + 7), (bytes{2, 1, 4, 3, 6, 5, 7}));
+    zelfon_chunk_swap_bytes(data, sizeof(data), ZELFON_CHUNK_STORAGE_32BIT);
+    EXPECT_EQ(bytes(data, data + 7), (bytes{3, 4, 1, 2, 6, 5, 7}));
+}
+
+// Bytes overwritten at random places (a fixed sequence): every file loads and then plays
+// under the sanitizers without reading out of bounds, dividing by zero or overflowing.
+TEST_F(SongFileTest, RandomlyDamagedSongsLoadAndPlay) {
+    build_rich_song();
+    bytes file = save();
+    uint32_t seed = 12345;
+    auto rnd = [&]() { seed = seed * 1103515245u + 12345u; return (seed >> 16) & 32767; };
+    for (int iter = 0; iter < 300; iter++) {
+        bytes f = file;
+        int flips = 1 + rnd() % 4;
+        for (int k = 0; k < flips; k++) {
+            size_t pos = ((size_t)rnd() << 15 | rnd()) % f.size();
+            f[pos] = (uint8_t)rnd();
+        }
+        write_file("3:/fz.zelfon", f);
+        load("3:/fz.zelfon");
+        render(512, 512);
+        play(0);
+        render(2048, 1024);
+        zelfon_cell stop = note_cell(ZELFON_NOTE_STOP);
+        zelfon_send_live_cell(&stop, 0, &song);
+        render(256, 256);
+        ASSERT_EQ(song.playing, 0);
+    }
+}
+
+}  // namespace
