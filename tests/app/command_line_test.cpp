@@ -1,0 +1,99 @@
+// The headless jobs, driven through the same entry the program uses, on real files.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "app/command_line.h"
+#include "engine/file.h"
+#include "engine/log.h"
+#include "engine/memory.h"
+#include "engine/profile.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const fs::path& temp_root() {
+    static const fs::path root = fs::temp_directory_path();
+    return root;
+}
+
+class CommandLineTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        dir = temp_root() / ("zelfon_cli_test_" + std::to_string(getpid()));
+        fs::create_directories(dir);
+        setenv("TMPDIR", dir.c_str(), 1);
+        mem_init();
+        v3_init();
+        tarvik_log_init(TARVIK_LOG_FILE);
+        profile_new(nullptr);
+    }
+    void TearDown() override {
+        profile_close(nullptr);
+        v3_deinit();
+        EXPECT_FALSE(mem_free_all());
+        tarvik_log_close();
+        mem_deinit();
+        fs::remove_all(dir);
+    }
+    int run(std::vector<std::string> args) {
+        args.insert(args.begin(), "zelfon");
+        std::vector<char*> argv;
+        for (std::string& a : args) argv.push_back(a.data());
+        return zelfon_command_line((int)argv.size(), argv.data());
+    }
+    std::string path(const char* name) const { return (dir / name).string(); }
+    static std::string read(const std::string& p) {
+        std::ifstream f(p, std::ios::binary);
+        return std::string(std::istreambuf_iterator<char>(f), {});
+    }
+    static uint32_t u32(const std::string& bytes, size_t at) {
+        return (uint8_t)bytes[at] | (uint8_t)bytes[at + 1] << 8 | (uint8_t)bytes[at + 2] << 16 | (uint32_t)(uint8_t)bytes[at + 3] << 24;
+    }
+
+    fs::path dir;
+};
+
+TEST_F(CommandLineTest, ExportsTheDemoWhenNoSongIsGiven) {
+    ASSERT_EQ(run({"export", path("demo.wav"), "--format", "float32"}), 0);
+    std::string wav = read(path("demo.wav"));
+    ASSERT_GE(wav.size(), 44u);
+    EXPECT_EQ(wav.substr(0, 4), "RIFF");
+    EXPECT_EQ(u32(wav, 40), 400u * 5292 * 2 * 4);  // 400 lines of 5292 frames, stereo float
+    EXPECT_EQ(wav.size(), 44 + u32(wav, 40));
+    EXPECT_EQ((uint8_t)wav[20], 3);  // float format tag
+}
+
+TEST_F(CommandLineTest, DemoSongFileRoundTripsThroughInfoAndExport) {
+    ASSERT_EQ(run({"demo", path("demo.zelfon")}), 0);
+    EXPECT_EQ(read(path("demo.zelfon")).substr(0, 4), "ZFON");
+    EXPECT_EQ(run({"info", path("demo.zelfon")}), 0);
+    ASSERT_EQ(run({"export", path("demo.zelfon"), path("from_file.wav")}), 0);
+    ASSERT_EQ(run({"export", path("built.wav")}), 0);
+    EXPECT_EQ(read(path("from_file.wav")), read(path("built.wav")));  // the saved song plays the same
+    ASSERT_EQ(run({"export-midi", path("demo.zelfon"), path("demo.mid")}), 0);
+    EXPECT_EQ(read(path("demo.mid")).substr(0, 4), "MThd");
+}
+
+TEST_F(CommandLineTest, ErrorsExitNonZeroAndLeaveNothingBehind) {
+    EXPECT_NE(run({"info", path("missing.zelfon")}), 0);
+    std::ofstream(path("garbage.zelfon")) << "not a song at all";
+    EXPECT_NE(run({"export", path("garbage.zelfon"), path("out.wav")}), 0);
+    EXPECT_FALSE(fs::exists(path("out.wav")));
+    EXPECT_NE(run({"export", path("no_such_dir/out.wav")}), 0);
+    EXPECT_NE(run({"export", path("out.wav"), "--mode", "sideways"}), 0);
+    EXPECT_NE(run({"export", path("out.wav"), "--rate"}), 0);
+    EXPECT_NE(run({"frobnicate"}), 0);
+    EXPECT_EQ(run({"--help"}), 0);
+    for (const auto& entry : fs::directory_iterator(dir)) {
+        std::string name = entry.path().filename().string();
+        EXPECT_TRUE(name == "garbage.zelfon" || name == "zelfon_log.txt") << name;
+    }
+}
+
+}  // namespace
