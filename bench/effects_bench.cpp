@@ -57,6 +57,7 @@ void BM_Loop(benchmark::State& state) { run_effect(state, psynth_loop, {{3, 2}})
 void BM_FilterHQ(benchmark::State& state) { run_effect(state, psynth_filter, {{1, 3000}, {2, 800}, {9, 128}}); }
 void BM_FilterLQ(benchmark::State& state) { run_effect(state, psynth_filter, {{1, 3000}, {2, 800}, {5, 2}}); }
 void BM_Reverb(benchmark::State& state) { run_effect(state, psynth_reverb, {}); }  // HQ: 16 combs, 8 allpasses
+void BM_Compressor(benchmark::State& state) { run_effect(state, psynth_compressor, {{1, 100}}); }  // Threshold 100
 
 BENCHMARK(BM_Echo);
 BENCHMARK(BM_Delay);
@@ -64,5 +65,6 @@ BENCHMARK(BM_Loop);
 BENCHMARK(BM_FilterHQ);
 BENCHMARK(BM_FilterLQ);
 BENCHMARK(BM_Reverb);
+BENCHMARK(BM_Compressor);
 
 }  // namespace

@@ -55,6 +55,26 @@ inline int32_t psynth_gain32(int32_t x, int32_t gain) {
     return psynth_div256_toward_zero(psynth_wrap32((int64_t)x * gain));
 }
 
+// ---- Integer square root (the Compressor's RMS level) ----
+
+// floor(√x) for any 64-bit value, exact: worked out two bits of x at a time with no
+// floating point, so the level of a sum of squares is the same on every machine.
+inline uint32_t psynth_isqrt64(uint64_t x) {
+    uint64_t root = 0;
+    uint64_t bit = (uint64_t)1 << 62;  // the highest power of four in 64 bits
+    while (bit > x) bit >>= 2;
+    while (bit) {
+        if (x >= root + bit) {
+            x -= root + bit;
+            root = (root >> 1) + bit;
+        } else {
+            root >>= 1;
+        }
+        bit >>= 2;
+    }
+    return (uint32_t)root;
+}
+
 // ---- DC blocker ----
 // y[n] = x[n] − x[n−1] + (1 − c/32768) · y[n−1] in 17.15 fixed point, kept as an
 // accumulator so the fraction of each step carries into the next.

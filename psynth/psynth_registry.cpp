@@ -14,6 +14,7 @@ const psynth_handler kModuleTypes[] = {
     psynth_loop,
     psynth_filter,
     psynth_reverb,
+    psynth_compressor,
 };
 
 }  // namespace

@@ -1,0 +1,407 @@
+// Compressor: identity, the integer square root, the constant 1 ms delay, attack 0 and
+// the silencing points of "Slope" 100 and 200 worked out by hand, side-chain selection,
+// and long renders in both detector modes and at other rates against a plain
+// frame-by-frame reference.
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+
+#include "effect_test_util.h"
+#include "psynth/psynth_dsp.h"
+#include "psynth/psynth_modules.h"
+
+namespace {
+
+class CompressorTest : public PsynthFixture {};
+
+enum { VOLUME, THRESHOLD, SLOPE, ATTACK, RELEASE, MODE, SIDE_CHAIN };
+
+// The description followed one frame at a time: line, output, detector, glide, period end.
+struct compressor_reference {
+    int period, delay;
+    int ctl[7] = {256, 256, 100, 1, 300, 0, 0};
+    int16_t line[2][512] = {};
+    int w = 0, pos = 0, peak = 0, count = 0;
+    int64_t sum = 0;
+    float level = 0;
+    int32_t gain = 1 << 24, inc = 0;
+
+    explicit compressor_reference(int rate) : period(rate * 256 / 1000), delay(rate / 1000) {}
+
+    static int64_t root(int64_t v) {
+        int64_t r = (int64_t)std::sqrt((double)v);
+        while (r * r > v) r--;
+        while ((r + 1) * (r + 1) <= v) r++;
+        return r;
+    }
+    static float keep(int ms) { return ms == 0 ? 0.0f : (float)std::exp(-1.0 / ms); }
+
+    void frame(const int heard[2], const int measured[2], int out[2]) {
+        for (int c = 0; c < 2; c++) {
+            line[c][w] = (int16_t)heard[c];
+            int x = line[c][(w - delay + 512) % 512];
+            int v = (int)std::floor(x * ctl[VOLUME] / 256.0);
+            int m = (int)std::floor(gain / 4096.0);
+            out[c] = wrap16((int)std::floor((double)v * m / 4096.0));
+            if (ctl[MODE]) {
+                sum += (int64_t)measured[c] * measured[c];
+                count++;
+            } else {
+                peak = std::max(peak, std::abs(measured[c]));
+            }
+        }
+        gain += inc;
+        w = (w + 1) % 512;
+        pos += 256;
+        if (pos >= period) {
+            pos -= period;
+            end_of_period();
+        }
+    }
+
+    void end_of_period() {
+        float l = ctl[MODE] ? root(sum / count) / 4096.0f : peak / 4096.0f;
+        peak = count = 0;
+        sum = 0;
+        float c = keep(l > level ? ctl[ATTACK] : ctl[RELEASE]);
+        level = (1 - c) * l + c * level;
+        float t = ctl[THRESHOLD] / 256.0f;
+        float g = level > t ? std::max(0.0f, (t - level) * ctl[SLOPE] * 0.01f + 1) : 1.0f;
+        inc = ((int32_t)(g * 16777216.0f) - gain) / (period / 256);
+    }
+};
+
+// Loud and quiet stretches of a sawtooth, so that the gain falls and recovers.
+int swells(int c, int t) {
+    static const int kAmp[] = {2000, 9000, 14000, 500, 6000, 12000, 300, 7000};
+    int amp = kAmp[(t / 700) % 8];
+    return (((t * 37 + c * 11) % 401) - 200) * amp / 200;
+}
+int quiet_saw(int c, int t) { return ((t * 7 + c * 500) % 3000) - 1500; }
+int constant_8000(int, int) { return 8000; }
+int constant_8192(int, int) { return 8192; }
+int constant_7800(int, int) { return 7800; }
+int constant_6144(int, int) { return 6144; }
+int pad(int c, int t) { return ((t * 13 + c * 100) % 1001) - 500; }
+int kicks(int c, int t) { return (t % 3000) < 600 ? ((t * 29 + c) % 2001 - 1000) * 12 : 0; }
+int pad_plus_kicks(int c, int t) { return pad(c, t) + kicks(c, t); }
+
+typedef int (*signal2)(int, int);
+
+// Renders buffers of `sizes` through the module and the reference (heard, measured);
+// before buffer b, settings(b, ref) may change controllers of both. "" or the first difference.
+template <class Settings>
+std::string compare_with_reference(psynth_net* net, int fx, compressor_reference* ref, signal2 heard,
+                                   signal2 measured, std::initializer_list<int> sizes, Settings settings) {
+    int t = 0, b = 0;
+    for (int n : sizes) {
+        settings(b, ref);
+        render_buffer(net, n);
+        for (int k = 0; k < n; k++) {
+            int h[2] = {heard(0, t + k), heard(1, t + k)};
+            int m[2] = {measured(0, t + k), measured(1, t + k)};
+            int want[2];
+            ref->frame(h, m, want);
+            for (int c = 0; c < 2; c++) {
+                const psynth_module* mod = &net->modules[fx];
+                int got = mod->output_start[c] <= k ? mod->output_buffers[c][k] : 0;
+                if (got != want[c]) {
+                    return "buffer " + std::to_string(b) + " channel " + std::to_string(c) + " frame " +
+                           std::to_string(t + k) + ": " + std::to_string(got) + " instead of " +
+                           std::to_string(want[c]);
+                }
+            }
+        }
+        t += n;
+        b++;
+    }
+    return "";
+}
+
+auto no_changes = [](int, compressor_reference*) {};
+
+TEST_F(CompressorTest, AnswersItsIdentityAndControllers) {
+    int fx = add_effect(&net, psynth_compressor, -1);
+    psynth_event e = {};
+    e.command = PS_CMD_GET_DATA_SIZE;
+    EXPECT_EQ(psynth_compressor(fx, &e, &net), 4192);
+    EXPECT_STREQ(net.modules[fx].name, "Compressor");
+    e.command = PS_CMD_GET_SYNTH_INFO;
+    EXPECT_STREQ((const char*)psynth_compressor(fx, &e, &net), "Dynamic range compressor.\nThreshold 256 = 0 dB.");
+    EXPECT_EQ(net.modules[fx].color[0], 0xFF);
+    EXPECT_EQ(net.modules[fx].color[1], 0x30);
+    EXPECT_EQ(net.modules[fx].color[2], 0x00);
+    EXPECT_EQ(net.modules[fx].flags & 0xFFFF & ~(PSYNTH_FLAG_EXISTS | PSYNTH_FLAG_INITIALIZED), 0x10u);
+    EXPECT_EQ(net.modules[fx].input_channels, 2);
+    EXPECT_EQ(net.modules[fx].output_channels, 2);
+    EXPECT_EQ(check_ctls(&net, fx, {{"Volume", "", 0, 512, 256, 0},
+                                    {"Threshold", "", 0, 512, 256, 0},
+                                    {"Slope", "%", 0, 200, 100, 0},
+                                    {"Attack", "ms", 0, 500, 1, 0},
+                                    {"Release", "ms", 1, 1000, 300, 0},
+                                    {"Peak/RMS", "", 0, 1, 0, 1},
+                                    {"Side chain input", "", 0, 32, 0, 1}}),
+              "");
+    EXPECT_EQ(psynth_find_module_type("Compressor"), psynth_compressor);
+}
+
+TEST_F(CompressorTest, IntegerSquareRootIsTheFloorOfTheRoot) {
+    EXPECT_EQ(psynth_isqrt64(0), 0u);
+    EXPECT_EQ(psynth_isqrt64(1), 1u);
+    EXPECT_EQ(psynth_isqrt64(3), 1u);
+    EXPECT_EQ(psynth_isqrt64(4), 2u);
+    EXPECT_EQ(psynth_isqrt64(1073741823), 32767u);  // 32768² − 1
+    EXPECT_EQ(psynth_isqrt64(1073741824), 32768u);
+    EXPECT_EQ(psynth_isqrt64(UINT64_MAX), 4294967295u);
+    EXPECT_EQ(psynth_isqrt64(18446744065119617025ull), 4294967295u);  // (2³² − 1)²
+    EXPECT_EQ(psynth_isqrt64(18446744065119617024ull), 4294967294u);
+    for (uint64_t r = 1; r < 200000; r += 997) {
+        EXPECT_EQ(psynth_isqrt64(r * r), r);
+        EXPECT_EQ(psynth_isqrt64(r * r - 1), r - 1);
+        EXPECT_EQ(psynth_isqrt64(r * r + 2 * r), r);  // (r + 1)² − 1
+    }
+}
+
+TEST_F(CompressorTest, OutputIsAlwaysDelayedByOneMillisecond) {
+    for (int rate : {44100, 48000, 22050, 9001}) {
+        psynth_close(&net);
+        psynth_init(0, rate, 125, 6, &net);
+        int src = add_signal_source(&net, quiet_saw, 2, 5000);
+        int fx = add_effect(&net, psynth_compressor, src);
+        const int delay = rate / 1000;
+        int t = 0;
+        for (int n : {1000, 37, 4096, 100}) {  // the source is silent from the fourth (5133)
+            render_buffer(&net, n);
+            for (int c = 0; c < 2; c++) {
+                EXPECT_EQ(check_frames(net.modules[fx].output_buffers[c], 0, n, [&](int k) {
+                              int s = t + k - delay;
+                              return s >= 0 && s < 5133 ? quiet_saw(c, s) : 0;
+                          }),
+                          "")
+                    << "rate " << rate << " channel " << c << " from frame " << t;
+            }
+            t += n;
+        }
+    }
+}
+
+TEST_F(CompressorTest, AttackZeroFollowsRisingInputAtOnce) {
+    int src = add_signal_source(&net, constant_8000);
+    int fx = add_effect(&net, psynth_compressor, src);
+    set_ctl(&net, fx, ATTACK, 0);
+    render_buffer(&net, 1024);
+    const psynth_sample* out = net.modules[fx].output_buffers[0];
+    // By hand, 44100 Hz: a period is 11289/256 frames, the first one ends after frame 44.
+    // Its level 8000/4096 = 1.953125 is taken whole, g = 1 − 0.953125 = 0.046875, the
+    // target 786432 and the increment (786432 − 2^24) / 44 = −363426 from frame 45 on.
+    EXPECT_EQ(check_frames(out, 0, 44, [](int) { return 0; }), "");
+    EXPECT_EQ(out[44], 8000);
+    EXPECT_EQ(out[45], 8000);
+    EXPECT_EQ(out[46], 7826);  // gain 16413790 >> 12 = 4007; 8000 × 4007 >> 12
+    EXPECT_EQ(out[88], 546);   // 43 steps: 1149898 >> 12 = 280
+    // The level stays, the gain stops at 786472 (>> 12 = 192): 8000 × 192 >> 12 = 375.
+    EXPECT_EQ(check_frames(out, 89, 1024, [](int) { return 375; }), "");
+
+    // With "Attack" 1 ms the level only reaches 1 − e^−1 of the step in the first period.
+    psynth_close(&net);
+    psynth_init(0, 44100, 125, 6, &net);
+    src = add_signal_source(&net, constant_8000);
+    fx = add_effect(&net, psynth_compressor, src);
+    render_buffer(&net, 1024);
+    EXPECT_GT(net.modules[fx].output_buffers[0][46], 7900);
+}
+
+TEST_F(CompressorTest, Slope100SilencesTwiceTheThreshold) {
+    int src = add_signal_source(&net, constant_8192);
+    int fx = add_effect(&net, psynth_compressor, src);
+    set_ctl(&net, fx, ATTACK, 0);
+    render_buffer(&net, 4096);
+    const psynth_sample* out = net.modules[fx].output_buffers[1];
+    // Level 2.0: g = (1 − 2) × 1 + 1 = 0, step −2^24 / 44 = −381300. 43 steps leave
+    // 381316 (>> 12 = 93: 8192 × 93 >> 12 = 186); the 44th leaves 16, a multiplier of 0.
+    EXPECT_EQ(out[45], 8192);
+    EXPECT_EQ(out[88], 186);
+    EXPECT_EQ(check_frames(out, 89, 4096, [](int) { return 0; }), "");
+
+    // Just below twice the threshold something is left.
+    psynth_close(&net);
+    psynth_init(0, 44100, 125, 6, &net);
+    src = add_signal_source(&net, constant_7800);
+    fx = add_effect(&net, psynth_compressor, src);
+    set_ctl(&net, fx, ATTACK, 0);
+    render_buffer(&net, 4096);
+    EXPECT_GT(net.modules[fx].output_buffers[1][4095], 0);
+}
+
+TEST_F(CompressorTest, Slope200SilencesOneAndAHalfTimesTheThreshold) {
+    int src = add_signal_source(&net, constant_6144);
+    int fx = add_effect(&net, psynth_compressor, src);
+    set_ctl(&net, fx, ATTACK, 0);
+    set_ctl(&net, fx, SLOPE, 200);
+    render_buffer(&net, 4096);
+    const psynth_sample* out = net.modules[fx].output_buffers[0];
+    // Level 1.5: g = (1 − 1.5) × 200 % + 1 = 0, the same glide as above: 6144 × 93 >> 12.
+    EXPECT_EQ(out[88], 139);
+    EXPECT_EQ(check_frames(out, 89, 4096, [](int) { return 0; }), "");
+
+    // "Slope" 100 only halves the same level: g = 0.5, 2^23 after the glide.
+    psynth_close(&net);
+    psynth_init(0, 44100, 125, 6, &net);
+    src = add_signal_source(&net, constant_6144);
+    fx = add_effect(&net, psynth_compressor, src);
+    set_ctl(&net, fx, ATTACK, 0);
+    render_buffer(&net, 4096);
+    EXPECT_EQ(net.modules[fx].output_buffers[0][4095], 3072);
+}
+
+TEST_F(CompressorTest, SideChainBeyondTheLinkedModulesActsAsZero) {
+    for (int n : {3, 32}) {
+        psynth_close(&net);
+        psynth_init(0, 44100, 125, 6, &net);
+        int a = add_signal_source(&net, pad);
+        int b = add_signal_source(&net, kicks);
+        int fx = add_effect(&net, psynth_compressor, a);
+        psynth_make_link(fx, b, &net);
+        set_ctl(&net, fx, SIDE_CHAIN, n);
+        set_ctl(&net, fx, THRESHOLD, 100);
+        compressor_reference ref(44100);
+        ref.ctl[SIDE_CHAIN] = n;
+        ref.ctl[THRESHOLD] = 100;
+        EXPECT_EQ(compare_with_reference(&net, fx, &ref, pad_plus_kicks, pad_plus_kicks, {4096, 3001, 4096},
+                                         no_changes),
+                  "")
+            << "side chain " << n;
+    }
+}
+
+TEST_F(CompressorTest, SideChainMeasuresTheChosenModuleAndLeavesItUnheard) {
+    int a = add_signal_source(&net, pad);
+    int b = add_signal_source(&net, kicks);
+    int fx = add_effect(&net, psynth_compressor, a);
+    psynth_make_link(fx, b, &net);
+    set_ctl(&net, fx, THRESHOLD, 100);
+    set_ctl(&net, fx, SLOPE, 150);
+    set_ctl(&net, fx, RELEASE, 1);
+    set_ctl(&net, fx, SIDE_CHAIN, 2);
+    compressor_reference ref(44100);
+    ref.ctl[THRESHOLD] = 100;
+    ref.ctl[SLOPE] = 150;
+    ref.ctl[RELEASE] = 1;
+    EXPECT_EQ(compare_with_reference(&net, fx, &ref, pad, kicks, {4096, 4096, 777, 4096}, no_changes), "");
+    // The pad ducks under the kicks: its peak in a kick is far below its peak between them.
+    render_buffer(&net, 4096);  // frames 13065..17160: a kick at 15000..15599
+    int in_kick = 0, between = 0;
+    for (int k = 0; k < 4096; k++) {
+        int t = 13065 + k, v = std::abs(net.modules[fx].output_buffers[0][k]);
+        if (t >= 15100 && t < 15600) in_kick = std::max(in_kick, v);
+        if (t >= 16000) between = std::max(between, v);
+    }
+    EXPECT_LT(in_kick * 4, between);
+
+    // The other way round: the kicks are heard, measured on the pad (never above its threshold).
+    psynth_close(&net);
+    psynth_init(0, 44100, 125, 6, &net);
+    a = add_signal_source(&net, pad);
+    b = add_signal_source(&net, kicks, 2, 8192);  // silent buffers: no output at all
+    fx = add_effect(&net, psynth_compressor, a);
+    psynth_make_link(fx, b, &net);
+    set_ctl(&net, fx, SIDE_CHAIN, 1);
+    set_ctl(&net, fx, THRESHOLD, 10);
+    set_ctl(&net, fx, ATTACK, 0);
+    compressor_reference ref2(44100);
+    ref2.ctl[THRESHOLD] = 10;
+    ref2.ctl[ATTACK] = 0;
+    auto kicks_until_8192 = [](int c, int t) { return t < 8192 ? kicks(c, t) : 0; };
+    EXPECT_EQ(compare_with_reference(&net, fx, &ref2, kicks_until_8192, pad, {4096, 4096, 4096, 4096}, no_changes),
+              "");
+}
+
+// The side chain alone wakes the module, and in RMS mode its silent frames still count.
+TEST_F(CompressorTest, SideChainAloneWakesItAndItsSilenceCountsInRms) {
+    int side = add_signal_source(&net, pad, 2, 8192);  // silent from the third buffer
+    int heard = add_signal_source(&net, swells);        // runs unheard until linked in the second buffer
+    int fx = add_effect(&net, psynth_compressor, side);
+    set_ctl(&net, fx, SIDE_CHAIN, 1);
+    set_ctl(&net, fx, MODE, 1);
+    set_ctl(&net, fx, THRESHOLD, 20);
+    set_ctl(&net, fx, ATTACK, 0);
+    compressor_reference ref(44100);
+    ref.ctl[MODE] = 1;
+    ref.ctl[THRESHOLD] = 20;
+    ref.ctl[ATTACK] = 0;
+    auto heard_from_4096 = [](int c, int t) { return t < 4096 ? 0 : swells(c, t); };
+    auto pad_until_8192 = [](int c, int t) { return t < 8192 ? pad(c, t) : 0; };
+    EXPECT_EQ(compare_with_reference(&net, fx, &ref, heard_from_4096, pad_until_8192, {4096, 4096, 4096, 4096},
+                                     [&](int b, compressor_reference*) {
+                                         if (b == 1) psynth_make_link(fx, heard, &net);
+                                     }),
+              "");
+}
+
+TEST_F(CompressorTest, PeakRenderMatchesTheFrameByFrameReference) {
+    int src = add_signal_source(&net, swells, 2, 30000);
+    int fx = add_effect(&net, psynth_compressor, src);
+    compressor_reference ref(44100);
+    auto swells_until_30000 = [](int c, int t) { return t < 30000 ? swells(c, t) : 0; };
+    EXPECT_EQ(compare_with_reference(&net, fx, &ref, swells_until_30000, swells_until_30000,
+                                     {4096, 1000, 3, 4096, 2777, 4096, 4096, 4096, 517, 4096, 4096},
+                                     [&](int b, compressor_reference* r) {
+                                         struct { int ctl, value; } steps[] = {
+                                             {THRESHOLD, 128}, {SLOPE, 60},   {ATTACK, 5},    {VOLUME, 300},
+                                             {RELEASE, 20},    {SLOPE, 200},  {VOLUME, 77},   {ATTACK, 0},
+                                             {THRESHOLD, 400}, {RELEASE, 1000}, {VOLUME, 512}};
+                                         set_ctl(&net, fx, steps[b].ctl, steps[b].value);
+                                         r->ctl[steps[b].ctl] = steps[b].value;
+                                     }),
+              "");
+}
+
+TEST_F(CompressorTest, RmsRenderMatchesTheReferenceAtOtherRates) {
+    for (int rate : {44100, 48000, 22050, 9001, 96000}) {
+        psynth_close(&net);
+        psynth_init(0, rate, 125, 6, &net);
+        int src = add_signal_source(&net, swells);
+        int fx = add_effect(&net, psynth_compressor, src);
+        set_ctl(&net, fx, MODE, 1);
+        set_ctl(&net, fx, THRESHOLD, 150);
+        set_ctl(&net, fx, ATTACK, 3);
+        set_ctl(&net, fx, RELEASE, 40);
+        set_ctl(&net, fx, SLOPE, 80);
+        compressor_reference ref(rate);
+        ref.ctl[MODE] = 1;
+        ref.ctl[THRESHOLD] = 150;
+        ref.ctl[ATTACK] = 3;
+        ref.ctl[RELEASE] = 40;
+        ref.ctl[SLOPE] = 80;
+        EXPECT_EQ(compare_with_reference(&net, fx, &ref, swells, swells, {4096, 4096, 1111, 4096, 4096}, no_changes),
+                  "")
+            << "rate " << rate;
+    }
+}
+
+TEST_F(CompressorTest, SilentUntilInputAndCleanRestoresUnityGain) {
+    int src = add_signal_source(&net, constant_8192, 2, 0);
+    int fx = add_effect(&net, psynth_compressor, src);
+    render_buffer(&net, 512);
+    EXPECT_EQ(net.modules[fx].output_start[0], 512);  // nothing sounded: taken as silent
+
+    // Compress to nothing, then CLEAN: the line empties and the gain is unity again.
+    set_silent_from(&net, src, INT_MAX);
+    set_ctl(&net, fx, ATTACK, 0);
+    render_buffer(&net, 4096);
+    EXPECT_EQ(net.modules[fx].output_buffers[0][4095], 0);
+    psynth_do_command(fx, PS_CMD_CLEAN, &net);
+    signal_source_data* s = (signal_source_data*)net.modules[src].data;
+    s->fn = quiet_saw;
+    s->frame = 0;
+    render_buffer(&net, 1000);
+    for (int c = 0; c < 2; c++) {
+        EXPECT_EQ(check_frames(net.modules[fx].output_buffers[c], 0, 1000,
+                               [&](int k) { return k < 44 ? 0 : quiet_saw(c, k - 44); }),
+                  "")
+            << "channel " << c;
+    }
+}
+
+}  // namespace
