@@ -1,6 +1,8 @@
-// A fresh temporary folder per test as working directory, TMPDIR ("3:/") and
-// XDG_CONFIG_HOME (so "2:/" is <folder>/cfg/zelfon), with the memory manager, the file
-// layer and the log up in start-up order; everything is restored and checked for leaks after.
+// Fixtures of the engine tests. EngineDirFixture: a fresh temporary folder per test as
+// working directory, TMPDIR ("3:/") and XDG_CONFIG_HOME (so "2:/" is <folder>/cfg/zelfon),
+// with the memory manager, the file layer and the log up in start-up order; everything is
+// restored and checked for leaks after. MemLogFixture: only the memory manager and the log
+// in a fresh TMPDIR, for tests that judge leaks themselves.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -77,4 +79,32 @@ protected:
     fs::path dir_, cwd_;
     std::string saved_[3];
     bool had_[3] = {};
+};
+
+class MemLogFixture : public ::testing::Test {
+protected:
+    void SetUp() override {
+        const char* old = std::getenv("TMPDIR");
+        had_tmpdir_ = old != nullptr;
+        old_tmpdir_ = old ? old : "";
+        std::string pattern = (fs::temp_directory_path() / "zelfon_engine_XXXXXX").string();
+        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
+        dir_ = pattern;
+        setenv("TMPDIR", dir_.c_str(), 1);
+        mem_init();
+        tarvik_log_init(TARVIK_LOG_FILE);
+    }
+    void TearDown() override {
+        mem_free_all();  // the tests give their own verdict on leaks
+        tarvik_log_close();
+        mem_deinit();
+        std::error_code ignored;
+        fs::remove_all(dir_, ignored);
+        if (had_tmpdir_) setenv("TMPDIR", old_tmpdir_.c_str(), 1);
+        else unsetenv("TMPDIR");
+    }
+    std::string log_text() const { return read_bytes(fs::path(dir_) / "zelfon_log.txt"); }
+
+    std::string dir_, old_tmpdir_;
+    bool had_tmpdir_ = false;
 };

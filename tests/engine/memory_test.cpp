@@ -2,6 +2,8 @@
 // report read back from a real log file in a fresh temporary directory, and the helpers.
 #include <gtest/gtest.h>
 
+#include "engine_test_env.h"
+
 #include <climits>
 #include <cstdlib>
 #include <cstring>
@@ -31,34 +33,7 @@ raw_header header_at(const void* block) {
     return h;
 }
 
-class MemTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        const char* old = std::getenv("TMPDIR");
-        old_tmpdir_ = old ? old : "";
-        std::string pattern = (std::filesystem::temp_directory_path() / "zelfon_mem_XXXXXX").string();
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        dir_ = pattern;
-        setenv("TMPDIR", dir_.c_str(), 1);
-        mem_init();
-        tarvik_log_init(TARVIK_LOG_FILE);
-    }
-    void TearDown() override {
-        mem_free_all();
-        tarvik_log_close();
-        mem_deinit();
-        std::filesystem::remove_all(dir_);
-        if (old_tmpdir_.empty()) unsetenv("TMPDIR");
-        else setenv("TMPDIR", old_tmpdir_.c_str(), 1);
-    }
-    std::string log_text() {
-        std::ifstream in(dir_ + "/zelfon_log.txt", std::ios::binary);
-        std::stringstream s;
-        s << in.rdbuf();
-        return s.str();
-    }
-    std::string dir_, old_tmpdir_;
-};
+class MemTest : public MemLogFixture {};
 
 TEST_F(MemTest, HeaderHoldsFlagsSizeCutTagAndLinks) {
     void* a = mem_new(MEM_STORAGE, 10, "a_tag_longer_than_fifteen");

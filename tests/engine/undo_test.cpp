@@ -3,6 +3,8 @@
 // The test application swaps doc[par1] with the int at the start of the action's data.
 #include <gtest/gtest.h>
 
+#include "engine_test_env.h"
+
 #include <cstdlib>
 #include <cstring>
 #include <deque>
@@ -43,32 +45,8 @@ std::string entry(uint32_t type, uint32_t level, size_t size) {
     return std::to_string(type) + "/" + std::to_string(level) + "/" + std::to_string(size) + " ";
 }
 
-class UndoTest : public ::testing::Test {
+class UndoTest : public MemLogFixture {
 protected:
-    void SetUp() override {
-        const char* old = std::getenv("TMPDIR");
-        old_tmpdir_ = old ? old : "";
-        std::string pattern = (std::filesystem::temp_directory_path() / "zelfon_undo_XXXXXX").string();
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        dir_ = pattern;
-        setenv("TMPDIR", dir_.c_str(), 1);
-        mem_init();
-        tarvik_log_init(TARVIK_LOG_FILE);
-    }
-    void TearDown() override {
-        mem_free_all();
-        tarvik_log_close();
-        mem_deinit();
-        std::filesystem::remove_all(dir_);
-        if (old_tmpdir_.empty()) unsetenv("TMPDIR");
-        else setenv("TMPDIR", old_tmpdir_.c_str(), 1);
-    }
-    std::string log_text() {
-        std::ifstream in(dir_ + "/zelfon_log.txt", std::ios::binary);
-        std::stringstream s;
-        s << in.rdbuf();
-        return s.str();
-    }
     void init(uint32_t size) { undo_init(size, app_handler, &app_, &u_); }
     // Adds action `type` at `level` with `size` bytes of data holding `value` for doc[cell].
     int add(uint32_t level, uint32_t type, uint32_t size, int value = 0, uint32_t cell = 0,
@@ -100,7 +78,6 @@ protected:
         undo_deinit(&u_);
         EXPECT_FALSE(mem_free_all());
     }
-    std::string dir_, old_tmpdir_;
     test_app app_;
     undo u_;
 };

@@ -123,18 +123,10 @@ auto no_changes = [](int, compressor_reference*) {};
 
 TEST_F(CompressorTest, AnswersItsIdentityAndControllers) {
     int fx = add_effect(&net, psynth_compressor, -1);
-    psynth_event e = {};
-    e.command = PS_CMD_GET_DATA_SIZE;
-    EXPECT_EQ(psynth_compressor(fx, &e, &net), 4192);
-    EXPECT_STREQ(net.modules[fx].name, "Compressor");
-    e.command = PS_CMD_GET_SYNTH_INFO;
-    EXPECT_STREQ((const char*)psynth_compressor(fx, &e, &net), "Dynamic range compressor.\nThreshold 256 = 0 dB.");
-    EXPECT_EQ(net.modules[fx].color[0], 0xFF);
-    EXPECT_EQ(net.modules[fx].color[1], 0x30);
-    EXPECT_EQ(net.modules[fx].color[2], 0x00);
-    EXPECT_EQ(net.modules[fx].flags & 0xFFFF & ~(PSYNTH_FLAG_EXISTS | PSYNTH_FLAG_INITIALIZED), 0x10u);
-    EXPECT_EQ(net.modules[fx].input_channels, 2);
-    EXPECT_EQ(net.modules[fx].output_channels, 2);
+    EXPECT_EQ(check_effect_identity(&net, psynth_compressor, fx, {4192, "Compressor",
+                                                      "Dynamic range compressor.\nThreshold 256 = 0 dB.",
+                                                      0xFF, 0x30, 0x00}),
+              "");
     EXPECT_EQ(check_ctls(&net, fx, {{"Volume", "", 0, 512, 256, 0},
                                     {"Threshold", "", 0, 512, 256, 0},
                                     {"Slope", "%", 0, 200, 100, 0},

@@ -16,16 +16,10 @@ int constant_100(int c, int t) { return 100; }
 
 TEST_F(DelayTest, AnswersItsIdentityAndControllers) {
     int fx = add_effect(&net, psynth_delay, -1);
-    psynth_event e = {};
-    e.command = PS_CMD_GET_DATA_SIZE;
-    EXPECT_EQ(psynth_delay(fx, &e, &net), 52);
-    EXPECT_STREQ(net.modules[fx].name, "Delay");
-    e.command = PS_CMD_GET_SYNTH_INFO;
-    EXPECT_STREQ((const char*)psynth_delay(fx, &e, &net), "Delay.\nMax delay is 1/64 second");
-    EXPECT_EQ(net.modules[fx].color[0], 0x7F);
-    EXPECT_EQ(net.modules[fx].color[1], 0xFF);
-    EXPECT_EQ(net.modules[fx].color[2], 0xDB);
-    EXPECT_EQ(net.modules[fx].flags & ~(PSYNTH_FLAG_EXISTS | PSYNTH_FLAG_INITIALIZED), 0x10u);
+    EXPECT_EQ(check_effect_identity(&net, psynth_delay, fx, {52, "Delay",
+                                                      "Delay.\nMax delay is 1/64 second",
+                                                      0x7F, 0xFF, 0xDB}),
+              "");
     EXPECT_EQ(check_ctls(&net, fx, {{"Dry", "", 0, 512, 256, 0},
                                     {"Wet", "", 0, 512, 256, 0},
                                     {"Delay L", "", 0, 256, 128, 0},

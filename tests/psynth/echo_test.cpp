@@ -20,18 +20,10 @@ int saw(int c, int t) { return c == 0 ? ((t * 37) % 2001) - 1000 : ((t * 13) % 3
 
 TEST_F(EchoTest, AnswersItsIdentityAndControllers) {
     int fx = add_effect(&net, psynth_echo, -1);
-    psynth_event e = {};
-    e.command = PS_CMD_GET_DATA_SIZE;
-    EXPECT_EQ(psynth_echo(fx, &e, &net), 44);
-    EXPECT_STREQ(net.modules[fx].name, "Echo");
-    e.command = PS_CMD_GET_SYNTH_INFO;
-    EXPECT_STREQ((const char*)psynth_echo(fx, &e, &net), "Echo.\nMax delay is one second");
-    EXPECT_EQ(net.modules[fx].color[0], 0xFF);
-    EXPECT_EQ(net.modules[fx].color[1], 0xA3);
-    EXPECT_EQ(net.modules[fx].color[2], 0x7F);
-    EXPECT_EQ(net.modules[fx].flags & 0xFFFF & ~(PSYNTH_FLAG_EXISTS | PSYNTH_FLAG_INITIALIZED), 0x10u);
-    EXPECT_EQ(net.modules[fx].input_channels, 2);
-    EXPECT_EQ(net.modules[fx].output_channels, 2);
+    EXPECT_EQ(check_effect_identity(&net, psynth_echo, fx, {44, "Echo",
+                                                      "Echo.\nMax delay is one second",
+                                                      0xFF, 0xA3, 0x7F}),
+              "");
     EXPECT_EQ(check_ctls(&net, fx, {{"Dry", "", 0, 256, 256, 0},
                                     {"Wet", "", 0, 256, 128, 0},
                                     {"Feedback", "", 0, 256, 128, 0},

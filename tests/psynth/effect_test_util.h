@@ -90,6 +90,30 @@ inline std::string check_ctls(psynth_net* net, int m, std::initializer_list<ctl_
     return "";
 }
 
+struct effect_identity {
+    int data_size;
+    const char* name;
+    const char* info;
+    uint8_t red, green, blue;
+    uint32_t flags = PSYNTH_FLAG_EFFECT;
+};
+
+// "" when an effect answers as expected (data size, name, description, colour, flags,
+// two inputs and two outputs), else the first difference.
+inline std::string check_effect_identity(psynth_net* net, psynth_handler handler, int m, const effect_identity& want) {
+    const psynth_module* mod = &net->modules[m];
+    psynth_event e = {};
+    e.command = PS_CMD_GET_DATA_SIZE;
+    if (handler(m, &e, net) != want.data_size) return "data size";
+    if (strcmp(mod->name, want.name)) return std::string("name ") + mod->name;
+    e.command = PS_CMD_GET_SYNTH_INFO;
+    if (strcmp((const char*)handler(m, &e, net), want.info)) return "description";
+    if (mod->color[0] != want.red || mod->color[1] != want.green || mod->color[2] != want.blue) return "colour";
+    if ((mod->flags & ~(PSYNTH_FLAG_EXISTS | PSYNTH_FLAG_INITIALIZED)) != want.flags) return "flags";
+    if (mod->input_channels != 2 || mod->output_channels != 2) return "channels";
+    return "";
+}
+
 // Sends a command with a given event to a module through the net's event path.
 inline void queue_controller(psynth_net* net, int m, int ctl, int value, int offset = 0) {
     queue_event(net, m, PS_CMD_SET_GLOBAL_CONTROLLER, offset, -1, ctl, value);

@@ -63,18 +63,11 @@ int32_t* raw(psynth_net* net, int fx) { return (int32_t*)net->modules[fx].data; 
 
 TEST_F(FilterTest, AnswersItsIdentityAndControllers) {
     int fx = add_effect(&net, psynth_filter, -1);
-    psynth_event e = {};
-    e.command = PS_CMD_GET_DATA_SIZE;
-    EXPECT_EQ(psynth_filter(fx, &e, &net), 100);
-    EXPECT_STREQ(net.modules[fx].name, "Filter");
-    e.command = PS_CMD_GET_SYNTH_INFO;
-    EXPECT_STREQ((const char*)psynth_filter(fx, &e, &net),
-                 "State Variable Filter\n(Chamberlin version)\nDouble Sampled\n\nUse low \"response\" values\n"
-                 "for smooth frequency, resonance\nor volume change");
-    EXPECT_EQ(net.modules[fx].color[0], 0x7F);
-    EXPECT_EQ(net.modules[fx].color[1], 0xD9);
-    EXPECT_EQ(net.modules[fx].color[2], 0xFF);
-    EXPECT_EQ(net.modules[fx].flags & ~(PSYNTH_FLAG_EXISTS | PSYNTH_FLAG_INITIALIZED), 0x10u);
+    EXPECT_EQ(check_effect_identity(&net, psynth_filter, fx, {100, "Filter",
+                                                      "State Variable Filter\n(Chamberlin version)\nDouble Sampled\n\nUse low \"response\" values\n"
+                                                      "for smooth frequency, resonance\nor volume change",
+                                                      0x7F, 0xD9, 0xFF}),
+              "");
     EXPECT_EQ(check_ctls(&net, fx, {{"Volume", "", 0, 256, 256, 0},
                                     {"Freq", "Hz", 0, 14000, 14000, 0},
                                     {"Resonance", "", 0, 1530, 0, 0},

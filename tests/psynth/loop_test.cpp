@@ -49,16 +49,10 @@ struct loop_reference {
 
 TEST_F(LoopTest, AnswersItsIdentityAndControllers) {
     int fx = add_effect(&net, psynth_loop, -1);
-    psynth_event e = {};
-    e.command = PS_CMD_GET_DATA_SIZE;
-    EXPECT_EQ(psynth_loop(fx, &e, &net), 52);
-    EXPECT_STREQ(net.modules[fx].name, "Loop");
-    e.command = PS_CMD_GET_SYNTH_INFO;
-    EXPECT_STREQ((const char*)psynth_loop(fx, &e, &net), "Loop.\nMax delay is 2 lines");
-    EXPECT_EQ(net.modules[fx].color[0], 0xFF);
-    EXPECT_EQ(net.modules[fx].color[1], 0x7F);
-    EXPECT_EQ(net.modules[fx].color[2], 0xC5);
-    EXPECT_EQ(net.modules[fx].flags & ~(PSYNTH_FLAG_EXISTS | PSYNTH_FLAG_INITIALIZED), 0x410u);
+    EXPECT_EQ(check_effect_identity(&net, psynth_loop, fx, {52, "Loop",
+                                                      "Loop.\nMax delay is 2 lines",
+                                                      0xFF, 0x7F, 0xC5, 0x410}),
+              "");
     EXPECT_EQ(check_ctls(&net, fx, {{"Volume", "", 0, 256, 256, 0},
                                     {"Delay", "", 0, 256, 256, 0},
                                     {"Stereo", "off/on", 0, 1, 1, 1},

@@ -139,18 +139,10 @@ std::string compare_with_reference(psynth_net* net, int fx, reverb_reference* re
 
 TEST_F(ReverbTest, AnswersItsIdentityAndControllers) {
     int fx = add_effect(&net, psynth_reverb, -1);
-    psynth_event e = {};
-    e.command = PS_CMD_GET_DATA_SIZE;
-    EXPECT_EQ(psynth_reverb(fx, &e, &net), 648);
-    EXPECT_STREQ(net.modules[fx].name, "Reverb");
-    e.command = PS_CMD_GET_SYNTH_INFO;
-    EXPECT_STREQ((const char*)psynth_reverb(fx, &e, &net), "Reverb + DC Blocking Filter.\n(Based on FreeVerb)");
-    EXPECT_EQ(net.modules[fx].color[0], 0xFF);
-    EXPECT_EQ(net.modules[fx].color[1], 0xD3);
-    EXPECT_EQ(net.modules[fx].color[2], 0x7F);
-    EXPECT_EQ(net.modules[fx].flags & 0xFFFF & ~(PSYNTH_FLAG_EXISTS | PSYNTH_FLAG_INITIALIZED), 0x10u);
-    EXPECT_EQ(net.modules[fx].input_channels, 2);
-    EXPECT_EQ(net.modules[fx].output_channels, 2);
+    EXPECT_EQ(check_effect_identity(&net, psynth_reverb, fx, {648, "Reverb",
+                                                      "Reverb + DC Blocking Filter.\n(Based on FreeVerb)",
+                                                      0xFF, 0xD3, 0x7F}),
+              "");
     EXPECT_EQ(check_ctls(&net, fx, {{"Dry", "", 0, 256, 256, 0},
                                     {"Wet", "", 0, 256, 64, 0},
                                     {"Feedback", "", 0, 256, 256, 0},
