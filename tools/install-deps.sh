@@ -1,7 +1,11 @@
 #!/bin/sh
 # Installs what Zelfon needs to build and test on Debian 12 (run as root).
 set -e
-PACKAGES="g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-dev python3 python3-mido"
+# Build tools and test libraries; the sound, MIDI, Ogg Vorbis and JPEG libraries; the JACK
+# server the sound tests start, and the independent tools that write the test sample files.
+PACKAGES="g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-dev python3 python3-mido
+  librtaudio-dev librtmidi-dev libvorbisidec-dev libjpeg62-turbo-dev
+  jackd2 sox libjpeg-turbo-progs vorbis-tools"
 missing=""
 for p in $PACKAGES; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
