@@ -256,19 +256,6 @@ void envelope_advance(const envelope_view& env, int32_t* pos, bool key_held) {
     (*pos)++;
 }
 
-void write_default_instrument(psynth_sampler_instrument* ins) {
-    static const psynth_sampler_env_point kVolume[4] = {{0, 0}, {32, 64}, {128, 32}, {256, 0}};
-    static const psynth_sampler_env_point kPanning[4] = {{0, 32}, {64, 0}, {128, 64}, {180, 32}};
-    ins->volume = kFullVolume;
-    ins->panning = kPanRange / 2;
-    memcpy(ins->volume_points, kVolume, sizeof(kVolume));
-    memcpy(ins->panning_points, kPanning, sizeof(kPanning));
-    ins->volume_points_num = 4;
-    ins->panning_points_num = 4;
-    ins->volume_sustain = 1;
-    psynth_sampler_build_envelope_tables(ins);
-}
-
 // ---- Mixing kernels ----
 
 // A run of frames mixed with no edge inside: every frame reads frame i (and i + 1).
@@ -853,7 +840,7 @@ intptr_t init(int mod_num, sampler_data* d, psynth_net* net) {
     d->half_sine = psynth_get_half_sine_table();
     tarvik_mutex_create(&d->mutex);
     if (psynth_new_chunk(mod_num, PSYNTH_SAMPLER_INSTRUMENT_CHUNK, sizeof(psynth_sampler_instrument), 0, 0, net) == 0) {
-        write_default_instrument((psynth_sampler_instrument*)psynth_get_chunk(mod_num, PSYNTH_SAMPLER_INSTRUMENT_CHUNK, net));
+        psynth_sampler_write_default_instrument((psynth_sampler_instrument*)psynth_get_chunk(mod_num, PSYNTH_SAMPLER_INSTRUMENT_CHUNK, net));
     } else {
         tarvik_log("psynth_sampler(): no memory for the instrument\n");
     }
@@ -912,6 +899,19 @@ void psynth_sampler_build_envelope(const psynth_sampler_env_point* points, int c
 void psynth_sampler_build_envelope_tables(psynth_sampler_instrument* ins) {
     psynth_sampler_build_envelope(ins->volume_points, ins->volume_points_num, ins->volume_table);
     psynth_sampler_build_envelope(ins->panning_points, ins->panning_points_num, ins->panning_table);
+}
+
+void psynth_sampler_write_default_instrument(psynth_sampler_instrument* ins) {
+    static const psynth_sampler_env_point kVolume[4] = {{0, 0}, {32, 64}, {128, 32}, {256, 0}};
+    static const psynth_sampler_env_point kPanning[4] = {{0, 32}, {64, 0}, {128, 64}, {180, 32}};
+    ins->volume = kFullVolume;
+    ins->panning = kPanRange / 2;
+    memcpy(ins->volume_points, kVolume, sizeof(kVolume));
+    memcpy(ins->panning_points, kPanning, sizeof(kPanning));
+    ins->volume_points_num = 4;
+    ins->panning_points_num = 4;
+    ins->volume_sustain = 1;
+    psynth_sampler_build_envelope_tables(ins);
 }
 
 int psynth_sampler_storage_flags(uint8_t type) {

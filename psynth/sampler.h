@@ -159,6 +159,10 @@ constexpr int PSYNTH_SAMPLER_HEADER_FIELDS = 40;  // bytes the module reads from
 // Rebuilds both envelope tables of an instrument from its points (after the points
 // change). Any thread that holds the module's mutex.
 void psynth_sampler_build_envelope_tables(psynth_sampler_instrument* ins);
+// Writes the default instrument into a zero-filled record: volume 64, panning 128, the
+// default volume envelope (sustain at point 1) and panning envelope, both off, their
+// tables built, no samples. Any thread that holds the module's mutex.
+void psynth_sampler_write_default_instrument(psynth_sampler_instrument* ins);
 // Builds one 512-entry table from `count` points: zero where no segment reaches. Any thread.
 void psynth_sampler_build_envelope(const psynth_sampler_env_point* points, int count, int16_t* table);
 // Storage flags for a sample of this type byte; 0 for an unknown data format. Any thread.

@@ -1,0 +1,97 @@
+// The JPEG decoder on files made at test time by cjpeg from PPM and PGM images written
+// here: sizes, layouts and pixel values, and bad, cut-short and missing files coming
+// back as errors (never ending the process) without leaking memory.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "engine/engine_test_env.h"
+#include "image/jpeg.h"
+
+namespace {
+
+class ImageJpegTest : public EngineDirFixture {
+protected:
+    // A 16 × 8 image: left half (200, 40, 10), right half (10, 90, 250), as a JPEG of
+    // the highest quality without chroma subsampling, so flat areas decode within ±2.
+    std::string make_jpeg(const char* name, bool gray = false) {
+        std::string ppm = gray ? "P5\n16 8\n255\n" : "P6\n16 8\n255\n";
+        for (int y = 0; y < 8; y++) {
+            for (int x = 0; x < 16; x++) {
+                if (gray) ppm += (char)(x < 8 ? 30 : 220);
+                else ppm += x < 8 ? std::string{(char)200, (char)40, (char)10} : std::string{(char)10, (char)90, (char)(char)250};
+            }
+        }
+        write_bytes(dir_ / "in.pnm", ppm);
+        std::string out = (dir_ / name).string();
+        std::string cmd = "cjpeg -quality 100 -sample 1x1 -outfile '" + out + "' '" + (dir_ / "in.pnm").string() + "'";
+        EXPECT_EQ(std::system(cmd.c_str()), 0);
+        return out;
+    }
+};
+
+TEST_F(ImageJpegTest, DecodesColourAndGrayscaleFilesIntoTheAskedLayout) {
+    std::string colour = make_jpeg("colour.jpg");
+    image_jpeg img;
+    char why[200] = "";
+    ASSERT_EQ(image_jpeg_load(colour.c_str(), IMAGE_JPEG_AS_STORED, &img, why, sizeof(why)), 0) << why;
+    EXPECT_EQ(img.width, 16);
+    EXPECT_EQ(img.height, 8);
+    ASSERT_EQ(img.components, 3);
+    const int want[2][3] = {{200, 40, 10}, {10, 90, 250}};
+    for (int y = 0; y < 8; y++) {
+        for (int x = 0; x < 16; x++) {
+            for (int c = 0; c < 3; c++) {
+                EXPECT_NEAR(img.pixels[(y * 16 + x) * 3 + c], want[x >= 8][c], 2) << x << "," << y << " " << c;
+            }
+        }
+    }
+    image_jpeg_free(&img);
+    EXPECT_EQ(img.pixels, nullptr);
+
+    ASSERT_EQ(image_jpeg_load(colour.c_str(), IMAGE_JPEG_GRAY, &img, why, sizeof(why)), 0);
+    EXPECT_EQ(img.components, 1);
+    EXPECT_NEAR(img.pixels[0], (299 * 200 + 587 * 40 + 114 * 10) / 1000, 2);  // the luma of the left half
+    image_jpeg_free(&img);
+
+    std::string gray = make_jpeg("gray.jpg", true);
+    ASSERT_EQ(image_jpeg_load(gray.c_str(), IMAGE_JPEG_AS_STORED, &img, why, sizeof(why)), 0);
+    EXPECT_EQ(img.components, 1);
+    EXPECT_NEAR(img.pixels[0], 30, 2);
+    EXPECT_NEAR(img.pixels[15], 220, 2);
+    image_jpeg_free(&img);
+    ASSERT_EQ(image_jpeg_load(gray.c_str(), IMAGE_JPEG_RGB, &img, why, sizeof(why)), 0);
+    EXPECT_EQ(img.components, 3);
+    EXPECT_NEAR(img.pixels[15 * 3 + 1], 220, 2);
+    image_jpeg_free(&img);
+}
+
+TEST_F(ImageJpegTest, BadInputComesBackAsAnError) {
+    std::string good = read_bytes(make_jpeg("good.jpg"));
+    image_jpeg img;
+    char why[200] = "";
+    EXPECT_TRUE(image_jpeg_signature((const uint8_t*)good.data(), good.size()));
+    EXPECT_FALSE(image_jpeg_signature((const uint8_t*)"\xFF\xD8", 2));
+
+    std::string garbage = "\xFF\xD8\xFF" + std::string(200, '\x55');
+    EXPECT_EQ(image_jpeg_decode(garbage.data(), garbage.size(), IMAGE_JPEG_RGB, &img, why, sizeof(why)), 1);
+    EXPECT_STRNE(why, "");
+    EXPECT_EQ(img.pixels, nullptr);
+    EXPECT_EQ(image_jpeg_decode("not a jpeg", 10, IMAGE_JPEG_RGB, &img, why, sizeof(why)), 1);
+    EXPECT_EQ(image_jpeg_decode(good.data(), good.size(), 2, &img, why, sizeof(why)), 1);  // no such layout
+    EXPECT_EQ(image_jpeg_decode(good.data(), 0, IMAGE_JPEG_RGB, &img, nullptr, 0), 1);
+    // Cut at every length: always an error, never a crash; the whole file decodes.
+    for (size_t n = 1; n < good.size(); n++) {
+        ASSERT_EQ(image_jpeg_decode(good.data(), n, IMAGE_JPEG_RGB, &img, nullptr, 0), 1) << n;
+        ASSERT_EQ(img.pixels, nullptr);
+    }
+    ASSERT_EQ(image_jpeg_decode(good.data(), good.size(), IMAGE_JPEG_RGB, &img, nullptr, 0), 0);
+    image_jpeg_free(&img);
+
+    EXPECT_EQ(image_jpeg_load((dir_ / "missing.jpg").c_str(), IMAGE_JPEG_RGB, &img, why, sizeof(why)), 1);
+    write_bytes(dir_ / "empty.jpg", "");
+    EXPECT_EQ(image_jpeg_load((dir_ / "empty.jpg").c_str(), IMAGE_JPEG_RGB, &img, why, sizeof(why)), 1);
+}
+
+}  // namespace
