@@ -1,5 +1,5 @@
-// Command-line jobs: "export", "export-midi", "info" and "demo". A missing SONG argument
-// means the bundled demo song. Outputs are written beside their target and renamed into
+// Command-line jobs: "export", "export-midi", "info", "demo" and "sample-info". A missing
+// SONG argument means the bundled demo song. Outputs are written beside their target and renamed into
 // place by the savers, so a failed job never leaves a half-written file.
 #include "app/command_line.h"
 
@@ -11,6 +11,8 @@
 
 #include "engine/profile.h"
 #include "psynth/psynth_modules.h"
+#include "psynth/sample_file.h"
+#include "psynth/sampler.h"
 #include "song/demo.h"
 #include "song/export.h"
 #include "song/song_file.h"
@@ -26,6 +28,7 @@ const char* const kUsage =
     "  export-midi [SONG] OUT.mid\n"
     "  info [SONG]\n"
     "  demo OUT.zelfon\n"
+    "  sample-info FILE [--raw float32|int16|int8|uint8] [--channels 1|2]\n"
     "Without SONG the bundled demo song is used; without COMMAND the demo is exported to zelfon_demo.wav.\n";
 
 int fail(const std::string& message) {
@@ -38,6 +41,8 @@ struct options {
     int format = ZELFON_EXPORT_INT16;
     int mode = ZELFON_EXPORT_ONE_FILE;
     int rate = 0;
+    int raw_format = -1;  // sample-info: read the file as headerless data of this format
+    int channels = 1;
     std::string error;
 };
 
@@ -51,10 +56,12 @@ int index_of(const char* value, const char* const* names, int count) {
 options parse_options(int argc, char** argv, int first) {
     static const char* const formats[] = {"int16", "float32"};
     static const char* const modes[] = {"mix", "modules", "effects", "connected"};
+    static const char* const raw_formats[] = {"float32", "int16", "int8", "uint8"};  // psynth_sample_raw_format order
     options o;
     for (int i = first; i < argc && o.error.empty(); i++) {
         const char* arg = argv[i];
-        bool takes_value = !strcmp(arg, "--format") || !strcmp(arg, "--mode") || !strcmp(arg, "--rate");
+        bool takes_value = !strcmp(arg, "--format") || !strcmp(arg, "--mode") || !strcmp(arg, "--rate") ||
+                           !strcmp(arg, "--raw") || !strcmp(arg, "--channels");
         if (!takes_value) {
             if (arg[0] == '-' && arg[1] == '-') o.error = std::string("unknown option ") + arg;
             o.positional.push_back(arg);
@@ -71,6 +78,12 @@ options parse_options(int argc, char** argv, int first) {
         } else if (!strcmp(arg, "--mode")) {
             o.mode = index_of(value, modes, 4);
             if (o.mode < 0) o.error = std::string("unknown mode ") + value;
+        } else if (!strcmp(arg, "--raw")) {
+            o.raw_format = index_of(value, raw_formats, 4);
+            if (o.raw_format < 0) o.error = std::string("unknown raw format ") + value;
+        } else if (!strcmp(arg, "--channels")) {
+            o.channels = atoi(value);
+            if (o.channels != 1 && o.channels != 2) o.error = std::string("unusable channel count ") + value;
         } else {
             o.rate = atoi(value);
             if (o.rate < 8000 || o.rate > 384000) o.error = std::string("unusable rate ") + value;
@@ -169,6 +182,59 @@ int write_demo(const options& o) {
     return result ? fail("cannot write " + std::string(o.positional[0])) : 0;
 }
 
+const char* sample_format_text(uint8_t type) {
+    switch ((type & PSYNTH_SAMPLER_FORMAT_MASK) >> PSYNTH_SAMPLER_FORMAT_SHIFT) {
+    case PSYNTH_SAMPLER_FORMAT_INT8: return "8-bit";
+    case PSYNTH_SAMPLER_FORMAT_INT16: return "16-bit";
+    case PSYNTH_SAMPLER_FORMAT_FLOAT32: return "32-bit float";
+    default: return "unknown format";
+    }
+}
+
+void print_samples(int mod, psynth_net* net) {
+    const auto* ins = (const psynth_sampler_instrument*)psynth_get_chunk(mod, PSYNTH_SAMPLER_INSTRUMENT_CHUNK, net);
+    printf("Instrument: \"%.*s\", %d sample%s\n", PSYNTH_SAMPLE_NAME_SIZE, ins->name, ins->samples_num,
+           ins->samples_num == 1 ? "" : "s");
+    for (int s = 0; s < ins->samples_num; s++) {
+        const auto* h = (const psynth_sampler_sample*)psynth_get_chunk(mod, psynth_sampler_header_chunk(s), net);
+        if (!h) continue;
+        int bytes = 0, rate = 0;
+        psynth_get_chunk_info(mod, psynth_sampler_data_chunk(s), &bytes, nullptr, &rate, net);
+        static const char* const loops[4] = {"off", "forward", "ping-pong", "forward"};
+        int loop = h->type & PSYNTH_SAMPLER_LOOP_MASK;
+        printf("Sample %d \"%.*s\": %s %s, %d Hz, %u frames, loop %s", s, PSYNTH_SAMPLE_NAME_SIZE, h->name,
+               sample_format_text(h->type), h->type & PSYNTH_SAMPLER_STEREO ? "stereo" : "mono", rate, h->length,
+               loops[loop]);
+        if (loop) printf(" (start %u, length %u)", h->loop_start, h->loop_length);
+        printf(", finetune %d, relative note %d, volume %d\n", h->finetune, h->relative_note, h->volume);
+    }
+}
+
+int sample_info(const options& o) {
+    if (o.positional.size() != 1) return fail("sample-info needs FILE");
+    static const char* const kTypes[] = {"RAW", "WAV", "AIFF", "AIFC", "XI", "JPEG image"};
+    const char* path = o.positional[0];
+    psynth_sample_file_type type = psynth_sample_file_type_of_path(path);
+    psynth_net net;
+    psynth_init(0, kDefaultRate, 125, 6, &net);
+    int mod = psynth_add_synth(-1, psynth_sampler, nullptr, 0, 0, 0, 125, 6, &net);
+    int result = mod < 0 ? 1
+               : o.raw_format >= 0 || type == PSYNTH_SAMPLE_FILE_JPEG
+                   ? psynth_sample_load_raw(path, o.raw_format < 0 ? 0 : o.raw_format, o.channels, mod, PSYNTH_SAMPLE_SLOT_INSTRUMENT, &net)
+                   : psynth_sample_load(path, mod, PSYNTH_SAMPLE_SLOT_INSTRUMENT, 0, &net);
+    if (result == 0) {
+        printf("File: %s\nType: %s\n", path, o.raw_format >= 0 && type != PSYNTH_SAMPLE_FILE_JPEG ? "RAW" : kTypes[type]);
+        print_samples(mod, &net);
+    }
+    std::string why = mod < 0 ? "out of memory" : psynth_sample_load_error();
+    psynth_close(&net);
+    if (result == 0) return 0;
+    if (!why.empty() && why[0] == '!') why.erase(0, 1);      // a message-box text
+    while (!why.empty() && why.back() == '\n') why.pop_back();
+    if (type == PSYNTH_SAMPLE_FILE_UNKNOWN && o.raw_format < 0) why += " (--raw reads it as headerless data)";
+    return fail(std::string(path) + ": " + why);
+}
+
 }  // namespace
 
 int zelfon_command_line(int argc, char** argv) {
@@ -187,6 +253,7 @@ int zelfon_command_line(int argc, char** argv) {
     if (!strcmp(command, "export-midi")) return export_midi(o);
     if (!strcmp(command, "info")) return info(o);
     if (!strcmp(command, "demo")) return write_demo(o);
+    if (!strcmp(command, "sample-info")) return sample_info(o);
     fputs(kUsage, stderr);
     return fail(std::string("unknown command ") + command);
 }

@@ -544,7 +544,9 @@ int open_reader(const char* path, reader* r) {
 psynth_sample_file_type psynth_sample_file_type_of(const uint8_t* head, size_t size) {
     if (size >= 10 && memcmp(head, "Ext", 3) == 0 && head[9] == 'I') return PSYNTH_SAMPLE_FILE_XI;
     if (size >= 11 && is_id(head, "RIFF") && memcmp(head + 8, "WAV", 3) == 0) return PSYNTH_SAMPLE_FILE_WAV;
-    if (size >= 4 && is_id(head, "FORM")) return PSYNTH_SAMPLE_FILE_AIFF;
+    if (size >= 4 && is_id(head, "FORM")) {
+        return size >= 12 && is_id(head + 8, "AIFC") ? PSYNTH_SAMPLE_FILE_AIFC : PSYNTH_SAMPLE_FILE_AIFF;
+    }
     if (image_start(head, size)) return PSYNTH_SAMPLE_FILE_JPEG;
     return PSYNTH_SAMPLE_FILE_UNKNOWN;
 }
@@ -622,6 +624,7 @@ int psynth_sample_load(const char* path, int mod_num, int slot, int flags, psynt
     psynth_sample_file_type type = psynth_sample_file_type_of(head, n);
     if (type == PSYNTH_SAMPLE_FILE_XI && slot != PSYNTH_SAMPLE_SLOT_INSTRUMENT) type = PSYNTH_SAMPLE_FILE_UNKNOWN;
     int result = 1;
+    if (type == PSYNTH_SAMPLE_FILE_AIFC) type = PSYNTH_SAMPLE_FILE_AIFF;  // one reader for both forms
     if (type == PSYNTH_SAMPLE_FILE_XI || type == PSYNTH_SAMPLE_FILE_WAV || type == PSYNTH_SAMPLE_FILE_AIFF) {
         const target t = {file_name_of(path), mod_num, slot, net};
         tarvik_mutex* mutex = psynth_sampler_get_mutex(mod_num, net);

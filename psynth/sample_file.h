@@ -24,7 +24,8 @@ constexpr int PSYNTH_SAMPLE_HEAD_SIZE = 12;        // bytes that choose the read
 enum psynth_sample_file_type : int {
     PSYNTH_SAMPLE_FILE_UNKNOWN = 0,  // no reader: the RAW path
     PSYNTH_SAMPLE_FILE_WAV,
-    PSYNTH_SAMPLE_FILE_AIFF,         // "FORM" (AIFF or AIFC, told apart by the form type)
+    PSYNTH_SAMPLE_FILE_AIFF,         // "FORM" with any form type but "AIFC" (the reader refuses unknown ones)
+    PSYNTH_SAMPLE_FILE_AIFC,         // "FORM" ... "AIFC": the same reader
     PSYNTH_SAMPLE_FILE_XI,
     PSYNTH_SAMPLE_FILE_JPEG,         // not recognised by the readers, but the RAW path decodes it as an image
 };
