@@ -231,7 +231,7 @@ int sample_info(const options& o) {
     if (result == 0) return 0;
     if (!why.empty() && why[0] == '!') why.erase(0, 1);      // a message-box text
     while (!why.empty() && why.back() == '\n') why.pop_back();
-    if (type == PSYNTH_SAMPLE_FILE_UNKNOWN && o.raw_format < 0) why += " (--raw reads it as headerless data)";
+    if (result == 1 && type == PSYNTH_SAMPLE_FILE_UNKNOWN && o.raw_format < 0) why += " (--raw reads it as headerless data)";
     return fail(std::string(path) + ": " + why);
 }
 

@@ -68,7 +68,8 @@ void report(const char* format, ...) {
     va_start(args, format);
     vsnprintf(g_error, sizeof(g_error), format, args);
     va_end(args);
-    tarvik_log("%s", g_error);
+    size_t n = strlen(g_error);
+    tarvik_log(n && g_error[n - 1] == '\n' ? "%s" : "%s\n", g_error);  // message-box texts end in no newline
 }
 
 // A four-character code as printable text.
@@ -587,12 +588,12 @@ void* psynth_sample_create(const char* name, int bytes, int bits, int channels, 
     const int header_chunk = psynth_sampler_header_chunk(slot < 0 ? 0 : slot);
     const int data_chunk = psynth_sampler_data_chunk(slot < 0 ? 0 : slot);
     const uint8_t type = type_for(bits, channels);
-    ok = ok && !psynth_new_chunk(mod_num, header_chunk, sizeof(psynth_sampler_sample), 0, 0, net);
-    ok = ok && !psynth_new_chunk(mod_num, data_chunk, bytes, psynth_sampler_storage_flags(type), rate, net);
+    const bool have_header = ok && !psynth_new_chunk(mod_num, header_chunk, sizeof(psynth_sampler_sample), 0, 0, net);
+    ok = have_header && !psynth_new_chunk(mod_num, data_chunk, bytes, psynth_sampler_storage_flags(type), rate, net);
     if (!ok) {
-        psynth_free_chunk(mod_num, header_chunk, net);  // no header without its data
-        if (psynth_sampler_get_mutex(mod_num, net) && instrument_of(mod_num, net)) {
-            update_sample_count(instrument_of(mod_num, net), mod_num, net);
+        if (have_header) {
+            psynth_free_chunk(mod_num, header_chunk, net);  // no header without its data
+            if (psynth_sampler_instrument* ins = instrument_of(mod_num, net)) update_sample_count(ins, mod_num, net);
         }
         report(PSYNTH_SAMPLE_MSG_CANT_CREATE);
         return nullptr;
