@@ -96,4 +96,40 @@ TEST_F(CommandLineTest, ErrorsExitNonZeroAndLeaveNothingBehind) {
     }
 }
 
+// sample-info reads a file as the Sampler would load it; errors go to stderr.
+TEST_F(CommandLineTest, SampleInfoDescribesWhatAFileLoadsAs) {
+    std::string raw;
+    for (int i = 0; i < 2000; i++) raw += (char)(i * 7);
+    std::ofstream(path("in.raw"), std::ios::binary) << raw;
+    std::string cmd = "sox -t raw -r 22050 -e signed -b 16 -c 2 '" + path("in.raw") + "' '" + path("t.wav") + "'";
+    ASSERT_EQ(std::system(cmd.c_str()), 0);
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(run({"sample-info", path("t.wav")}), 0);
+    std::string out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(out.find("Type: WAV\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("Sample 0 \"t.wav\": 16-bit stereo, 22050 Hz, 500 frames, loop off"), std::string::npos) << out;
+
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(run({"sample-info", path("in.raw"), "--raw", "uint8", "--channels", "2"}), 0);
+    out = testing::internal::GetCapturedStdout();
+    EXPECT_NE(out.find("Type: RAW\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("8-bit stereo, 44100 Hz, 1000 frames"), std::string::npos) << out;
+
+    std::string wav = read(path("t.wav"));
+    wav[34] = 12;  // bits per value
+    std::ofstream(path("bad.wav"), std::ios::binary) << wav;
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(run({"sample-info", path("bad.wav")}), 1);
+    EXPECT_EQ(run({"sample-info", path("in.raw")}), 1);
+    EXPECT_EQ(run({"sample-info", path("missing.wav")}), 1);
+    EXPECT_EQ(run({"sample-info", path("in.raw"), "--raw", "int12"}), 1);
+    EXPECT_EQ(run({"sample-info"}), 1);
+    std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find("zelfon: " + path("bad.wav") + ": 12 bits not supported\n"), std::string::npos) << err;
+    EXPECT_NE(err.find("zelfon: " + path("in.raw") + ": File format not recognized (--raw reads it as headerless data)\n"),
+              std::string::npos) << err;
+    EXPECT_NE(err.find("zelfon: " + path("missing.wav") + ": Can't open"), std::string::npos) << err;
+    EXPECT_NE(err.find("unknown raw format int12"), std::string::npos) << err;
+}
+
 }  // namespace
