@@ -425,6 +425,7 @@ int read_xi(const reader& r, int flags, const target& t) {
     }
     int count = le16(count_bytes);
     uint32_t byte_lengths[PSYNTH_SAMPLER_SAMPLES] = {};
+    int64_t total = 0;
     for (int s = 0; s < count; s++) {
         uint8_t h[PSYNTH_SAMPLER_HEADER_FIELDS];
         if (!r.read(h, sizeof(h))) {
@@ -440,7 +441,8 @@ int read_xi(const reader& r, int flags, const target& t) {
             report(PSYNTH_SAMPLE_MSG_XI_FORMAT, type);
             return 1;
         }
-        if ((int64_t)length >= r.size) {  // more data than the whole file holds
+        total += length;
+        if (total >= r.size) {  // more data than the whole file holds: refused before allocating it
             report(PSYNTH_SAMPLE_MSG_CUT_SHORT);
             return 1;
         }
