@@ -17,12 +17,13 @@
 //   clip — limited to the full scale; sat — v − 4v³/27 on v limited to ±1.5 × full scale
 //   (unity slope for quiet sounds, flat at full scale); fold — reflected back at ±full
 //   scale; wrap — wraps around from +full scale to −full scale.
-// The held sample is renewed "Sample rate" times per second (every frame when it is not
-// below the net's rate). "Bit depth" b below 13 floors the sample to a multiple of
-// 2^(13 − b), so that the full scale holds 2^b levels as a b-bit converter would; the net
-// holds 13 bits per full scale, so 13..16 bits leave the sample as it is. "Volume" comes
-// last (toward zero). Quiet sounds pass unchanged at the defaults. Without input it is
-// silent; the noise restarts from the same seed at INIT and CLEAN.
+// The held sample is renewed "Sample rate" times per second (every frame at 48000, the
+// maximum, or at any value not below the net's rate). "Bit depth" b below 13 floors the
+// sample to a multiple of 2^(13 − b), so that the full scale holds 2^b levels as a b-bit
+// converter would; the net holds 13 bits per full scale, so 13..16 bits leave the sample
+// as it is. "Volume" comes last (toward zero). Quiet sounds pass unchanged at the
+// defaults. Without input it is silent; the noise restarts from the same seed at INIT
+// and CLEAN.
 #include <cstdint>
 
 #include "engine/random.h"
@@ -44,6 +45,7 @@ constexpr int kPhaseOne = 1 << kPhaseShift;
 constexpr int kNoiseCenter = 16384;                 // tarvik_random gives 0..32767
 constexpr int kNoiseShift = 10;                     // (r − 16384) × "Noise" >> 10: ±4096 at 256
 constexpr uint32_t kNoiseSeed = 12345;
+constexpr int kRateMax = 48000;                     // "Sample rate" at its maximum: no reduction
 
 enum distortion_ctl : int { CTL_VOLUME, CTL_TYPE, CTL_POWER, CTL_BITS, CTL_RATE, CTL_NOISE, CTL_MONO, CTL_COUNT };
 enum distortion_type : int { TYPE_CLIP, TYPE_SAT, TYPE_FOLD, TYPE_WRAP };
@@ -73,7 +75,7 @@ void init(int mod_num, distortion_data* d, psynth_net* net) {
     psynth_register_ctl(mod_num, "Type", "clip/sat/fold/wrap", 0, 3, 0, PSYNTH_CTL_SELECTOR, &v[CTL_TYPE], net);
     psynth_register_ctl(mod_num, "Power", "", 0, 256, 0, PSYNTH_CTL_NUMBER, &v[CTL_POWER], net);
     psynth_register_ctl(mod_num, "Bit depth", "bits", 1, 16, 16, PSYNTH_CTL_NUMBER, &v[CTL_BITS], net);
-    psynth_register_ctl(mod_num, "Sample rate", "Hz", 1, 48000, 48000, PSYNTH_CTL_NUMBER, &v[CTL_RATE], net);
+    psynth_register_ctl(mod_num, "Sample rate", "Hz", 1, kRateMax, kRateMax, PSYNTH_CTL_NUMBER, &v[CTL_RATE], net);
     psynth_register_ctl(mod_num, "Noise", "", 0, 256, 0, PSYNTH_CTL_NUMBER, &v[CTL_NOISE], net);
     psynth_register_ctl(mod_num, "Mono", "off/on", 0, 1, 0, PSYNTH_CTL_SELECTOR, &v[CTL_MONO], net);
     d->rate = net->sampling_rate;
@@ -142,7 +144,7 @@ intptr_t render(int mod_num, distortion_data* d, psynth_net* net) {
     p.type = d->ctl[CTL_TYPE];
     p.drive = PSYNTH_GAIN_UNITY + d->ctl[CTL_POWER] * kDriveSpan;
     p.noise = d->ctl[CTL_NOISE];
-    p.phase_step = d->ctl[CTL_RATE] >= d->rate ? kPhaseOne
+    p.phase_step = d->ctl[CTL_RATE] >= d->rate || d->ctl[CTL_RATE] >= kRateMax ? kPhaseOne
                                                : (int32_t)(((int64_t)d->ctl[CTL_RATE] << kPhaseShift) / d->rate);
     p.quantize_shift = d->ctl[CTL_BITS] < kFullScaleBits ? kFullScaleBits - d->ctl[CTL_BITS] : 0;
     p.volume = d->ctl[CTL_VOLUME];
