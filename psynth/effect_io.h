@@ -93,7 +93,8 @@ inline const psynth_sample* psynth_source_output(const psynth_module* src, int c
 // source's start. `src` may be −1 (nothing linked). True when it sounds there.
 inline bool psynth_source_input(int src, int c, int from, int to, psynth_sample* dest, const psynth_net* net) {
     int start = PSYNTH_BUFFER_SIZE;
-    const psynth_sample* out = psynth_linked_module_exists(src, net) ? psynth_source_output(&net->modules[src], c, &start) : nullptr;
+    const psynth_sample* out =
+        psynth_linked_module_exists(src, net) ? psynth_source_output(&net->modules[src], c, &start) : nullptr;
     int f = !out ? to : start > from ? (start < to ? start : to) : from;
     if (f > from) memset(dest + from, 0, sizeof(psynth_sample) * (size_t)(f - from));
     if (f < to) memcpy(dest + f, out + f, sizeof(psynth_sample) * (size_t)(to - f));

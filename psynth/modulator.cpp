@@ -95,8 +95,9 @@ int32_t phase(const psynth_sample* m, const psynth_sample* x, psynth_sample* out
     for (int i = from; i < to; i++) {
         line[p] = x[i];
         int32_t level = psynth_clamp(m[i], -PSYNTH_FULL_SCALE, PSYNTH_FULL_SCALE);
-        int32_t delay = absolute ? (int32_t)(((int64_t)(level < 0 ? -level : level) * max_delay) >> PSYNTH_FULL_SCALE_SHIFT)
-                                 : (int32_t)(((int64_t)(level + PSYNTH_FULL_SCALE) * max_delay) >> (PSYNTH_FULL_SCALE_SHIFT + 1));
+        // |level| over 0..4096, or level + 4096 over 0..8192, scales the longest delay.
+        int64_t reach = absolute ? (level < 0 ? -level : level) : level + PSYNTH_FULL_SCALE;
+        int32_t delay = (int32_t)((reach * max_delay) >> (PSYNTH_FULL_SCALE_SHIFT + (absolute ? 0 : 1)));
         int32_t q0 = p - (delay >> kFracBits);
         if (q0 < 0) q0 += length;
         int32_t q1 = q0 > 0 ? q0 - 1 : length - 1;
