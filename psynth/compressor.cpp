@@ -128,31 +128,6 @@ void init(int mod_num, compressor_data* d, psynth_net* net) {
 
 // ---- Side chain ----
 
-bool linked_module_exists(int src, const psynth_net* net) {
-    return src >= 0 && src < net->slots && (net->modules[src].flags & PSYNTH_FLAG_EXISTS);
-}
-
-// The module index of the n-th (from 1) module linked into `mod`, or −1.
-int nth_linked_module(const psynth_module* mod, int n, const psynth_net* net) {
-    if (n < 1) return -1;
-    for (int i = 0; i < mod->input_links_capacity; i++) {
-        int src = mod->input_links[i];
-        if (linked_module_exists(src, net) && --n == 0) return src;
-    }
-    return -1;
-}
-
-// A source's output channel c as rendered in this pass: the buffer and where its sound
-// starts (frames before it are silence). Null when it brings nothing.
-const psynth_sample* source_output(const psynth_module* src, int c, int* start) {
-    *start = PSYNTH_BUFFER_SIZE;
-    if (!(src->render_state & PSYNTH_RENDER_DONE) || src->output_channels < 1) return nullptr;
-    int sc = c < src->output_channels ? c : src->output_channels - 1;  // mono feeds both
-    if (sc >= PSYNTH_MAX_CHANNELS || !src->output_buffers[sc]) return nullptr;
-    *start = src->output_start[sc];
-    return src->output_buffers[sc];
-}
-
 // Rebuilds the heard input over [from, to) from every linked module except `side`: the
 // first with sound is copied (zeros before its start), the rest are added. True when
 // one of them sounds there.
@@ -163,9 +138,9 @@ bool rebuild_input(psynth_module* mod, int side, int from, int to, const psynth_
         bool first = true;
         for (int i = 0; i < mod->input_links_capacity; i++) {
             int src = mod->input_links[i];
-            if (src == side || !linked_module_exists(src, net)) continue;
+            if (src == side || !psynth_linked_module_exists(src, net)) continue;
             int start;
-            const psynth_sample* out = source_output(&net->modules[src], c, &start);
+            const psynth_sample* out = psynth_source_output(&net->modules[src], c, &start);
             if (!out || start >= to) continue;
             int f = start > from ? start : from;
             if (first) {
@@ -277,7 +252,7 @@ intptr_t render(int mod_num, compressor_data* d, psynth_net* net) {
     }
     const int from = mod->render_offset;
     const int to = from + mod->render_frames;
-    const int side = nth_linked_module(mod, d->ctl[CTL_SIDE_CHAIN], net);
+    const int side = psynth_nth_linked_module(mod, d->ctl[CTL_SIDE_CHAIN], net);
 
     const psynth_sample* in[kChannels];
     measured_channel measured[kChannels];
@@ -286,7 +261,7 @@ intptr_t render(int mod_num, compressor_data* d, psynth_net* net) {
         sounds = rebuild_input(mod, side, from, to, net);
         for (int c = 0; c < kChannels; c++) {
             in[c] = mod->input_buffers[c];
-            measured[c].buf = source_output(&net->modules[side], c, &measured[c].start);
+            measured[c].buf = psynth_source_output(&net->modules[side], c, &measured[c].start);
             if (measured[c].buf && measured[c].start < to) sounds = true;
         }
     } else {

@@ -7,6 +7,9 @@
 
 constexpr int PSYNTH_GAIN_SHIFT = 8;
 constexpr int PSYNTH_GAIN_UNITY = 1 << PSYNTH_GAIN_SHIFT;
+// A sample of 4096 is the sound device's full scale (level 1.0).
+constexpr int PSYNTH_FULL_SCALE_SHIFT = 12;
+constexpr int PSYNTH_FULL_SCALE = 1 << PSYNTH_FULL_SCALE_SHIFT;
 
 // x / 256 rounding toward zero: negative values are biased by 255 before the shift.
 inline int32_t psynth_div256_toward_zero(int32_t x) {
@@ -104,3 +107,23 @@ inline int32_t psynth_dc_block(psynth_dc_blocker* st, int32_t x, int32_t coef) {
     return st->y_prev;
 }
 
+// The blocker over samples [from, to) of `in` into `out` (16-bit, wrapping); the state
+// is held in locals for the loop and stored back once.
+inline void psynth_dc_block_run(psynth_dc_blocker* st, int32_t coef, const int16_t* in, int16_t* out, int from,
+                                int to) {
+    psynth_dc_blocker b = *st;
+    for (int i = from; i < to; i++) out[i] = psynth_wrap16(psynth_dc_block(&b, in[i], coef));
+    *st = b;
+}
+
+
+// ---- Saturation ----
+
+// x limited to lo..hi.
+inline int32_t psynth_clamp(int32_t x, int32_t lo, int32_t hi) { return x < lo ? lo : x > hi ? hi : x; }
+
+// A 64-bit value saturated to the 16-bit sample range (the Amplifier's gain stages
+// saturate rather than wrap, so a boosted signal clips instead of turning into noise).
+inline int16_t psynth_saturate16(int64_t x) {
+    return (int16_t)(x < INT16_MIN ? INT16_MIN : x > INT16_MAX ? INT16_MAX : x);
+}

@@ -15,6 +15,11 @@ const psynth_handler kModuleTypes[] = {
     psynth_filter,
     psynth_reverb,
     psynth_compressor,
+    psynth_distortion,
+    psynth_dcblocker,
+    psynth_amplifier,
+    psynth_modulator,
+    psynth_equalizer,
 };
 
 }  // namespace

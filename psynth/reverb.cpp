@@ -176,13 +176,6 @@ void allpass_run(reverb_allpass* f, int32_t* line, int32_t* sum, int n) {
     f->index = index;
 }
 
-// The DC blocker over one channel's input, written into its output (16-bit, wrapping).
-void dc_run(psynth_dc_blocker* st, int32_t coef, const psynth_sample* in, psynth_sample* out, int from, int to) {
-    psynth_dc_blocker b = *st;
-    for (int i = from; i < to; i++) out[i] = psynth_wrap16(psynth_dc_block(&b, in[i], coef));
-    *st = b;
-}
-
 // Wet sum plus dry input for one frame: ((sum >> 6) × wet + input × dry) / 256, each toward zero.
 inline int32_t mix(int32_t sum, int32_t wet, psynth_sample dry_in, int32_t dry) {
     return psynth_wrap32((int64_t)psynth_gain32(sum >> kSumShift, wet) + psynth_gain32(dry_in, dry));
@@ -208,7 +201,7 @@ intptr_t render(int mod_num, reverb_data* d, psynth_net* net) {
     for (int c = 0; c < channels; c++) {
         in[c] = psynth_effect_input(mod, c, from, to);
         out[c] = mod->output_buffers[c];
-        dc_run(&d->dc[c], d->dc_coef, in[c], out[c], from, to);
+        psynth_dc_block_run(&d->dc[c], d->dc_coef, in[c], out[c], from, to);
     }
     const int n = to - from;
     int32_t* x = scratch(d, 0);
