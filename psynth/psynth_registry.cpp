@@ -15,6 +15,7 @@ const psynth_handler kModuleTypes[] = {
     psynth_filter,
     psynth_reverb,
     psynth_compressor,
+    psynth_vorbis_player,
 };
 
 }  // namespace
