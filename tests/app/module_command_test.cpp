@@ -19,11 +19,13 @@ namespace {
 
 namespace fs = std::filesystem;
 
+// Taken before any test points TMPDIR into its own folder (and removes it afterwards).
+const fs::path kTempRoot = fs::temp_directory_path();
+
 class ModuleCommandTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        static const fs::path root = fs::temp_directory_path();
-        dir = root / ("zelfon_module_cmd_test_" + std::to_string(getpid()));
+        dir = kTempRoot / ("zelfon_module_cmd_test_" + std::to_string(getpid()));
         fs::create_directories(dir);
         setenv("TMPDIR", dir.c_str(), 1);
         mem_init();
