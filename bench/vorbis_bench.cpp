@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
+#include <unistd.h>
 
 #include "engine/memory.h"
 #include "psynth/psynth_modules.h"
@@ -19,13 +20,22 @@ constexpr int kRate = 44100;
 constexpr int kFrames = 1024;
 constexpr double kSeconds = 30;
 
+// A folder of its own, removed when the program ends.
+struct bench_folder {
+    std::filesystem::path path = std::filesystem::temp_directory_path() / ("zelfon_vorbis_bench_" + std::to_string(getpid()));
+    bench_folder() { std::filesystem::create_directories(path); }
+    ~bench_folder() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path, ignored);
+    }
+};
+
 // The 30-second stereo file (441 Hz left, 882 Hz right), made on first use; "" without oggenc.
 const std::string& thirty_second_file() {
+    static const bench_folder folder;
     static const std::string path = [] {
         if (!ogg_tone_encoder_found()) return std::string();
-        std::string dir = (std::filesystem::temp_directory_path() / "zelfon_vorbis_bench").string();
-        std::filesystem::create_directories(dir);
-        return ogg_tone_make(dir, "thirty", 441, kSeconds, kRate, 2, 882);
+        return ogg_tone_make(folder.path.string(), "thirty", 441, kSeconds, kRate, 2, 882);
     }();
     return path;
 }

@@ -35,6 +35,8 @@
 // releasing one, else the one after the cursor; a voice already holding the event's id is
 // released first. NOTE_OFF fades the voice out over 10 ms so that it stops without a click; a
 // volume or velocity change glides over 64 frames. Voices are summed with saturation.
+// SET_SAMPLE_OFFSET moves a voice to a frame of the file (in the event's pitch field),
+// SET_SAMPLE_OFFSET2 to a share of its length (0..32768 in the velocity field).
 #include "psynth/vorbis_player.h"
 
 #include <tremor/ivorbisfile.h>

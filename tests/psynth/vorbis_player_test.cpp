@@ -139,6 +139,11 @@ TEST_F(VorbisPlayerTest, PlaysOnceOrRepeatsAndFallsSilent) {
     EXPECT_EQ(net.modules[mod].output_start[0], 512);
     EXPECT_EQ(net.modules[mod].output_start[1], 512);
 
+    // From the middle (a sample offset of half the length) half the file is left.
+    out = play({{0, PS_CMD_NOTE_ON, 1}, {0, PS_CMD_SET_SAMPLE_OFFSET2, 1, kC5, 16384}}, 4096);
+    EXPECT_GT(peak(out, 0, 2100), 1500);
+    EXPECT_EQ(peak(out, 2206, 4096), 0);
+
     set(REPEAT, 1);
     out = play({{0, PS_CMD_NOTE_ON, 1}}, 16384);
     for (int block = 0; block < 16; block++) EXPECT_GT(peak(out, block * 1024, block * 1024 + 1024), 1500) << block;
