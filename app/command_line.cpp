@@ -1,6 +1,6 @@
-// Command-line jobs: "export", "export-midi", "info", "demo" and "module". A missing SONG argument
-// means the bundled demo song. Outputs are written beside their target and renamed into
-// place by the savers, so a failed job never leaves a half-written file.
+// Command-line jobs: "export", "export-midi", "info", "demo" and "module". A missing SONG
+// argument means the bundled demo song. Outputs are written beside their target and renamed
+// into place by the savers, so a failed job never leaves a half-written file.
 #include "app/command_line.h"
 
 #include <cstdio>
@@ -185,7 +185,7 @@ std::string build_vorbis_song(const char* ogg_path, zelfon_song* song) {
     if (error || psynth_vorbis_player_get_info(mod, &info, net)) {
         return "cannot load " + std::string(ogg_path) + " (error " + std::to_string(error) + ")";
     }
-    // Lines to the file's end and one more for the release.
+    // Lines to the file's end and one more for the release (tick lengths are in 1/256 frame).
     int64_t frames = info.frames * net->sampling_rate / info.rate;
     int64_t line_frames = (int64_t)psynth_tick_length(net->sampling_rate, song->bpm) * song->speed / 256;
     int lines = (int)((frames + line_frames - 1) / line_frames) + 1;
