@@ -119,14 +119,6 @@ TEST_F(VorbisPlayerTest, PlaysTheToneAtItsPitchAndLevel) {
         out = play({{0, PS_CMD_NOTE_ON, 1, c.pitch}}, 8192);
         EXPECT_NEAR(ogg_tone_period(out, 500, 8192), c.period, c.period * 0.001) << c.pitch << " " << c.original;
     }
-
-    // A file at 22050 Hz keeps its pitch in a 44100 Hz net.
-    psynth_do_command(mod, PS_CMD_CLEAN, &net);
-    set(ORIGINAL_SPEED, 0);
-    set(FINETUNE, 0);
-    load(tone("a441_22050", 441, 1.0, 22050));
-    out = play({{0, PS_CMD_NOTE_ON, 1}}, 8192);
-    EXPECT_NEAR(ogg_tone_period(out, 500, 8192), kTonePeriod, 0.01);
 }
 
 TEST_F(VorbisPlayerTest, PlaysOnceOrRepeatsAndFallsSilent) {
@@ -238,17 +230,17 @@ TEST_F(VorbisPlayerTest, DamagedFilesGiveAnErrorAndASilentModule) {
         play({{0, PS_CMD_NOTE_ON, 1}}, 2048);
     }
 
-    // Cut in the middle: what is there plays, and no more.
-    std::vector<char> half(good.begin(), good.begin() + good.size() / 2);
-    ASSERT_EQ(psynth_new_chunk(mod, PSYNTH_VORBIS_FILE_CHUNK, (int)half.size(), 0, 0, &net), 0);
-    memcpy(psynth_get_chunk(mod, PSYNTH_VORBIS_FILE_CHUNK, &net), half.data(), half.size());
+    // A longer file cut short plays what its whole pages hold.
+    std::ifstream long_in(tone("long", 441, 10.0), std::ios::binary);
+    std::vector<char> cut((std::istreambuf_iterator<char>(long_in)), {});
+    cut.resize(cut.size() * 6 / 10);
+    ASSERT_EQ(psynth_new_chunk(mod, PSYNTH_VORBIS_FILE_CHUNK, (int)cut.size(), 0, 0, &net), 0);
+    memcpy(psynth_get_chunk(mod, PSYNTH_VORBIS_FILE_CHUNK, &net), cut.data(), cut.size());
     psynth_do_command(mod, PS_CMD_SETUP_FINISHED, &net);
     psynth_vorbis_info info;
-    if (psynth_vorbis_player_get_info(mod, &info, &net) == 0) {
-        EXPECT_LT(info.frames, kRate / 2);
-        std::vector<int> out = play({{0, PS_CMD_NOTE_ON, 1}}, kRate / 2 + 1024);
-        EXPECT_EQ(peak(out, (size_t)info.frames + 1, out.size()), 0);
-    }
+    ASSERT_EQ(psynth_vorbis_player_get_info(mod, &info, &net), 0);
+    EXPECT_GT(info.frames, kRate);
+    EXPECT_LT(info.frames, 6 * kRate);
 }
 
 TEST_F(VorbisPlayerTest, RendersWithoutAllocating) {
