@@ -1,6 +1,6 @@
-// Command-line jobs: "export", "export-midi", "info", "demo" and "sample-info". A missing
-// SONG argument means the bundled demo song. Outputs are written beside their target and renamed into
-// place by the savers, so a failed job never leaves a half-written file.
+// Command-line jobs: "export", "export-midi", "info", "demo", "sample-info" and "module". A
+// missing SONG argument means the bundled demo song. Outputs are written beside their target
+// and renamed into place by the savers, so a failed job never leaves a half-written file.
 #include "app/command_line.h"
 
 #include <cstdio>
@@ -10,9 +10,11 @@
 #include <vector>
 
 #include "engine/profile.h"
+#include "psynth/psynth_dsp.h"
 #include "psynth/psynth_modules.h"
 #include "psynth/sample_file.h"
 #include "psynth/sampler.h"
+#include "psynth/vorbis_player.h"
 #include "song/demo.h"
 #include "song/export.h"
 #include "song/song_file.h"
@@ -29,6 +31,7 @@ const char* const kUsage =
     "  info [SONG]\n"
     "  demo OUT.zelfon\n"
     "  sample-info FILE [--raw float32|int16|int8|uint8] [--channels 1|2]\n"
+    "  module vorbis IN.ogg OUT.zelfon   (a song that plays the file once on a Vorbis player)\n"
     "Without SONG the bundled demo song is used; without COMMAND the demo is exported to zelfon_demo.wav.\n";
 
 int fail(const std::string& message) {
@@ -235,6 +238,45 @@ int sample_info(const options& o) {
     return fail(std::string(path) + ": " + why);
 }
 
+// A Vorbis player holding `ogg_path`, linked into OUT, and a pattern that plays the file
+// once on C5 (its own speed) at unity volume. Returns "" or what went wrong.
+std::string build_vorbis_song(const char* ogg_path, zelfon_song* song) {
+    psynth_net* net = song->net;
+    int mod = psynth_add_synth(-1, psynth_vorbis_player, nullptr, 0, 512, 512, song->bpm, song->speed, net);
+    if (mod < 0) return "out of memory";
+    psynth_do_command(mod, PS_CMD_SETUP_FINISHED, net);
+    psynth_make_link(0, mod, net);
+    int error = psynth_vorbis_player_load(mod, ogg_path, net);
+    psynth_vorbis_info info;
+    if (error || psynth_vorbis_player_get_info(mod, &info, net)) {
+        return "cannot load " + std::string(ogg_path) + " (error " + std::to_string(error) + ")";
+    }
+    // Lines to the file's end and one more for the release (tick lengths are in 1/256 frame).
+    int64_t frames = info.frames * net->sampling_rate / info.rate;
+    int64_t line_frames = (int64_t)psynth_tick_length(net->sampling_rate, song->bpm) * song->speed / 256;
+    int lines = (int)((frames + line_frames - 1) / line_frames) + 1;
+    int slot = zelfon_get_free_pattern_num(song);
+    if (slot < 0 || new_pattern_with_num(slot, lines, 1, 0, 0, 1, song) < 0) return "out of memory";
+    zelfon_cell* cell = zelfon_get_cell(slot, 0, 0, song);
+    cell->note = (uint8_t)(120 - PSYNTH_VORBIS_BASE_PITCH / 256 + 1);
+    cell->module = (uint16_t)(mod + 1);
+    net->global_volume = PSYNTH_GAIN_UNITY;
+    zelfon_sort_patterns(song);
+    return "";
+}
+
+int make_module_song(const options& o) {
+    if (o.positional.size() != 3 || strcmp(o.positional[0], "vorbis") != 0) return fail("module needs vorbis IN.ogg OUT.zelfon");
+    zelfon_song song;
+    if (zelfon_song_init(0, kDefaultRate, &song)) return fail("out of memory");
+    std::string error = build_vorbis_song(o.positional[1], &song);
+    if (error.empty() && zelfon_save_song(o.positional[2], ZELFON_VERSION_MAJOR, ZELFON_VERSION_MINOR, &song)) {
+        error = "cannot write " + std::string(o.positional[2]);
+    }
+    zelfon_song_close(&song);
+    return error.empty() ? 0 : fail(error);
+}
+
 }  // namespace
 
 int zelfon_command_line(int argc, char** argv) {
@@ -254,6 +296,7 @@ int zelfon_command_line(int argc, char** argv) {
     if (!strcmp(command, "info")) return info(o);
     if (!strcmp(command, "demo")) return write_demo(o);
     if (!strcmp(command, "sample-info")) return sample_info(o);
+    if (!strcmp(command, "module")) return make_module_song(o);
     fputs(kUsage, stderr);
     return fail(std::string("unknown command ") + command);
 }

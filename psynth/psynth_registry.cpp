@@ -20,6 +20,7 @@ const psynth_handler kModuleTypes[] = {
     psynth_amplifier,
     psynth_modulator,
     psynth_equalizer,
+    psynth_vorbis_player,
 };
 
 }  // namespace
