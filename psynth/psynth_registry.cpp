@@ -15,6 +15,10 @@ const psynth_handler kModuleTypes[] = {
     psynth_filter,
     psynth_reverb,
     psynth_compressor,
+    psynth_flanger,
+    psynth_lfo,
+    psynth_vibrato,
+    psynth_vocal_filter,
 };
 
 }  // namespace
