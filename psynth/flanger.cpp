@@ -1,6 +1,6 @@
 // Flanger: a short delay swept by its own LFO (lfo_wave.h) and mixed with the dry
-// signal, so that the comb of notches the delay cuts into the spectrum moves up and
-// down; feedback deepens the comb into resonant peaks.
+// signal, so that the comb of notches the delay cuts into the sound sweeps up and down
+// in frequency; feedback deepens the comb into resonant peaks.
 //
 // | # | name            | units                             | min | max  | default | kind     |
 // |---|-----------------|-----------------------------------|-----|------|---------|----------|

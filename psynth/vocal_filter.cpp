@@ -22,6 +22,7 @@
 // run in fixed point. After the input stops the resonators ring out for one second.
 #include <cmath>
 #include <cstdint>
+#include <numbers>
 
 #include "psynth/effect_io.h"
 #include "psynth/psynth_dsp.h"
@@ -129,8 +130,8 @@ void update_coefs(vocal_data* d, int rate) {
     d->active = 0;
     for (int k = 0; k < count && rate > 0; k++) {
         if (2 * f[k].hz >= rate) break;  // the table rises: no higher formant fits either
-        double r = std::exp(-M_PI * f[k].bw * widen / rate);
-        double theta = 2.0 * M_PI * f[k].hz / rate;
+        double r = std::exp(-std::numbers::pi * f[k].bw * widen / rate);
+        double theta = 2.0 * std::numbers::pi * f[k].hz / rate;
         double level = std::pow(10.0, f[k].db / 20.0);
         resonator_coefs& c = d->coefs[d->active++];
         c.b0 = (int32_t)std::lround((1.0 - r * r) / 2.0 * level * one);  // unity gain at the centre
