@@ -1,6 +1,5 @@
 // The modulation effects (Flanger, LFO, Vibrato, Vocal filter) in song files: every
-// controller keeps its value through save → load, a second save gives the same bytes,
-// and a loaded LFO starts its cycle at the stored phase.
+// controller keeps its value through save → load, and a second save gives the same bytes.
 #include <vector>
 
 #include "engine/file.h"
@@ -58,35 +57,6 @@ TEST_F(ModulationEffectsSongTest, ControllerValuesSurviveSaveAndLoad) {
     }
     ASSERT_EQ(zelfon_save_song("3:/again.zelfon", ZELFON_VERSION_MAJOR, ZELFON_VERSION_MINOR, &song), 0);
     EXPECT_EQ(file_bytes("3:/again.zelfon"), file_bytes("3:/modulation.zelfon"));
-}
-
-TEST_F(ModulationEffectsSongTest, LoadedLfoStartsAtItsStoredPhase) {
-    int lfo = psynth_add_synth(-1, psynth_lfo, nullptr, 0, 0, 0, song.bpm, song.speed, song.net);
-    psynth_do_command(lfo, PS_CMD_SETUP_FINISHED, song.net);
-    psynth_make_link(0, lfo, song.net);
-    int* ctl[7];
-    for (int c = 0; c < 7; c++) ctl[c] = song.net->modules[lfo].ctls[c].value;
-    *ctl[2] = 3;    // square
-    *ctl[3] = 1;    // 0.01 Hz: the phase barely moves
-    *ctl[4] = 128;  // the low half halves the level
-    *ctl[5] = 128;  // start half way through the cycle: in the low half
-    ASSERT_EQ(zelfon_save_song("3:/lfo.zelfon", ZELFON_VERSION_MAJOR, ZELFON_VERSION_MINOR, &song), 0);
-    ASSERT_EQ(zelfon_load_song("3:/lfo.zelfon", &song), 0);
-    psynth_module* mod = &song.net->modules[lfo];
-    ASSERT_EQ(mod->handler, psynth_lfo);
-    // One render of a steady 800 on both inputs, as the net's pass would ask for it.
-    for (int c = 0; c < 2; c++) {
-        for (int i = 0; i < 64; i++) mod->input_buffers[c][i] = 800;
-        mod->input_start[c] = 0;
-    }
-    song.net->frames = 64;
-    mod->render_offset = 0;
-    mod->render_frames = 64;
-    psynth_event render = {};
-    render.command = PS_CMD_RENDER_REPLACE;
-    EXPECT_EQ(psynth_lfo(lfo, &render, song.net), 1);
-    EXPECT_EQ(mod->output_buffers[0][0], 400);
-    EXPECT_EQ(mod->output_buffers[1][63], 400);
 }
 
 }  // namespace
