@@ -1,6 +1,7 @@
 // The low-frequency oscillator shared by the modulation effects (Flanger, LFO, Vibrato):
 // a 32-bit phase that wraps once per cycle, read as a sine (from the shared half-sine
-// table), triangle, rising saw, square or sample-and-hold random value.
+// table), triangle, rising saw, square or sample-and-hold random value. Every function
+// works only on the caller's record: any thread (the render thread in steady state), no locks.
 #pragma once
 
 #include <cstdint>
