@@ -22,6 +22,7 @@
 // Without input the module renders until a whole line length of its wet signal was
 // silent, then reports silence. "Set LFO phase" restarts the sweep (0..256 is one cycle);
 // CLEAN restarts it at the stored value.
+#include <algorithm>
 #include <cstdint>
 
 #include "psynth/delay_line.h"
@@ -64,10 +65,8 @@ flanger_data* data_of(int mod_num, psynth_net* net) {
     return (flanger_data*)net->modules[mod_num].data;
 }
 
-int clamp(int v, int lo, int hi) { return v < lo ? lo : v > hi ? hi : v; }
-
 void restart_lfo(flanger_data* d) {
-    psynth_lfo_reset(&d->lfo, psynth_lfo_phase_of_ctl(clamp(d->ctl[CTL_LFO_PHASE], 0, 256)));
+    psynth_lfo_reset(&d->lfo, psynth_lfo_phase_of_ctl(std::clamp(d->ctl[CTL_LFO_PHASE], 0, 256)));
 }
 
 void init(int mod_num, flanger_data* d, psynth_net* net) {
@@ -101,7 +100,10 @@ struct flanger_sweep {
 int32_t render_channel(psynth_sample* line, int32_t length, int32_t p, psynth_lfo_osc* lfo, const flanger_sweep& s,
                        const int* ctl, const psynth_sample* in, psynth_sample* out, int from, int to,
                        bool* wet_heard) {
-    int dry = ctl[CTL_DRY], wet = ctl[CTL_WET], feedback = clamp(ctl[CTL_FEEDBACK], 0, 255);
+    // Clamped: a damaged song file may hold any value.
+    int dry = std::clamp(ctl[CTL_DRY], 0, 256);
+    int wet = std::clamp(ctl[CTL_WET], 0, 256);
+    int feedback = std::clamp(ctl[CTL_FEEDBACK], 0, 255);
     int32_t heard = 0;
     for (int i = from; i < to; i++) {
         int32_t m = psynth_lfo_value(lfo, s.shape);
@@ -110,7 +112,7 @@ int32_t render_channel(psynth_sample* line, int32_t length, int32_t p, psynth_lf
         psynth_sample y = psynth_delay_line_read_frac(line, length, p, delay);
         heard |= y;
         int32_t w = in[i] + psynth_apply_gain(y, feedback);
-        line[p] = (psynth_sample)clamp(w, INT16_MIN, INT16_MAX);
+        line[p] = (psynth_sample)std::clamp<int32_t>(w, INT16_MIN, INT16_MAX);
         out[i] = psynth_add_wrap(psynth_apply_gain(in[i], dry), psynth_apply_gain(y, wet));
         p = psynth_delay_line_next(p, length);
     }
@@ -123,7 +125,7 @@ intptr_t render(int mod_num, flanger_data* d, psynth_net* net) {
     if (!psynth_effect_has_buffers(mod) || !mod->input_buffers[1] || !mod->output_buffers[1] || !d->line) return 0;
     int from = mod->render_offset;
     int to = from + mod->render_frames;
-    d->lfo.step = psynth_lfo_step(clamp(d->ctl[CTL_LFO_FREQ], 0, kMaxFreq), net->sampling_rate);
+    d->lfo.step = psynth_lfo_step(std::clamp(d->ctl[CTL_LFO_FREQ], 0, kMaxFreq), net->sampling_rate);
     bool has_input = psynth_effect_has_input(mod, kChannels, to);
     if (!has_input && d->quiet >= d->length) {
         psynth_lfo_advance(&d->lfo, to - from);  // the sweep runs on in silence
@@ -132,9 +134,9 @@ intptr_t render(int mod_num, flanger_data* d, psynth_net* net) {
 
     flanger_sweep s;
     s.base = (1u << PSYNTH_DELAY_FRAC_BITS) +
-             ((uint32_t)(d->span * clamp(d->ctl[CTL_DELAY], 0, 256)) << (PSYNTH_DELAY_FRAC_BITS - PSYNTH_GAIN_SHIFT));
-    s.sweep = (int64_t)d->span * clamp(d->ctl[CTL_LFO_AMP], 0, 256) << (PSYNTH_DELAY_FRAC_BITS - PSYNTH_GAIN_SHIFT);
-    s.shape = clamp(d->ctl[CTL_LFO_SHAPE], 0, PSYNTH_LFO_SHAPES - 1);
+             ((uint32_t)(d->span * std::clamp(d->ctl[CTL_DELAY], 0, 256)) << (PSYNTH_DELAY_FRAC_BITS - PSYNTH_GAIN_SHIFT));
+    s.sweep = (int64_t)d->span * std::clamp(d->ctl[CTL_LFO_AMP], 0, 256) << (PSYNTH_DELAY_FRAC_BITS - PSYNTH_GAIN_SHIFT);
+    s.shape = std::clamp(d->ctl[CTL_LFO_SHAPE], 0, PSYNTH_LFO_SHAPES - 1);
     psynth_lfo_osc start = d->lfo;
     int32_t end_position = d->position;
     bool wet_heard = false;

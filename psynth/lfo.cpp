@@ -19,6 +19,7 @@
 // then gives one output channel, panning spreads that one input over both outputs.
 // "Set phase" (0..256 is one cycle) restarts the LFO there when it is changed, and CLEAN
 // restarts it at the stored value, so a song's modulation is the same on every play.
+#include <algorithm>
 #include <cstdint>
 
 #include "psynth/effect_io.h"
@@ -59,10 +60,7 @@ void init(int mod_num, lfo_data* d, psynth_net* net) {
 }
 
 // A controller value as stored, kept inside its range (a damaged song file may hold anything).
-int ctl_in_range(const lfo_data* d, int ctl, int max) {
-    int v = d->ctl[ctl];
-    return v < 0 ? 0 : v > max ? max : v;
-}
+int ctl_in_range(const lfo_data* d, int ctl, int max) { return std::clamp(d->ctl[ctl], 0, max); }
 
 // Amplitude over [from, to): gain = Volume × (1 − Depth × (1 − lfo) / 2), in 1/65536.
 void render_amplitude(psynth_lfo_osc* lfo, int shape, int depth, int volume, const psynth_sample* const* in,

@@ -15,6 +15,7 @@
 // ±(2π × freq × swing) of the frequency: the defaults (±86 frames at 5 Hz) give about
 // ±6 %, a semitone. The reads are linearly interpolated between frames. "Mono" turns
 // the module into one channel. Without input it renders one line length of tail.
+#include <algorithm>
 #include <cstdint>
 
 #include "psynth/delay_line.h"
@@ -91,7 +92,7 @@ intptr_t render(int mod_num, vibrato_data* d, psynth_net* net) {
     psynth_set_number_of_outputs(mod_num, channels, net);
     int from = mod->render_offset;
     int to = from + mod->render_frames;
-    int freq = d->ctl[CTL_FREQ] < 0 ? 0 : d->ctl[CTL_FREQ] > 2048 ? 2048 : d->ctl[CTL_FREQ];
+    int freq = std::clamp(d->ctl[CTL_FREQ], 0, 2048);  // a damaged song file may hold any value
     d->lfo.step = psynth_lfo_step(freq, net->sampling_rate);
     if (psynth_effect_has_input(mod, channels, to)) {
         d->tail = 0;
@@ -102,8 +103,8 @@ intptr_t render(int mod_num, vibrato_data* d, psynth_net* net) {
         return 0;
     }
 
-    int amplitude = d->ctl[CTL_AMPLITUDE] < 0 ? 0 : d->ctl[CTL_AMPLITUDE] > 256 ? 256 : d->ctl[CTL_AMPLITUDE];
-    int volume = d->ctl[CTL_VOLUME];
+    int amplitude = std::clamp(d->ctl[CTL_AMPLITUDE], 0, 256);
+    int volume = std::clamp(d->ctl[CTL_VOLUME], 0, 256);
     // The swing in 1/65536 frame, applied as swing × lfo / 32768.
     int64_t swing = ((int64_t)d->swing * amplitude) << (PSYNTH_DELAY_FRAC_BITS - PSYNTH_GAIN_SHIFT);
     uint32_t centre = (uint32_t)(d->swing + kCentreMargin) << PSYNTH_DELAY_FRAC_BITS;

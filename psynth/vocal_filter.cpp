@@ -21,6 +21,7 @@
 // voice, bandwidth or formant count change, never per sample; the samples themselves
 // run in fixed point. After the input stops the resonators ring out for one second.
 #include <cmath>
+#include <algorithm>
 #include <cstdint>
 #include <numbers>
 
@@ -111,22 +112,21 @@ vocal_data* data_of(int mod_num, psynth_net* net) {
     return (vocal_data*)net->modules[mod_num].data;
 }
 
-int clamp(int v, int lo, int hi) { return v < lo ? lo : v > hi ? hi : v; }
-
 // The settings the coefficients depend on, in one number.
 int32_t settings_key(const vocal_data* d) {
-    return clamp(d->ctl[CTL_VOWEL], 0, kVowels - 1) | clamp(d->ctl[CTL_VOICE], 0, kVoices - 1) << 4 |
-           clamp(d->ctl[CTL_BANDWIDTH], 0, 256) << 8 | clamp(d->ctl[CTL_FORMANTS], 1, kFormants) << 20;
+    return std::clamp(d->ctl[CTL_VOWEL], 0, kVowels - 1) | std::clamp(d->ctl[CTL_VOICE], 0, kVoices - 1) << 4 |
+           std::clamp(d->ctl[CTL_BANDWIDTH], 0, 256) << 8 | std::clamp(d->ctl[CTL_FORMANTS], 1, kFormants) << 20;
 }
 
 // Works out the resonators for the current settings (GUI thread at set-up, or the sound
 // thread once after a change; a few exp/cos calls, no allocation).
 void update_coefs(vocal_data* d, int rate) {
     int32_t key = settings_key(d);
-    const formant* f = kFormantTable[clamp(d->ctl[CTL_VOICE], 0, kVoices - 1)][clamp(d->ctl[CTL_VOWEL], 0, kVowels - 1)];
-    double widen = std::exp2((clamp(d->ctl[CTL_BANDWIDTH], 0, 256) - kBandwidthUnity) / kBandwidthOctave);
+    int voice = std::clamp(d->ctl[CTL_VOICE], 0, kVoices - 1);
+    const formant* f = kFormantTable[voice][std::clamp(d->ctl[CTL_VOWEL], 0, kVowels - 1)];
+    double widen = std::exp2((std::clamp(d->ctl[CTL_BANDWIDTH], 0, 256) - kBandwidthUnity) / kBandwidthOctave);
     double one = (double)(1 << kCoefShift);
-    int count = clamp(d->ctl[CTL_FORMANTS], 1, kFormants);
+    int count = std::clamp(d->ctl[CTL_FORMANTS], 1, kFormants);
     d->active = 0;
     for (int k = 0; k < count && rate > 0; k++) {
         if (2 * f[k].hz >= rate) break;  // the table rises: no higher formant fits either
@@ -203,7 +203,7 @@ intptr_t render(int mod_num, vocal_data* d, psynth_net* net) {
         return 0;
     }
     if (settings_key(d) != d->coefs_key) update_coefs(d, net->sampling_rate);
-    int volume = clamp(d->ctl[CTL_VOLUME], 0, 512);
+    int volume = std::clamp(d->ctl[CTL_VOLUME], 0, 512);
     for (int c = 0; c < channels; c++) {
         if (!mod->input_buffers[c] || !mod->output_buffers[c]) return 0;
         const psynth_sample* in = psynth_effect_input(mod, c, from, to);
