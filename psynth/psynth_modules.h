@@ -18,6 +18,10 @@ intptr_t psynth_amplifier(int mod_num, psynth_event* event, psynth_net* net);  /
 intptr_t psynth_modulator(int mod_num, psynth_event* event, psynth_net* net);  // modulator.cpp
 intptr_t psynth_equalizer(int mod_num, psynth_event* event, psynth_net* net);  // equalizer.cpp
 intptr_t psynth_vorbis_player(int mod_num, psynth_event* event, psynth_net* net);  // vorbis_player.cpp
+intptr_t psynth_flanger(int mod_num, psynth_event* event, psynth_net* net);    // flanger.cpp
+intptr_t psynth_lfo(int mod_num, psynth_event* event, psynth_net* net);        // lfo.cpp
+intptr_t psynth_vibrato(int mod_num, psynth_event* event, psynth_net* net);    // vibrato.cpp
+intptr_t psynth_vocal_filter(int mod_num, psynth_event* event, psynth_net* net);  // vocal_filter.cpp
 
 // The module types that can be created by name (psynth_registry.cpp). Handlers answer
 // GET_SYNTH_NAME for module index −1 without touching the net.

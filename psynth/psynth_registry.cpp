@@ -21,6 +21,10 @@ const psynth_handler kModuleTypes[] = {
     psynth_modulator,
     psynth_equalizer,
     psynth_vorbis_player,
+    psynth_flanger,
+    psynth_lfo,
+    psynth_vibrato,
+    psynth_vocal_filter,
 };
 
 }  // namespace

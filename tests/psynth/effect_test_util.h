@@ -4,9 +4,11 @@
 #pragma once
 
 #include <climits>
+#include <cmath>
 #include <cstring>
 #include <initializer_list>
 #include <string>
+#include <vector>
 
 #include "test_modules.h"
 
@@ -98,6 +100,13 @@ struct effect_identity {
     uint32_t flags = PSYNTH_FLAG_EFFECT;
 };
 
+// A handler's private data size (a question that needs no instance).
+inline int handler_data_size(psynth_handler handler) {
+    psynth_event e = {};
+    e.command = PS_CMD_GET_DATA_SIZE;
+    return (int)handler(-1, &e, nullptr);
+}
+
 // "" when an effect answers as expected (data size, name, description, colour, flags,
 // two inputs and two outputs), else the first difference.
 inline std::string check_effect_identity(psynth_net* net, psynth_handler handler, int m, const effect_identity& want) {
@@ -123,3 +132,35 @@ inline void queue_controller(psynth_net* net, int m, int ctl, int value, int off
 // for the references of the tests.
 inline int gain256(int x, int g) { return x * g / 256; }
 inline int wrap16(int x) { return (int16_t)(uint16_t)(unsigned)x; }
+
+// Renders `frames` frames in buffers of `buffer` frames and returns what the two output
+// channels of `fx` held (frames before a buffer's output start, and a channel beyond the
+// output count, read as 0). *silent, when given, counts the buffers in which channel 0
+// was silent from the start.
+inline std::vector<std::vector<int>> render_outputs(psynth_net* net, int fx, int frames, int buffer = 1024,
+                                                   int* silent = nullptr) {
+    std::vector<std::vector<int>> out(2);
+    for (int done = 0; done < frames; done += buffer) {
+        int n = frames - done < buffer ? frames - done : buffer;
+        render_buffer(net, n);
+        const psynth_module* m = &net->modules[fx];
+        if (silent && m->output_start[0] >= n) (*silent)++;
+        for (int c = 0; c < 2; c++) {
+            bool used = c < m->output_channels;
+            for (int k = 0; k < n; k++) out[c].push_back(used && m->output_start[c] <= k ? m->output_buffers[c][k] : 0);
+        }
+    }
+    return out;
+}
+
+// Amplitude of the `hz` component of x[from, to) at 44100 Hz, by correlation with a sine
+// and a cosine (whole periods or long windows give the amplitude of a pure tone).
+inline double tone_amplitude(const std::vector<int>& x, int from, int to, double hz) {
+    double s = 0, co = 0;
+    for (int t = from; t < to; t++) {
+        double w = 2 * M_PI * hz * t / 44100.0;
+        s += x[t] * std::sin(w);
+        co += x[t] * std::cos(w);
+    }
+    return 2 * std::sqrt(s * s + co * co) / (to - from);
+}
