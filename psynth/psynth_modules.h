@@ -12,6 +12,9 @@ intptr_t psynth_loop(int mod_num, psynth_event* event, psynth_net* net);       /
 intptr_t psynth_filter(int mod_num, psynth_event* event, psynth_net* net);     // filter.cpp
 intptr_t psynth_reverb(int mod_num, psynth_event* event, psynth_net* net);     // reverb.cpp
 intptr_t psynth_compressor(int mod_num, psynth_event* event, psynth_net* net); // compressor.cpp
+intptr_t psynth_fm(int mod_num, psynth_event* event, psynth_net* net);         // fm.cpp
+intptr_t psynth_multisynth(int mod_num, psynth_event* event, psynth_net* net); // multisynth.cpp
+intptr_t psynth_ans(int mod_num, psynth_event* event, psynth_net* net);        // ans.cpp
 
 // The module types that can be created by name (psynth_registry.cpp). Handlers answer
 // GET_SYNTH_NAME for module index −1 without touching the net.

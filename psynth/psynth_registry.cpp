@@ -15,6 +15,9 @@ const psynth_handler kModuleTypes[] = {
     psynth_filter,
     psynth_reverb,
     psynth_compressor,
+    psynth_fm,
+    psynth_multisynth,
+    psynth_ans,
 };
 
 }  // namespace
