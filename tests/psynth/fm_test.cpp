@@ -293,6 +293,24 @@ TEST_F(FmTest, OtherRatesReadTheInnerFramesThroughTheResampler) {
     psynth_close(&net48);
 }
 
+// At 22050 Hz a 4096-frame block needs 8194 inner frames, twice a ring: the block is
+// cut into runs that fit, and the sound is still the inner stream read at step 2.
+TEST_F(FmTest, LowRatesCutLongBlocksSoTheRingsNeverOverflow) {
+    psynth_net net22;
+    psynth_init(0, 22050, 125, 6, &net22);
+    int fm44 = add_fm(), fm22 = add_fm(&net22);
+    note_on(fm44, 0);
+    note_on(fm22, 0, kPitch, 72, &net22);
+    stereo inner, out;
+    for (int b = 0; b < 5; b++) render(4096, {&inner}, {fm44});
+    for (int b = 0; b < 2; b++) render(4096, {&out}, {fm22}, &net22);
+    ASSERT_EQ(out.l.size(), 8192u);
+    for (size_t k = 0; k < out.l.size(); k++) {
+        ASSERT_EQ(out.l[k], (inner.l[2 * k] * 65535) >> 16) << "frame " << k;
+    }
+    psynth_close(&net22);
+}
+
 TEST_F(FmTest, ZeroBlockFollowsTheLastSoundBeforeSilenceAt48000Only) {
     psynth_net net48;
     psynth_init(0, 48000, 125, 6, &net48);
