@@ -294,7 +294,8 @@ TEST_F(FmTest, OtherRatesReadTheInnerFramesThroughTheResampler) {
 }
 
 // At 22050 Hz a 4096-frame block needs 8194 inner frames, twice a ring: the block is
-// cut into runs that fit, and the sound is still the inner stream read at step 2.
+// cut into runs that fit, and the sound is still the inner stream read at step 2, also
+// after 65536 inner frames, where the write index and the read position wrap together.
 TEST_F(FmTest, LowRatesCutLongBlocksSoTheRingsNeverOverflow) {
     psynth_net net22;
     psynth_init(0, 22050, 125, 6, &net22);
@@ -302,9 +303,10 @@ TEST_F(FmTest, LowRatesCutLongBlocksSoTheRingsNeverOverflow) {
     note_on(fm44, 0);
     note_on(fm22, 0, kPitch, 72, &net22);
     stereo inner, out;
-    for (int b = 0; b < 5; b++) render(4096, {&inner}, {fm44});
-    for (int b = 0; b < 2; b++) render(4096, {&out}, {fm22}, &net22);
-    ASSERT_EQ(out.l.size(), 8192u);
+    for (int b = 0; b < 21; b++) render(4096, {&inner}, {fm44});
+    for (int b = 0; b < 10; b++) render(4096, {&out}, {fm22}, &net22);
+    ASSERT_EQ(out.l.size(), 40960u);
+    EXPECT_NE(inner.l[80000], 0);
     for (size_t k = 0; k < out.l.size(); k++) {
         ASSERT_EQ(out.l[k], (inner.l[2 * k] * 65535) >> 16) << "frame " << k;
     }
