@@ -167,16 +167,15 @@ void build_sine(int16_t* sine) {
 // silence over r (levels 0..256); each stage writes its first and last entry, the next stage
 // overwriting the shared one. Returns the index of the last entry; the one after it is 0.
 int build_envelope(uint16_t* t, int a, int d, int r, int peak, int sustain) {
+    // Entry j of a stage is start + j · slope: the same as adding the slope entry by entry,
+    // without a step past the stage's end.
     const int32_t top = peak << kLevelBits, low = sustain << kLevelBits;
-    int32_t add = a > 0 ? top / a : 0;
-    int32_t v = 0;
-    for (int i = 0; i <= a; i++, v += add) t[i] = (uint16_t)(v >> kEnvValueBits);
-    add = ((sustain - peak) * kLevelToEntry << kEnvSlopeBits) / (d > 0 ? d : 1);
-    v = top;
-    for (int i = a; i <= a + d; i++, v += add) t[i] = (uint16_t)(v >> kEnvValueBits);
-    add = -low / (r > 0 ? r : 1);
-    v = low;
-    for (int i = a + d; i <= a + d + r; i++, v += add) t[i] = (uint16_t)(v >> kEnvValueBits);
+    const int32_t rise = a > 0 ? top / a : 0;
+    for (int j = 0; j <= a; j++) t[j] = (uint16_t)((j * rise) >> kEnvValueBits);
+    const int32_t fall = ((sustain - peak) * kLevelToEntry << kEnvSlopeBits) / (d > 0 ? d : 1);
+    for (int j = 0; j <= d; j++) t[a + j] = (uint16_t)((top + j * fall) >> kEnvValueBits);
+    const int32_t fade = -low / (r > 0 ? r : 1);
+    for (int j = 0; j <= r; j++) t[a + d + j] = (uint16_t)((low + j * fade) >> kEnvValueBits);
     t[a + d + r + 1] = 0;
     return a + d + r;
 }
