@@ -237,6 +237,21 @@ inline int32_t envelope_at(const uint16_t* t, int32_t pos) {
     }
 }
 
+// One inner frame of the operators at envelope values e_c, e_m (already scaled), added
+// into *out_l (and *out_r when STEREO).
+template <bool FEEDBACK, bool STEREO>
+inline void operator_frame(const int16_t* sine, int feedback, uint32_t cph, uint32_t mph, int32_t e_c, int32_t e_m,
+                           int32_t side_l, int32_t side_r, int16_t* out_l, int16_t* out_r) {
+    int32_t m_index = (int32_t)(mph >> kPhaseToIndexBits);
+    if constexpr (FEEDBACK) m_index += (sine[m_index & kSineMask] * feedback) >> kFeedbackBits;
+    const int32_t m = psynth_wrap32((int64_t)e_m * sine[m_index & kSineMask]) >> kModBits;
+    const int32_t c = sine[(m + (int32_t)(cph >> kPhaseToIndexBits)) & kSineMask];
+    *out_l = psynth_add_wrap(*out_l, psynth_wrap16(psynth_wrap32((int64_t)((c * side_l) >> kGainBits) * e_c) >> kOutBits));
+    if constexpr (STEREO) {
+        *out_r = psynth_add_wrap(*out_r, psynth_wrap16(psynth_wrap32((int64_t)((c * side_r) >> kGainBits) * e_c) >> kOutBits));
+    }
+}
+
 // Adds `frames` inner frames of voice v into out[0] (and out[1] when STEREO).
 template <bool HQ, bool FEEDBACK, bool STEREO>
 void render_voice(fm_voice* v, const fm_params& p, int16_t* const* out, int frames) {
@@ -254,6 +269,7 @@ void render_voice(fm_voice* v, const fm_params& p, int16_t* const* out, int fram
         scale = k;
         for (int i = 1; i < p.scaling; i++) scale = psynth_wrap32((int64_t)scale * k) >> kScaleBits;
     }
+    auto modulator_env = [&](int32_t pos) { return psynth_wrap32((int64_t)envelope_at<HQ>(p.m_env, pos) * scale) >> kScaleBits; };
     // A held key stops both positions at the end of their decay; released, the carrier's
     // last entry ends the voice and the modulator waits at its own last entry.
     const bool held = v->key_held;
@@ -266,7 +282,8 @@ void render_voice(fm_voice* v, const fm_params& p, int16_t* const* out, int fram
     int32_t cpos = v->c_pos, mpos = v->m_pos;
     int16_t* out_l = out[0];
     int16_t* out_r = out[1];
-    for (int f = 0; f < frames; f++) {
+    int f = 0;
+    for (; f < frames; f++) {
         if (cpos > c_limit) cpos = c_limit;
         if (mpos > m_limit) mpos = m_limit;
         if (cpos >= c_stop) {
@@ -274,18 +291,23 @@ void render_voice(fm_voice* v, const fm_params& p, int16_t* const* out, int fram
             v->id = -1;
             break;
         }
-        const int32_t e_c = envelope_at<HQ>(p.c_env, cpos);
-        const int32_t e_m = psynth_wrap32((int64_t)envelope_at<HQ>(p.m_env, mpos) * scale) >> kScaleBits;
-        int32_t m_index = (int32_t)(mph >> kPhaseToIndexBits);
-        if constexpr (FEEDBACK) m_index += (sine[m_index & kSineMask] * p.feedback) >> kFeedbackBits;
-        const int32_t m = psynth_wrap32((int64_t)e_m * sine[m_index & kSineMask]) >> kModBits;
-        const int32_t c = sine[(m + (int32_t)(cph >> kPhaseToIndexBits)) & kSineMask];
-        out_l[f] = psynth_add_wrap(out_l[f], psynth_wrap16(psynth_wrap32((int64_t)((c * side_l) >> kGainBits) * e_c) >> kOutBits));
-        if constexpr (STEREO) {
-            out_r[f] = psynth_add_wrap(out_r[f], psynth_wrap16(psynth_wrap32((int64_t)((c * side_r) >> kGainBits) * e_c) >> kOutBits));
-        }
+        if (held && cpos == c_limit && mpos == m_limit) break;  // both sustain levels reached
+        operator_frame<FEEDBACK, STEREO>(sine, p.feedback, cph, mph, envelope_at<HQ>(p.c_env, cpos), modulator_env(mpos),
+                                         side_l, side_r, out_l + f, out_r + f);
         cph += c_step;
         mph += m_step;
+        cpos++;
+        mpos++;
+    }
+    if (v->active && f < frames) {
+        // Sustained: the envelope values stand still for the rest of the block. The
+        // positions are left one past the caps, as frame-by-frame stepping leaves them.
+        const int32_t e_c = envelope_at<HQ>(p.c_env, cpos), e_m = modulator_env(mpos);
+        for (; f < frames; f++) {
+            operator_frame<FEEDBACK, STEREO>(sine, p.feedback, cph, mph, e_c, e_m, side_l, side_r, out_l + f, out_r + f);
+            cph += c_step;
+            mph += m_step;
+        }
         cpos++;
         mpos++;
     }

@@ -140,13 +140,21 @@ TEST_F(FmTest, FirstFramesOfAKnownNoteFollowTheOperatorFormulas) {
     set(fm, M_FEEDBACK, 40);
     note_on(fm, 0);
     stereo s = play(fm, 1024);
+    note_off(fm, 0);  // released at frame 1024: the release runs from one entry past the sustain
+    render(1024, {&s}, {fm});
 
     const std::vector<int> sine = reference_sine();
     const int c_env[5] = {0, 32768, 16384, 0, 0}, m_env[5] = {0, 8192, 4096, 0, 0};
     auto env = [](const int* t, int pos) { return (t[pos >> 8] * (256 - (pos & 255)) + t[(pos >> 8) + 1] * (pos & 255)) >> 8; };
     uint32_t phase = 0;
-    for (int f = 0; f < 1024; f++, phase += 49712) {
-        int pos = f < 512 ? f : 512;  // held: both stop at attack + decay = 2 entries
+    for (int f = 0; f < 2048; f++, phase += 49712) {
+        // Held, both stop at attack + decay = 2 entries (position 512), stepping one past it
+        // each frame; released, they run on from 513 and the voice ends at 3 entries (768).
+        int pos = f < 512 ? f : f < 1024 ? 512 : 513 + (f - 1024);
+        if (pos >= 768) {
+            ASSERT_EQ(s.l[f], 0) << "frame " << f;
+            continue;
+        }
         int idx = (int)(phase >> 10);
         int m = (env(m_env, pos) * sine[(idx + ((sine[idx & 4095] * 40) >> 8)) & 4095]) >> 15;
         int c = sine[(m + idx) & 4095];
