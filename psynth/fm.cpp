@@ -225,34 +225,57 @@ fm_params params_of(const fm_data* d) {
 
 uint32_t operator_step(uint32_t step, int mul) { return mul ? step * (uint32_t)mul : step >> 1; }
 
-// An envelope value at a position: blended with the next entry in the HQ modes.
+// An envelope over a run of frames within one table entry: the value is n >> 8, and n
+// moves by `delta` per frame. In the HQ modes n is the blend t[i] · (256 − w) + t[i+1] · w
+// of the entry and the next one at weight w = position & 255, which grows by
+// t[i+1] − t[i] as w steps by one; in the LQ modes it is t[i] · 256 throughout. An
+// envelope standing at its cap does not move.
+struct env_run {
+    int32_t n;
+    int32_t delta;
+};
+
 template <bool HQ>
-inline int32_t envelope_at(const uint16_t* t, int32_t pos) {
+inline env_run envelope_run(const uint16_t* t, int32_t pos, bool moving) {
     const int32_t i = pos >> kEnvPosBits;
-    if constexpr (HQ) {
-        const int32_t w = pos & kEnvPosMask;
-        return (t[i] * (kEnvWeightOne - w) + t[i + 1] * w) >> kEnvPosBits;
-    } else {
-        return t[i];
-    }
+    if constexpr (!HQ) return {t[i] << kEnvPosBits, 0};
+    const int32_t w = pos & kEnvPosMask;
+    return {t[i] * (kEnvWeightOne - w) + t[i + 1] * w, moving ? t[i + 1] - t[i] : 0};
 }
 
-// One inner frame of the operators at envelope values e_c, e_m (already scaled), added
-// into *out_l (and *out_r when STEREO).
+// `frames` inner frames of the operators added into out_l (and out_r when STEREO), with
+// both envelopes running as given; the phases advance.
 template <bool FEEDBACK, bool STEREO>
-inline void operator_frame(const int16_t* sine, int feedback, uint32_t cph, uint32_t mph, int32_t e_c, int32_t e_m,
-                           int32_t side_l, int32_t side_r, int16_t* out_l, int16_t* out_r) {
-    int32_t m_index = (int32_t)(mph >> kPhaseToIndexBits);
-    if constexpr (FEEDBACK) m_index += (sine[m_index & kSineMask] * feedback) >> kFeedbackBits;
-    const int32_t m = psynth_wrap32((int64_t)e_m * sine[m_index & kSineMask]) >> kModBits;
-    const int32_t c = sine[(m + (int32_t)(cph >> kPhaseToIndexBits)) & kSineMask];
-    *out_l = psynth_add_wrap(*out_l, psynth_wrap16(psynth_wrap32((int64_t)((c * side_l) >> kGainBits) * e_c) >> kOutBits));
-    if constexpr (STEREO) {
-        *out_r = psynth_add_wrap(*out_r, psynth_wrap16(psynth_wrap32((int64_t)((c * side_r) >> kGainBits) * e_c) >> kOutBits));
+void operator_frames(const int16_t* sine, int feedback, int32_t scale, uint32_t* c_phase, uint32_t* m_phase,
+                     uint32_t c_step, uint32_t m_step, env_run ce, env_run me, int32_t side_l, int32_t side_r,
+                     int16_t* out_l, int16_t* out_r, int frames) {
+    uint32_t cph = *c_phase, mph = *m_phase;
+    for (int f = 0; f < frames; f++) {
+        const int32_t e_c = ce.n >> kEnvPosBits;
+        const int32_t e_m = psynth_wrap32((int64_t)(me.n >> kEnvPosBits) * scale) >> kScaleBits;
+        int32_t m_index = (int32_t)(mph >> kPhaseToIndexBits);
+        if constexpr (FEEDBACK) m_index += (sine[m_index & kSineMask] * feedback) >> kFeedbackBits;
+        const int32_t m = psynth_wrap32((int64_t)e_m * sine[m_index & kSineMask]) >> kModBits;
+        const int32_t c = sine[(m + (int32_t)(cph >> kPhaseToIndexBits)) & kSineMask];
+        out_l[f] = psynth_add_wrap(out_l[f], psynth_wrap16(psynth_wrap32((int64_t)((c * side_l) >> kGainBits) * e_c) >> kOutBits));
+        if constexpr (STEREO) {
+            out_r[f] = psynth_add_wrap(out_r[f], psynth_wrap16(psynth_wrap32((int64_t)((c * side_r) >> kGainBits) * e_c) >> kOutBits));
+        }
+        cph += c_step;
+        mph += m_step;
+        ce.n += ce.delta;
+        me.n += me.delta;
     }
+    *c_phase = cph;
+    *m_phase = mph;
 }
 
-// Adds `frames` inner frames of voice v into out[0] (and out[1] when STEREO).
+int min_int(int a, int64_t b) { return b < a ? (int)b : a; }
+
+// Adds `frames` inner frames of voice v into out[0] (and out[1] when STEREO). The
+// envelope positions step by one per frame and are capped at the start of every frame;
+// the block is cut into runs in which no position leaves its table entry, reaches its
+// cap or ends the voice, so that the envelopes move by plain additions inside a run.
 template <bool HQ, bool FEEDBACK, bool STEREO>
 void render_voice(fm_voice* v, const fm_params& p, int16_t* const* out, int frames) {
     const uint32_t c_step = operator_step(v->step, p.c_mul);
@@ -269,7 +292,6 @@ void render_voice(fm_voice* v, const fm_params& p, int16_t* const* out, int fram
         scale = k;
         for (int i = 1; i < p.scaling; i++) scale = psynth_wrap32((int64_t)scale * k) >> kScaleBits;
     }
-    auto modulator_env = [&](int32_t pos) { return psynth_wrap32((int64_t)envelope_at<HQ>(p.m_env, pos) * scale) >> kScaleBits; };
     // A held key stops both positions at the end of their decay; released, the carrier's
     // last entry ends the voice and the modulator waits at its own last entry.
     const bool held = v->key_held;
@@ -277,13 +299,8 @@ void render_voice(fm_voice* v, const fm_params& p, int16_t* const* out, int fram
     const int32_t c_stop = held ? INT32_MAX : p.c_end;
     const int32_t m_limit = held && p.m_hold < p.m_end ? p.m_hold : p.m_end;
 
-    const int16_t* sine = p.sine;
-    uint32_t cph = v->c_phase, mph = v->m_phase;
     int32_t cpos = v->c_pos, mpos = v->m_pos;
-    int16_t* out_l = out[0];
-    int16_t* out_r = out[1];
-    int f = 0;
-    for (; f < frames; f++) {
+    for (int f = 0; f < frames;) {
         if (cpos > c_limit) cpos = c_limit;
         if (mpos > m_limit) mpos = m_limit;
         if (cpos >= c_stop) {
@@ -291,28 +308,19 @@ void render_voice(fm_voice* v, const fm_params& p, int16_t* const* out, int fram
             v->id = -1;
             break;
         }
-        if (held && cpos == c_limit && mpos == m_limit) break;  // both sustain levels reached
-        operator_frame<FEEDBACK, STEREO>(sine, p.feedback, cph, mph, envelope_at<HQ>(p.c_env, cpos), modulator_env(mpos),
-                                         side_l, side_r, out_l + f, out_r + f);
-        cph += c_step;
-        mph += m_step;
-        cpos++;
-        mpos++;
+        const bool c_moving = cpos < c_limit, m_moving = mpos < m_limit;
+        int run = min_int(frames - f, (int64_t)c_stop - cpos);
+        if (c_moving) run = min_int(min_int(run, kEnvWeightOne - (cpos & kEnvPosMask)), (int64_t)c_limit - cpos);
+        if (m_moving) run = min_int(min_int(run, kEnvWeightOne - (mpos & kEnvPosMask)), (int64_t)m_limit - mpos);
+        operator_frames<FEEDBACK, STEREO>(p.sine, p.feedback, scale, &v->c_phase, &v->m_phase, c_step, m_step,
+                                          envelope_run<HQ>(p.c_env, cpos, c_moving),
+                                          envelope_run<HQ>(p.m_env, mpos, m_moving), side_l, side_r,
+                                          out[0] + f, STEREO ? out[1] + f : nullptr, run);
+        // A capped position is left one past its cap, as stepping frame by frame leaves it.
+        cpos = c_moving ? cpos + run : cpos + 1;
+        mpos = m_moving ? mpos + run : mpos + 1;
+        f += run;
     }
-    if (v->active && f < frames) {
-        // Sustained: the envelope values stand still for the rest of the block. The
-        // positions are left one past the caps, as frame-by-frame stepping leaves them.
-        const int32_t e_c = envelope_at<HQ>(p.c_env, cpos), e_m = modulator_env(mpos);
-        for (; f < frames; f++) {
-            operator_frame<FEEDBACK, STEREO>(sine, p.feedback, cph, mph, e_c, e_m, side_l, side_r, out_l + f, out_r + f);
-            cph += c_step;
-            mph += m_step;
-        }
-        cpos++;
-        mpos++;
-    }
-    v->c_phase = cph;
-    v->m_phase = mph;
     v->c_pos = cpos;
     v->m_pos = mpos;
 }

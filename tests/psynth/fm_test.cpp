@@ -131,21 +131,28 @@ TEST_F(FmTest, AnswersItsQuestionsAndRegistersItsControllers) {
 
 // A note at pitch 12288 (step 49712) with short envelopes, worked out frame by frame:
 // carrier table 0, 32768, 16384, 0 (attack 1, decay 1 to sustain 128, release 1);
-// modulator table 0, 8192, 4096, 0 ("M.Volume" 64, sustain 128 of it).
+// modulator table 0, 8192, 4096, 0 ("M.Volume" 64, sustain 128 of it). HQ blends
+// neighbouring entries, LQ reads each entry as it is.
 TEST_F(FmTest, FirstFramesOfAKnownNoteFollowTheOperatorFormulas) {
-    int fm = add_fm();
-    for (int c : {C_ATTACK, C_DECAY, C_RELEASE, M_ATTACK, M_DECAY, M_RELEASE}) set(fm, c, 1);
-    set(fm, M_VOLUME, 64);
-    set(fm, PANNING, 64);  // left 128, right 128 · 64 >> 7 = 64
-    set(fm, M_FEEDBACK, 40);
-    note_on(fm, 0);
-    stereo s = play(fm, 1024);
-    note_off(fm, 0);  // released at frame 1024: the release runs from one entry past the sustain
-    render(1024, {&s}, {fm});
+    int hq = add_fm(), lq = add_fm();
+    for (int fm : {hq, lq}) {
+        for (int c : {C_ATTACK, C_DECAY, C_RELEASE, M_ATTACK, M_DECAY, M_RELEASE}) set(fm, c, 1);
+        set(fm, M_VOLUME, 64);
+        set(fm, PANNING, 64);  // left 128, right 128 · 64 >> 7 = 64
+        set(fm, M_FEEDBACK, 40);
+        note_on(fm, 0);
+    }
+    set(lq, MODE, 2);
+    stereo s, l;
+    render(1024, {&s, &l}, {hq, lq});
+    note_off(hq, 0);  // released at frame 1024: the release runs from one entry past the sustain
+    note_off(lq, 0);
+    render(1024, {&s, &l}, {hq, lq});
 
     const std::vector<int> sine = reference_sine();
     const int c_env[5] = {0, 32768, 16384, 0, 0}, m_env[5] = {0, 8192, 4096, 0, 0};
     auto env = [](const int* t, int pos) { return (t[pos >> 8] * (256 - (pos & 255)) + t[(pos >> 8) + 1] * (pos & 255)) >> 8; };
+    auto env_lq = [](const int* t, int pos) { return t[pos >> 8]; };
     uint32_t phase = 0;
     for (int f = 0; f < 2048; f++, phase += 49712) {
         // Held, both stop at attack + decay = 2 entries (position 512), stepping one past it
@@ -153,6 +160,7 @@ TEST_F(FmTest, FirstFramesOfAKnownNoteFollowTheOperatorFormulas) {
         int pos = f < 512 ? f : f < 1024 ? 512 : 513 + (f - 1024);
         if (pos >= 768) {
             ASSERT_EQ(s.l[f], 0) << "frame " << f;
+            ASSERT_EQ(l.l[f], 0) << "LQ frame " << f;
             continue;
         }
         int idx = (int)(phase >> 10);
@@ -161,6 +169,9 @@ TEST_F(FmTest, FirstFramesOfAKnownNoteFollowTheOperatorFormulas) {
         int e_c = env(c_env, pos);
         ASSERT_EQ(s.l[f], (((c * 128) >> 8) * e_c) >> 18) << "frame " << f;
         ASSERT_EQ(s.r[f], (((c * 64) >> 8) * e_c) >> 18) << "frame " << f;
+        m = (env_lq(m_env, pos) * sine[(idx + ((sine[idx & 4095] * 40) >> 8)) & 4095]) >> 15;
+        c = sine[(m + idx) & 4095];
+        ASSERT_EQ(l.l[f], (((c * 128) >> 8) * env_lq(c_env, pos)) >> 18) << "LQ frame " << f;
     }
     // A few of them written out. The in-place passes leave the table a little behind a
     // true sine: entry 0 is −217, and the peak of 32587 is reached at entry 1020.
@@ -170,6 +181,34 @@ TEST_F(FmTest, FirstFramesOfAKnownNoteFollowTheOperatorFormulas) {
     EXPECT_EQ(s.l[100], -536); // envelope 12800, carrier −21936
     EXPECT_EQ(s.r[100], -268);
     EXPECT_EQ(s.l[700], 780);  // held at the sustain: envelope 16384, carrier 24982
+}
+
+// Held notes in which one operator has no attack or decay, so its position stands at 0
+// (the sustain written over the peak) while the other one climbs and falls on its own
+// (attack 2, decay 1), crossing table entries alone.
+TEST_F(FmTest, OneEnvelopeMovesWhileTheOtherStands) {
+    int c_moves = add_fm(), m_moves = add_fm();
+    for (int fm : {c_moves, m_moves}) {
+        set(fm, M_VOLUME, 64);
+        set(fm, C_RELEASE, 1), set(fm, M_RELEASE, 1);
+        note_on(fm, 0);
+    }
+    set(c_moves, C_ATTACK, 2), set(c_moves, C_DECAY, 1), set(c_moves, M_ATTACK, 0), set(c_moves, M_DECAY, 0);
+    set(m_moves, M_ATTACK, 2), set(m_moves, M_DECAY, 1), set(m_moves, C_ATTACK, 0), set(m_moves, C_DECAY, 0);
+    stereo sc, sm;
+    render(1024, {&sc, &sm}, {c_moves, m_moves});
+    const std::vector<int> sine = reference_sine();
+    const int c_env[6] = {0, 16384, 32768, 16384, 0, 0}, m_env[6] = {0, 4096, 8192, 4096, 0, 0};
+    auto env = [](const int* t, int pos) { return (t[pos >> 8] * (256 - (pos & 255)) + t[(pos >> 8) + 1] * (pos & 255)) >> 8; };
+    uint32_t phase = 0;
+    for (int f = 0; f < 1024; f++, phase += 49712) {
+        int pos = f < 768 ? f : 768;
+        int idx = (int)(phase >> 10);
+        int c = sine[(((4096 * sine[idx & 4095]) >> 15) + idx) & 4095];  // modulator standing at 4096
+        ASSERT_EQ(sc.l[f], (((c * 128) >> 8) * env(c_env, pos)) >> 18) << "frame " << f;
+        c = sine[(((env(m_env, pos) * sine[idx & 4095]) >> 15) + idx) & 4095];
+        ASSERT_EQ(sm.l[f], (((c * 128) >> 8) * 16384) >> 18) << "frame " << f;  // carrier standing at 16384
+    }
 }
 
 TEST_F(FmTest, MultiplierZeroPlaysTheOperatorAnOctaveDown) {
