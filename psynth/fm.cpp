@@ -29,7 +29,6 @@
 // A frequency multiplier of 0 plays its operator an octave down. "M.Scaling" s > 0 makes
 // the modulation depth fall with the note: (128 − note)^s / 128^s, zero at note 128.
 // The mono modes have one output; the LQ modes read the envelopes without interpolation.
-#include <climits>
 #include <cstdint>
 #include <cstring>
 
