@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "psynth/psynth_modules.h"
+#include "psynth/psynth_tables.h"
 #include "test_modules.h"
 
 namespace {
@@ -18,21 +19,12 @@ enum : int {
 };
 constexpr int kPitch = 12288;  // note 72 (C6): step 49712, even, and an octave lower is exactly half
 
-// The sine table by its definition: half-sine bytes × 128, 16 passes over 512 entries,
-// × 8 by repetition, 8 passes over 4096 entries.
+// The sine table by its definition: the shared half-sine bytes × 128, 16 passes over 512
+// entries, × 8 by repetition, 8 passes over 4096 entries.
 std::vector<int> reference_sine() {
-    static const int kHalf[256] = {
-        0, 3, 6, 9, 12, 15, 18, 21, 25, 28, 31, 34, 37, 40, 43, 46, 49, 52, 56, 59, 62, 65, 68, 71, 74, 77, 80, 83, 86, 89, 92, 95,
-        97, 100, 103, 106, 109, 112, 115, 117, 120, 123, 126, 128, 131, 134, 136, 139, 142, 144, 147, 149, 152, 154, 157, 159, 162, 164, 167, 169, 171, 174, 176, 178,
-        180, 183, 185, 187, 189, 191, 193, 195, 197, 199, 201, 203, 205, 207, 209, 211, 212, 214, 216, 217, 219, 221, 222, 224, 225, 227, 228, 229, 231, 232, 233, 235,
-        236, 237, 238, 239, 240, 242, 243, 243, 244, 245, 246, 247, 248, 249, 249, 250, 251, 251, 252, 252, 253, 253, 254, 254, 254, 255, 255, 255, 255, 255, 255, 255,
-        255, 255, 255, 255, 255, 255, 255, 255, 254, 254, 254, 253, 253, 252, 252, 251, 251, 250, 249, 249, 248, 247, 246, 245, 245, 244, 243, 242, 241, 240, 238, 237,
-        236, 235, 234, 232, 231, 230, 228, 227, 225, 224, 222, 221, 219, 218, 216, 214, 213, 211, 209, 207, 205, 203, 201, 200, 198, 196, 194, 191, 189, 187, 185, 183,
-        181, 179, 176, 174, 172, 169, 167, 165, 162, 160, 157, 155, 152, 150, 147, 145, 142, 139, 137, 134, 131, 129, 126, 123, 120, 118, 115, 112, 109, 106, 104, 101,
-        98, 95, 92, 89, 86, 83, 80, 77, 74, 71, 68, 65, 62, 59, 56, 53, 50, 47, 44, 41, 37, 34, 31, 28, 25, 22, 19, 16, 12, 9, 6, 3,
-    };
+    const uint8_t* half = psynth_get_half_sine_table();
     std::vector<int> x(4096);
-    for (int i = 0; i < 256; i++) x[i] = kHalf[i] * 128, x[256 + i] = -kHalf[i] * 128;
+    for (int i = 0; i < 256; i++) x[i] = half[i] * 128, x[256 + i] = -half[i] * 128;
     auto passes = [&x](int size, int n) {
         for (int p = 0; p < n; p++) {
             for (int i = 0; i < size; i++) x[i] = (x[(i + size - 1) % size] + x[(i + 1) % size]) / 2;
