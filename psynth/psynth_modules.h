@@ -22,6 +22,9 @@ intptr_t psynth_flanger(int mod_num, psynth_event* event, psynth_net* net);    /
 intptr_t psynth_lfo(int mod_num, psynth_event* event, psynth_net* net);        // lfo.cpp
 intptr_t psynth_vibrato(int mod_num, psynth_event* event, psynth_net* net);    // vibrato.cpp
 intptr_t psynth_vocal_filter(int mod_num, psynth_event* event, psynth_net* net);  // vocal_filter.cpp
+intptr_t psynth_fm(int mod_num, psynth_event* event, psynth_net* net);         // fm.cpp
+intptr_t psynth_multisynth(int mod_num, psynth_event* event, psynth_net* net); // multisynth.cpp
+intptr_t psynth_ans(int mod_num, psynth_event* event, psynth_net* net);        // ans.cpp
 
 // The module types that can be created by name (psynth_registry.cpp). Handlers answer
 // GET_SYNTH_NAME for module index −1 without touching the net.

@@ -7,8 +7,14 @@
 namespace {
 
 const psynth_handler kModuleTypes[] = {
+    // Synthesizers
     psynth_generator,
     psynth_sampler,
+    psynth_fm,
+    psynth_multisynth,
+    psynth_ans,
+    psynth_vorbis_player,
+    // Effects
     psynth_echo,
     psynth_delay,
     psynth_loop,
@@ -20,7 +26,6 @@ const psynth_handler kModuleTypes[] = {
     psynth_amplifier,
     psynth_modulator,
     psynth_equalizer,
-    psynth_vorbis_player,
     psynth_flanger,
     psynth_lfo,
     psynth_vibrato,

@@ -12,6 +12,7 @@
 #include "psynth/psynth_dsp.h"
 #include "psynth/psynth_modules.h"
 #include "psynth/psynth_tables.h"
+#include "psynth/voice_choice.h"
 
 namespace {
 
@@ -189,14 +190,8 @@ int format_bytes(int format) {
          : format == PSYNTH_SAMPLER_FORMAT_FLOAT32 ? 4 : 0;
 }
 
-// First voice among the first `count` that carries `id`; −1 when none (or id is −1).
-int find_voice(const sampler_data* d, int id, int count) {
-    if (id == -1) return -1;
-    for (int i = 0; i < count; i++) {
-        if (d->voices[i].id == id) return i;
-    }
-    return -1;
-}
+// The voice among the first Polyphony voices that carries `id`; −1 when none.
+int find_voice(const sampler_data* d, int id) { return psynth_find_voice(d->voices, polyphony(d), id); }
 
 int64_t step_for_pitch(int pitch, int rate) {
     psynth_step s = psynth_pitch_to_step(pitch, rate);
@@ -737,27 +732,8 @@ intptr_t render(int mod_num, sampler_data* d, psynth_net* net) {
     return d->idle ? 0 : 1;
 }
 
-int choose_voice(sampler_data* d, int count) {
-    for (int j = 0; j < count; j++) {
-        int i = (d->cursor + j) % count;
-        if (!d->voices[i].active) return d->cursor = i;
-    }
-    return d->cursor = (d->cursor + 1) % count;
-}
-
 intptr_t note_on(int mod_num, sampler_data* d, const psynth_event* ev, psynth_net* net) {
-    int vi;
-    if (d->idle) {
-        vi = d->cursor = 0;
-    } else {
-        for (sampler_voice& v : d->voices) {
-            if (ev->id != -1 && v.id == ev->id) {
-                v.key_held = 0;  // detached: it sounds on through its release
-                v.id = -1;
-            }
-        }
-        vi = choose_voice(d, polyphony(d));
-    }
+    int vi = psynth_take_voice(d->voices, PSYNTH_SAMPLER_VOICES, polyphony(d), ev->id, d->idle != 0, &d->cursor);
     if (tarvik_mutex_trylock(&d->mutex)) return 0;
     int note = ev->note;
     int index = note < 0 ? 0 : note > kMaxNote ? kMaxNote : note;
@@ -800,7 +776,7 @@ intptr_t note_on(int mod_num, sampler_data* d, const psynth_event* ev, psynth_ne
 
 // SET_SAMPLE_OFFSET (frame in pitch) and SET_SAMPLE_OFFSET2 (0..32768 of the length in velocity).
 intptr_t set_sample_offset(int mod_num, sampler_data* d, const psynth_event* ev, psynth_net* net) {
-    int vi = find_voice(d, ev->id, polyphony(d));
+    int vi = find_voice(d, ev->id);
     if (vi < 0 || tarvik_mutex_trylock(&d->mutex)) return 0;
     sampler_voice* v = &d->voices[vi];
     const psynth_sampler_sample* h = header_chunk(mod_num, v->sample, net);
@@ -814,7 +790,7 @@ intptr_t set_sample_offset(int mod_num, sampler_data* d, const psynth_event* ev,
 }
 
 intptr_t set_local_controller(sampler_data* d, const psynth_event* ev) {
-    int vi = find_voice(d, ev->id, polyphony(d));
+    int vi = find_voice(d, ev->id);
     if (vi < 0 || ev->note != PSYNTH_SAMPLER_LOCAL_CTL_PAN) return 0;
     int value = ev->velocity > PSYNTH_CTL_MAX_VALUE ? PSYNTH_CTL_MAX_VALUE : ev->velocity;
     d->voices[vi].local_pan = (int16_t)(value >> kLocalPanBits);
@@ -985,7 +961,7 @@ intptr_t psynth_sampler(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_NOTE_ON: return note_on(mod_num, d, event, net);
     case PS_CMD_SET_FREQ: {
         if (d->idle) return 0;
-        int vi = find_voice(d, event->id, polyphony(d));
+        int vi = find_voice(d, event->id);
         if (vi >= 0) {
             sampler_voice* v = &d->voices[vi];
             v->pitch = event->pitch - v->pitch_offset;
@@ -995,7 +971,7 @@ intptr_t psynth_sampler(int mod_num, psynth_event* event, psynth_net* net) {
     }
     case PS_CMD_SET_VELOCITY: {
         if (d->idle) return 0;
-        int vi = find_voice(d, event->id, polyphony(d));
+        int vi = find_voice(d, event->id);
         if (vi >= 0) d->voices[vi].velocity = event->velocity;
         return 1;
     }

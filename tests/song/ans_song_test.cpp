@@ -1,0 +1,132 @@
+// ANS in a song: the placeholder stays silent whatever it is played at any rate, and
+// songs holding it (next to an FM fed by a MultiSynth) keep every controller value
+// through save → load → save with the same bytes.
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "engine/file.h"
+#include "psynth/psynth_modules.h"
+#include "song/song_file.h"
+#include "song_test_util.h"
+
+namespace {
+
+enum : int { VOLUME, BASE_NOTE, BASE_FREQ, OCTAVES, TICKS_PER_PIXEL, POLYPHONY };
+
+std::vector<uint8_t> file_bytes(const char* path) {
+    std::vector<uint8_t> out;
+    int fd = v3_open(path, "rb");
+    if (!fd) return out;
+    uint8_t buf[4096];
+    size_t n;
+    while ((n = v3_read(buf, 1, sizeof(buf), fd)) > 0) out.insert(out.end(), buf, buf + n);
+    v3_close(fd);
+    return out;
+}
+
+class SongAnsTest : public SongFixture {
+public:
+    int add(psynth_handler handler) {
+        int mod = psynth_add_synth(-1, handler, nullptr, 0, 10, 20, song.bpm, song.speed, song.net);
+        EXPECT_GE(mod, 0);
+        psynth_do_command(mod, PS_CMD_SETUP_FINISHED, song.net);
+        return mod;
+    }
+    int& ctl(int mod, int n) { return *song.net->modules[mod].ctls[n].value; }
+    std::vector<uint8_t> save(const char* path) {
+        EXPECT_EQ(zelfon_save_song(path, ZELFON_VERSION_MAJOR, ZELFON_VERSION_MINOR, &song), 0);
+        return file_bytes(path);
+    }
+};
+
+TEST_F(SongAnsTest, AnswersItsQuestionsAndRegistersItsControllers) {
+    psynth_event e = {};
+    auto ask = [&](int command) { e.command = command; return psynth_ans(-1, &e, nullptr); };
+    EXPECT_STREQ((const char*)ask(PS_CMD_GET_SYNTH_NAME), "ANS");
+    EXPECT_STREQ((const char*)ask(PS_CMD_GET_SYNTH_INFO), "ANS.");
+    EXPECT_STREQ((const char*)ask(PS_CMD_GET_SYNTH_COLOR), "#009BFF");
+    EXPECT_EQ(ask(PS_CMD_GET_FLAGS), 0x408);
+    EXPECT_EQ(ask(PS_CMD_GET_DATA_SIZE), 16436);
+    EXPECT_EQ(ask(PS_CMD_GET_OUTPUTS_NUM), 2);
+    EXPECT_EQ(ask(PS_CMD_GET_INPUTS_NUM), 0);
+
+    int ans = add(psynth_ans);
+    const psynth_module& m = song.net->modules[ans];
+    ASSERT_EQ(m.ctls_count, 6);
+    const char* names[6] = {"Volume", "Base note", "Base freq", "Octaves", "Ticks per pixel", "Polyphony"};
+    const int defaults[6] = {256, 32, 100, 7, 3, 8};
+    for (int i = 0; i < 6; i++) {
+        EXPECT_STREQ(m.ctls[i].name, names[i]);
+        EXPECT_EQ(*m.ctls[i].value, defaults[i]) << names[i];
+    }
+    EXPECT_STREQ(m.ctls[BASE_FREQ].units, "Hz");
+    EXPECT_STREQ(m.ctls[POLYPHONY].units, "ch.");
+    EXPECT_EQ(m.ctls[BASE_FREQ].min, 10);
+    EXPECT_EQ(m.ctls[BASE_FREQ].max, 8000);
+    EXPECT_EQ(m.ctls[TICKS_PER_PIXEL].type, PSYNTH_CTL_SELECTOR);
+    EXPECT_EQ(m.ctls[OCTAVES].type, PSYNTH_CTL_NUMBER);
+}
+
+TEST_F(SongAnsTest, StaysSilentWhenPlayedAtAnyRate) {
+    for (int rate : {44100, 48000, 22050}) {
+        psynth_net net;
+        psynth_init(0, rate, 125, 6, &net);
+        int ans = psynth_add_synth(-1, psynth_ans, nullptr, 0, 0, 0, 125, 6, &net);
+        psynth_make_link(0, ans, &net);
+        psynth_event e = {};
+        e.command = PS_CMD_NOTE_ON;
+        e.id = 1;
+        e.note = 60;
+        e.velocity = 256;
+        e.pitch = 60 * 256;
+        EXPECT_EQ(psynth_ans(ans, &e, &net), 0);  // ignored
+        for (int b = 0; b < 3; b++) {
+            psynth_add_event(ans, &e, &net);
+            psynth_set_render_params(1024, 0, 0, 0, 0, &net);
+            psynth_render_all(&net);
+            psynth_clear_events(&net);
+            EXPECT_EQ(net.modules[ans].output_start[0], 1024) << rate;  // reported silent
+            EXPECT_EQ(net.modules[ans].output_start[1], 1024) << rate;
+        }
+        EXPECT_EQ(psynth_do_command(ans, PS_CMD_CLEAN, &net), 1);
+        psynth_close(&net);
+    }
+}
+
+TEST_F(SongAnsTest, SongKeepsItsControllerValuesThroughSaveAndLoad) {
+    int ans = add(psynth_ans);
+    int ms = add(psynth_multisynth);
+    int fm = add(psynth_fm);
+    psynth_make_link(0, ans, song.net);
+    psynth_make_link(0, fm, song.net);
+    psynth_make_link(fm, ms, song.net);
+    const int values[6] = {511, 119, 7999, 1, 32, 16};  // odd corners of every range
+    for (int i = 0; i < 6; i++) ctl(ans, i) = values[i];
+    ctl(ms, 0) = 140;
+    ctl(fm, 16) = 3;
+    ctl(fm, 5) = 77;
+
+    std::vector<uint8_t> first = save("3:/ans.zelfon");
+    ASSERT_FALSE(first.empty());
+    ASSERT_EQ(zelfon_load_song("3:/ans.zelfon", &song), 0);
+    EXPECT_EQ(save("3:/ans_again.zelfon"), first);
+    ASSERT_EQ(song.net->modules[ans].handler, psynth_ans);
+    ASSERT_EQ(song.net->modules[ms].handler, psynth_multisynth);
+    ASSERT_EQ(song.net->modules[fm].handler, psynth_fm);
+    for (int i = 0; i < 6; i++) EXPECT_EQ(ctl(ans, i), values[i]) << i;
+    EXPECT_EQ(ctl(ms, 0), 140);
+    EXPECT_EQ(ctl(fm, 16), 3);
+    EXPECT_EQ(ctl(fm, 5), 77);
+
+    // Played: the ANS stays silent, the FM sounds through the MultiSynth.
+    int slot = add_pattern(0, 4, 2);
+    cell(slot, 0, 0) = note_cell(49, ans + 1, 100);
+    cell(slot, 1, 0) = note_cell(49, ms + 1, 100);
+    play();
+    render(4096);
+    EXPECT_EQ(song.net->modules[ans].output_start[0], song.net->frames);
+    EXPECT_LT(song.net->modules[fm].output_start[0], song.net->frames);
+}
+
+}  // namespace
