@@ -12,6 +12,8 @@ intptr_t psynth_loop(int mod_num, psynth_event* event, psynth_net* net);       /
 intptr_t psynth_filter(int mod_num, psynth_event* event, psynth_net* net);     // filter.cpp
 intptr_t psynth_reverb(int mod_num, psynth_event* event, psynth_net* net);     // reverb.cpp
 intptr_t psynth_compressor(int mod_num, psynth_event* event, psynth_net* net); // compressor.cpp
+intptr_t psynth_kicker(int mod_num, psynth_event* event, psynth_net* net);     // kicker.cpp
+intptr_t psynth_drumsynth(int mod_num, psynth_event* event, psynth_net* net);  // drumsynth.cpp
 
 // The module types that can be created by name (psynth_registry.cpp). Handlers answer
 // GET_SYNTH_NAME for module index −1 without touching the net.

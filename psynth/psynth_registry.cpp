@@ -15,6 +15,8 @@ const psynth_handler kModuleTypes[] = {
     psynth_filter,
     psynth_reverb,
     psynth_compressor,
+    psynth_kicker,
+    psynth_drumsynth,
 };
 
 }  // namespace
