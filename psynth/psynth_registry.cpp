@@ -17,6 +17,7 @@ const psynth_handler kModuleTypes[] = {
     psynth_compressor,
     psynth_kicker,
     psynth_drumsynth,
+    psynth_spectravoice,
 };
 
 }  // namespace

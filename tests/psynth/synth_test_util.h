@@ -97,6 +97,20 @@ inline double amplitude_at(const std::vector<int>& x, int from, int to, double h
     return 2 * std::sqrt(re * re + im * im) / (to - from);
 }
 
+// The same through a Hann window, for frequencies that do not fit the window a whole number
+// of times: far-off tones then leak almost nothing into the measurement.
+inline double amplitude_at_hann(const std::vector<int>& x, int from, int to, double hz, int rate) {
+    double re = 0, im = 0, sum = 0;
+    for (int i = from; i < to; i++) {
+        double h = 0.5 - 0.5 * std::cos(2 * std::numbers::pi * (i - from) / (to - from));
+        double w = 2 * std::numbers::pi * hz * i / rate;
+        re += h * x[i] * std::cos(w);
+        im += h * x[i] * std::sin(w);
+        sum += h;
+    }
+    return 2 * std::sqrt(re * re + im * im) / sum;
+}
+
 inline int peak(const std::vector<int>& x, int from, int to) {
     int p = 0;
     for (int i = from; i < to; i++) p = std::max(p, std::abs(x[i]));
