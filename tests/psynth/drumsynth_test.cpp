@@ -39,23 +39,12 @@ TEST_F(DrumSynthTest, DescribesItselfAndItsControllers) {
     EXPECT_EQ(psynth_find_module_type("DrumSynth"), psynth_drumsynth);
     EXPECT_EQ(m.flags & ~(PSYNTH_FLAG_EXISTS | PSYNTH_FLAG_INITIALIZED), PSYNTH_FLAG_GENERATOR);
     EXPECT_EQ(m.output_channels, 1);
-    struct row { const char* name; const char* units; int min, max, def; };
-    const row want[] = {
-        {"Volume", "", 0, 512, 256},        {"Polyphony", "ch.", 1, 16, 4},
-        {"Bass volume", "", 0, 512, 256},   {"Bass length", "ms", 1, 2000, 300},   {"Bass tone", "", 0, 512, 256},
-        {"Hihat volume", "", 0, 512, 256},  {"Hihat length", "ms", 1, 2000, 80},   {"Hihat tone", "", 0, 512, 384},
-        {"Snare volume", "", 0, 512, 256},  {"Snare length", "ms", 1, 2000, 200},  {"Snare tone", "", 0, 512, 320},
-    };
-    ASSERT_EQ(m.ctls_count, 11);
-    for (int i = 0; i < 11; i++) {
-        const psynth_ctl& c = m.ctls[i];
-        EXPECT_STREQ(c.name, want[i].name);
-        EXPECT_STREQ(c.units, want[i].units) << c.name;
-        EXPECT_EQ(c.min, want[i].min) << c.name;
-        EXPECT_EQ(c.max, want[i].max) << c.name;
-        EXPECT_EQ(c.def, want[i].def) << c.name;
-        EXPECT_EQ(c.type, 0) << c.name;
-    }
+    expect_controllers(m, {{"Volume", "", 0, 512, 256, 0},        {"Polyphony", "ch.", 1, 16, 4, 0},
+                           {"Bass volume", "", 0, 512, 256, 0},   {"Bass length", "ms", 1, 2000, 300, 0},
+                           {"Bass tone", "", 0, 512, 256, 0},     {"Hihat volume", "", 0, 512, 256, 0},
+                           {"Hihat length", "ms", 1, 2000, 80, 0}, {"Hihat tone", "", 0, 512, 384, 0},
+                           {"Snare volume", "", 0, 512, 256, 0},  {"Snare length", "ms", 1, 2000, 200, 0},
+                           {"Snare tone", "", 0, 512, 320, 0}});
 }
 
 TEST_F(DrumSynthTest, TheBassDrumFallsOntoItsPitchAndFollowsKeyAndTone) {

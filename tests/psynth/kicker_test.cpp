@@ -28,24 +28,10 @@ TEST_F(KickerTest, DescribesItselfAndItsControllers) {
     EXPECT_EQ(m.flags & ~(PSYNTH_FLAG_EXISTS | PSYNTH_FLAG_INITIALIZED), PSYNTH_FLAG_GENERATOR);
     EXPECT_EQ(m.input_channels, 0);
     EXPECT_EQ(m.output_channels, 1);
-    struct row { const char* name; const char* units; int min, max, def, type; };
-    const row want[] = {
-        {"Volume", "", 0, 512, 256, 0},         {"Waveform", "triangle/square/sine", 0, 2, 2, 1},
-        {"Attack", "ms", 0, 500, 0, 0},         {"Release", "ms", 1, 2000, 300, 0},
-        {"Boost", "", 0, 1024, 0, 0},           {"Acceleration", "", 0, 1024, 256, 0},
-        {"Polyphony", "ch.", 1, 4, 1, 0},       {"Anti-click", "off/on", 0, 1, 1, 1},
-    };
-    ASSERT_EQ(m.ctls_count, 8);
-    for (int i = 0; i < 8; i++) {
-        const psynth_ctl& c = m.ctls[i];
-        EXPECT_STREQ(c.name, want[i].name);
-        EXPECT_STREQ(c.units, want[i].units) << c.name;
-        EXPECT_EQ(c.min, want[i].min) << c.name;
-        EXPECT_EQ(c.max, want[i].max) << c.name;
-        EXPECT_EQ(c.def, want[i].def) << c.name;
-        EXPECT_EQ(*c.value, want[i].def) << c.name;
-        EXPECT_EQ(c.type, want[i].type) << c.name;
-    }
+    expect_controllers(m, {{"Volume", "", 0, 512, 256, 0},    {"Waveform", "triangle/square/sine", 0, 2, 2, 1},
+                           {"Attack", "ms", 0, 500, 0, 0},    {"Release", "ms", 1, 2000, 300, 0},
+                           {"Boost", "", 0, 1024, 0, 0},      {"Acceleration", "", 0, 1024, 256, 0},
+                           {"Polyphony", "ch.", 1, 4, 1, 0},  {"Anti-click", "off/on", 0, 1, 1, 1}});
 }
 
 TEST_F(KickerTest, WithoutSweepAKickIsTheNoteAtHalfScale) {
