@@ -18,7 +18,8 @@
 // Volume: 256 is unity; a full-velocity (256) kick at unity peaks at ±2048 (13.3), half the
 //   device's full scale, like one Generator voice.
 // Waveform: the oscillator's shape; sine is the round kick, triangle and square are harder.
-// Attack: the linear rise from silence (0: the kick starts at full level, on a zero crossing).
+// Attack: the linear rise from silence (0: the kick starts at full level; the sine and the
+//   triangle start on a zero crossing, the square at its top).
 // Release: how long the kick lasts after its attack. The level falls linearly and is heard
 //   squared (fast at first, then a long tail), reaching silence exactly at the end. A kick is
 //   one-shot: NOTE_OFF does not shorten it.
