@@ -59,13 +59,13 @@ constexpr uint32_t kNoiseSeedStart = 0xD12A;
 enum drum_kind : int { DRUM_BASS, DRUM_HIHAT, DRUM_SNARE, DRUM_COUNT };
 
 // The key of each drum in an octave (semitone of its first key) and what sets its sound.
-struct drum_spec {
+struct drum_shape {
     int first_key;
     int home_pitch;  // pitch of the drum on its first key in the home octave
     int sweep;       // pitch units the body falls from
     int tau_us;      // time constant of the fall
 };
-const drum_spec kDrums[DRUM_COUNT] = {
+const drum_shape kDrums[DRUM_COUNT] = {
     {0, (120 - 31) * kSemitone, 24 * kSemitone, 15000},  // G1, from two octaves above
     {5, 0, 0, 0},                                         // noise only
     {2, (120 - 54) * kSemitone, 12 * kSemitone, 8000},   // F#3, from an octave above
@@ -225,8 +225,8 @@ intptr_t note_on(const psynth_event* e, drum_data* d, psynth_net* net) {
     // Pitch of the drum's first key in the home octave, unbent: (120 − semitone) × 256.
     int key_pitch = (120 - (kHomeOctaveC + kDrums[v->kind].first_key)) * kSemitone;
     v->offset = e->pitch - key_pitch;
-    const drum_spec& spec = kDrums[v->kind];
-    psynth_swept_osc_start(&v->osc, body_pitch(d, v), spec.sweep, psynth_sweep_coef(spec.tau_us, net->sampling_rate));
+    const drum_shape& shape = kDrums[v->kind];
+    psynth_swept_osc_start(&v->osc, body_pitch(d, v), shape.sweep, psynth_sweep_coef(shape.tau_us, net->sampling_rate));
     v->noise_seed = ((uint32_t)tarvik_random(&d->noise_seed) << 15) ^ (uint32_t)tarvik_random(&d->noise_seed);
     v->env = PSYNTH_ENV_ONE;
     v->stage = PSYNTH_ENV_RELEASE;

@@ -411,8 +411,8 @@ void init(int mod_num, sv_data* d, psynth_net* net) {
         const ctl_row& r = rows[i];
         psynth_register_ctl(mod_num, r.name, r.units, r.min, r.max, r.def, PSYNTH_CTL_NUMBER, &d->ctl[i], net);
     }
-    d->tables = (int16_t*)mem_new(MEM_DYNAMIC, sizeof(int16_t) * kTableSize * PSYNTH_VOICES_MAX, "spectravoice");
-    d->sum = (int32_t*)mem_new(MEM_DYNAMIC, sizeof(int32_t) * kTableSize, "spectravoice");
+    d->tables = (int16_t*)mem_new(MEM_DYNAMIC, sizeof(int16_t) * kTableSize * PSYNTH_VOICES_MAX, "sv_tables");
+    d->sum = (int32_t*)mem_new(MEM_DYNAMIC, sizeof(int32_t) * kTableSize, "sv_sum");
     if (!d->tables || !d->sum) {
         mem_free(d->tables);
         mem_free(d->sum);
