@@ -52,68 +52,46 @@
 // The voices are summed with saturation at the 16-bit range, so a loud chord flattens instead
 // of wrapping round. The noise of each note comes from its own LCG, seeded at NOTE_ON from the
 // module's seed (restarted at INIT and CLEAN), so a song renders the same noise every time.
-#include <array>
 #include <cstdint>
 #include <cstring>
-#include <numbers>
 
-#include "engine/random.h"
 #include "psynth/psynth_dsp.h"
 #include "psynth/psynth_modules.h"
 #include "psynth/psynth_tables.h"
+#include "psynth/psynth_voices.h"
 
 namespace {
 
 // ---- Constants ----
 
-constexpr int kMaxVoices = 16;
+constexpr int kMaxVoices = PSYNTH_VOICES_MAX;
 constexpr int kDrawnPoints = 32;
 constexpr int kDrawnChunk = 0;
 constexpr int kChunkFlag8Bit = 1;  // storage flag of 8-bit chunk data: no byte order to convert
 
-constexpr int kWaveAmp = 2048;       // peak of every waveform, 13.3 units at unity gain
+constexpr int kWaveAmp = PSYNTH_WAVE_AMP;
 constexpr int kDrawnScale = 4;       // a drawn point (−128..127) × 16 spans ±2048
-constexpr int kVelocityMax = 256;    // event velocities are 0..256, 256 = full
 constexpr int kVolumeMax = 512;      // twice unity
 constexpr int kRampMaxMs = 512;      // longest attack or release
 constexpr int kFmAmountMax = 256;
 
 // Phase: one period is 2^32; the top bits pick a waveform's segment.
-constexpr uint32_t kHalfPeriod = 0x80000000u;
-constexpr uint32_t kQuarterPeriod = 0x40000000u;
+constexpr uint32_t kHalfPeriod = PSYNTH_PHASE_HALF;
+constexpr uint32_t kQuarterPeriod = PSYNTH_PHASE_QUARTER;
 constexpr uint64_t kFullPeriod = 1ull << 32;
-constexpr uint32_t kMaxStep = kHalfPeriod - 1;  // nothing above half the sampling rate
-// psynth_pitch_to_freq gives 32 × the note's frequency in Hz (C5, pitch 15360: 16726 =
-// 32 × 522.7 Hz), so the phase step per frame is freq × 2^32 / 32 / rate.
-constexpr int kFreqPerHzShift = 5;
-constexpr int kFreqToStepShift = 32 - kFreqPerHzShift;
-constexpr int kTriangleShift = 19;   // phase → 0..8191: a rise over 4096 units and back
 constexpr int kSawShift = 20;        // signed phase → −2048..2047
 constexpr int kDrawnIndexShift = 27; // phase → point 0..31
 constexpr int kDrawnFracShift = 11;  // phase → position between two points...
 constexpr int kDrawnFracBits = 16;   // ...in 16 bits
 constexpr int kNoiseHoldShift = 27;  // noise takes a new value every 1/32 period
-constexpr int kNoiseValueShift = 3;  // tarvik_random's 0..32767 → 0..4095
 
-// Quarter sine table: kSineSize + 1 points from 0 to 2048, plus one guard entry for
-// interpolating at the very top.
-constexpr int kSineBits = 10;
-constexpr int kSineSize = 1 << kSineBits;
-constexpr int kQuadrantShift = 30;                   // phase → quarter of the period
-constexpr int kSinePhaseShift = 8;                   // phase within a quarter → table position
-constexpr int kSinePosBits = kQuadrantShift - kSinePhaseShift;
-constexpr int kSineFracBits = kSinePosBits - kSineBits;
-constexpr int32_t kSineQuarterPos = 1 << kSinePosBits;
 
-// Envelope level: 0..kEnvOne, with enough fraction bits for a 512 ms ramp at any rate.
-constexpr int kEnvBits = 24;
-constexpr int32_t kEnvOne = 1 << kEnvBits;
 constexpr int kMinRampMs = 1;
 
 // Gains: 65536 is unity (a 256-unity volume × a 256-unity panning), so that an envelope
 // level scales them with 16 fraction bits; two divisions by 256 bring a product back.
-constexpr int32_t kPanCentre = 128;
-constexpr int32_t kPanMax = 256;
+constexpr int32_t kPanCentre = PSYNTH_PAN_CENTRE;
+constexpr int32_t kPanMax = PSYNTH_PAN_MAX;
 constexpr int kGainGlideFrames = 64;  // a volume, panning or velocity change glides this long
 
 // Duty cycle: 1024 is the whole period; the warp keeps 16 fraction bits.
@@ -160,7 +138,6 @@ enum gen_ctl : int {
     CTL_COUNT
 };
 
-enum gen_stage : int { STAGE_ATTACK, STAGE_SUSTAIN, STAGE_RELEASE };
 
 // ---- Records ----
 
@@ -173,7 +150,7 @@ struct gen_voice {
     int velocity;   // 0..256
     int pan;        // local panning 0..256, 128 = none
     int stage;
-    int32_t env;    // 0..kEnvOne
+    int32_t env;    // 0..PSYNTH_ENV_ONE
     int fresh;      // the first render takes the gains at once, without a glide
     int32_t gain[2];         // current left and right gain (65536 = unity)
     int32_t gain_target[2];
@@ -206,36 +183,9 @@ struct gen_render_params {
     int fm_amount;
 };
 
-// ---- The quarter sine ----
-
-// sin(x) for 0 ≤ x ≤ π/2 by its Taylor series: evaluated by the compiler, so the table is
-// the same on every machine.
-constexpr double taylor_sine(double x) {
-    double term = x, sum = x;
-    for (int n = 1; n < 12; n++) {
-        term *= -x * x / ((2.0 * n) * (2.0 * n + 1));
-        sum += term;
-    }
-    return sum;
-}
-
-constexpr std::array<int16_t, kSineSize + 2> make_quarter_sine() {
-    std::array<int16_t, kSineSize + 2> t{};
-    for (int i = 0; i <= kSineSize; i++) {
-        double s = taylor_sine(std::numbers::pi / 2 * i / kSineSize);
-        t[i] = (int16_t)(s * kWaveAmp + 0.5);
-    }
-    t[kSineSize + 1] = kWaveAmp;
-    return t;
-}
-constexpr std::array<int16_t, kSineSize + 2> kQuarterSine = make_quarter_sine();
-static_assert(kQuarterSine[0] == 0 && kQuarterSine[kSineSize] == kWaveAmp, "the quarter sine spans 0..2048");
-
 const int8_t kSilentDrawn[kDrawnPoints] = {};
 
 // ---- Small helpers ----
-
-int clamp_int(int v, int lo, int hi) { return v < lo ? lo : v > hi ? hi : v; }
 
 gen_data* data_of(int mod_num, psynth_net* net) {
     if (mod_num < 0 || mod_num >= net->slots) return nullptr;
@@ -249,53 +199,13 @@ bool mono_mode(const gen_data* d) {
 
 // Voices a new note may take.
 int voice_limit(const gen_data* d) {
-    return mono_mode(d) ? 1 : clamp_int(d->ctl[CTL_POLYPHONY], 1, kMaxVoices);
+    return mono_mode(d) ? 1 : psynth_clamp(d->ctl[CTL_POLYPHONY], 1, kMaxVoices);
 }
 
-uint32_t pitch_to_phase_step(int pitch, int rate) {
-    if (rate <= 0) return 0;
-    uint64_t freq = psynth_pitch_to_freq(pitch);
-    // At or above half the rate the step would be at least half a period.
-    if (freq >= ((uint64_t)rate << (kFreqPerHzShift - 1))) return kMaxStep;
-    return (uint32_t)((freq << kFreqToStepShift) / (uint64_t)rate);
-}
-
-// Envelope change per frame for a ramp of `ms` milliseconds (at least 1 ms, at least 1 frame).
-int32_t ramp_per_frame(int ms, int rate) {
-    int64_t frames = (int64_t)clamp_int(ms, kMinRampMs, kRampMaxMs) * (rate > 0 ? rate : 1) / 1000;
-    if (frames < 1) frames = 1;
-    int32_t per_frame = (int32_t)(kEnvOne / frames);
-    return per_frame > 0 ? per_frame : 1;
-}
-
-int32_t next_noise_value(uint32_t* seed) {
-    return (tarvik_random(seed) >> kNoiseValueShift) - kWaveAmp;
-}
-
-psynth_sample add_saturated(psynth_sample a, int32_t b) {
-    int32_t sum = (int32_t)a + b;
-    return (psynth_sample)clamp_int(sum, INT16_MIN, INT16_MAX);
-}
+// Envelope change per frame for a ramp of `ms` milliseconds (at least 1 ms, at most 512).
+int32_t ramp_per_frame(int ms, int rate) { return psynth_env_step(psynth_clamp(ms, kMinRampMs, kRampMaxMs), rate); }
 
 // ---- Waveforms (value ±2048 for a phase; `step` only for the smoothed edges) ----
-
-// The quarter-sine table read at position m (0..kSineQuarterPos).
-template <bool kHq>
-int32_t quarter_sine(int32_t m) {
-    if (!kHq) return kQuarterSine[(m + (1 << (kSineFracBits - 1))) >> kSineFracBits];
-    int idx = m >> kSineFracBits;
-    int32_t frac = m & ((1 << kSineFracBits) - 1);
-    int32_t a = kQuarterSine[idx];
-    return a + (((kQuarterSine[idx + 1] - a) * frac) >> kSineFracBits);
-}
-
-template <bool kHq>
-int32_t sine_at(uint32_t phase) {
-    uint32_t quadrant = phase >> kQuadrantShift;
-    int32_t pos = (int32_t)((phase >> kSinePhaseShift) & (uint32_t)(kSineQuarterPos - 1));
-    int32_t v = quarter_sine<kHq>(quadrant & 1 ? kSineQuarterPos - pos : pos);
-    return quadrant & 2 ? -v : v;
-}
 
 // Correction for a step from −2048 up to +2048 at phase `edge` (subtract it for a step
 // down): a second-order polynomial spread over the frame before and the frame after the
@@ -324,11 +234,8 @@ template <int kWave, bool kHq>
 int32_t wave_value(uint32_t phase, uint32_t step, const gen_render_params& p) {
     uint32_t w = warp_phase(phase, p);
     switch (kWave) {
-    case WAVE_TRIANGLE: {
-        int32_t u = (int32_t)((w + kQuarterPeriod) >> kTriangleShift);
-        int32_t d = u - 2 * kWaveAmp;
-        return kWaveAmp - (d < 0 ? -d : d);
-    }
+    case WAVE_TRIANGLE:
+        return psynth_triangle(w);
     case WAVE_SAW: {
         int32_t v = (int32_t)w >> kSawShift;
         return kHq ? v - blep(phase, p.duty, step) : v;
@@ -350,11 +257,11 @@ int32_t wave_value(uint32_t phase, uint32_t step, const gen_render_params& p) {
         return a + (((b - a) * frac) >> kDrawnFracBits);
     }
     case WAVE_SINE:
-        return sine_at<kHq>(w);
+        return psynth_sine<kHq>(w);
     case WAVE_HALF_SINE:
-        return w < kHalfPeriod ? sine_at<kHq>(w) : 0;
+        return w < kHalfPeriod ? psynth_sine<kHq>(w) : 0;
     case WAVE_ABS_SINE:
-        return sine_at<kHq>(w >> 1);
+        return psynth_sine<kHq>(w >> 1);
     default:
         return 0;
     }
@@ -379,7 +286,7 @@ void render_voice(gen_voice* v, const gen_render_params& p, psynth_sample* out_l
     const int fm_start = p.fm_start;
     const int32_t attack_inc = p.attack_inc;
     const int32_t release_dec = p.release_dec;
-    const int after_attack = p.sustain ? STAGE_SUSTAIN : STAGE_RELEASE;
+    const int after_attack = p.sustain ? PSYNTH_ENV_SUSTAIN : PSYNTH_ENV_RELEASE;
     int active = 1;
 
     for (int i = from; i < to; i++) {
@@ -391,14 +298,14 @@ void render_voice(gen_voice* v, const gen_render_params& p, psynth_sample* out_l
             if (fm_in && i >= fm_start) ph += (uint32_t)((int32_t)fm_in[i] * fm_amount) << kFmShift;
             w = wave_value<kWave, kHq>(ph, step, p);
         }
-        int32_t g_l = (int32_t)(((int64_t)env * gain_l) >> kEnvBits);
-        int32_t g_r = (int32_t)(((int64_t)env * gain_r) >> kEnvBits);
-        out_l[i] = add_saturated(out_l[i], psynth_div256_toward_zero(psynth_div256_toward_zero(w * g_l)));
-        out_r[i] = add_saturated(out_r[i], psynth_div256_toward_zero(psynth_div256_toward_zero(w * g_r)));
+        int32_t g_l = (int32_t)(((int64_t)env * gain_l) >> PSYNTH_ENV_BITS);
+        int32_t g_r = (int32_t)(((int64_t)env * gain_r) >> PSYNTH_ENV_BITS);
+        out_l[i] = psynth_add_saturated(out_l[i], psynth_div256_toward_zero(psynth_div256_toward_zero(w * g_l)));
+        out_r[i] = psynth_add_saturated(out_r[i], psynth_div256_toward_zero(psynth_div256_toward_zero(w * g_r)));
 
         uint32_t next = phase + step;
         if (kWave == WAVE_NOISE && (((next ^ phase) >> kNoiseHoldShift) || step >= (1u << kNoiseHoldShift))) {
-            noise = next_noise_value(&noise_seed);
+            noise = psynth_noise_next(&noise_seed);
         }
         phase = next;
         if (glide > 0) {
@@ -409,19 +316,9 @@ void render_voice(gen_voice* v, const gen_render_params& p, psynth_sample* out_l
                 gain_r = v->gain_target[1];
             }
         }
-        if (stage == STAGE_ATTACK) {
-            env += attack_inc;
-            if (env >= kEnvOne) {
-                env = kEnvOne;
-                stage = after_attack;
-            }
-        } else if (stage == STAGE_RELEASE) {
-            env -= release_dec;
-            if (env <= 0) {
-                env = 0;
-                active = 0;
-                break;
-            }
+        if (!psynth_env_advance(&env, &stage, attack_inc, release_dec, after_attack)) {
+            active = 0;
+            break;
         }
     }
 
@@ -469,14 +366,14 @@ bool input_is_fed(const psynth_module* mod, const psynth_net* net) {
 
 void prepare_params(int mod_num, const gen_data* d, int end, psynth_net* net, gen_render_params* p) {
     const psynth_module* mod = &net->modules[mod_num];
-    int mode = clamp_int(d->ctl[CTL_MODE], 0, MODE_COUNT - 1);
-    p->waveform = clamp_int(d->ctl[CTL_WAVEFORM], 0, WAVE_COUNT - 1);
+    int mode = psynth_clamp(d->ctl[CTL_MODE], 0, MODE_COUNT - 1);
+    p->waveform = psynth_clamp(d->ctl[CTL_WAVEFORM], 0, WAVE_COUNT - 1);
     p->hq = mode == MODE_HQ || mode == MODE_HQ_MONO;
     p->sustain = d->ctl[CTL_SUSTAIN] != 0;
     p->attack_inc = ramp_per_frame(d->ctl[CTL_ATTACK], net->sampling_rate);
     p->release_dec = ramp_per_frame(d->ctl[CTL_RELEASE], net->sampling_rate);
 
-    int duty = clamp_int(d->ctl[CTL_DUTY], 1, kDutyMax - 1);
+    int duty = psynth_clamp(d->ctl[CTL_DUTY], 1, kDutyMax - 1);
     p->duty = (uint32_t)duty << (32 - kDutyBits);
     p->warp_lo = (uint32_t)(((uint64_t)kHalfPeriod << kWarpFracBits) / p->duty);
     p->warp_hi = (uint32_t)(((uint64_t)kHalfPeriod << kWarpFracBits) / (kFullPeriod - p->duty));
@@ -486,7 +383,7 @@ void prepare_params(int mod_num, const gen_data* d, int end, psynth_net* net, ge
     psynth_get_chunk_info(mod_num, kDrawnChunk, &size, nullptr, nullptr, net);
     p->drawn = drawn && size >= kDrawnPoints ? drawn : kSilentDrawn;
 
-    p->fm_amount = clamp_int(d->ctl[CTL_FM], 0, kFmAmountMax);
+    p->fm_amount = psynth_clamp(d->ctl[CTL_FM], 0, kFmAmountMax);
     p->fm_in = nullptr;
     p->fm_start = end;
     if (p->fm_amount > 0 && mod->input_channels > 0 && mod->input_buffers[0] &&
@@ -498,9 +395,11 @@ void prepare_params(int mod_num, const gen_data* d, int end, psynth_net* net, ge
 
 // Target gains of a voice from volume, velocity and panning; a changed target starts a glide.
 void update_gains(gen_voice* v, const gen_data* d) {
-    int32_t vv = psynth_div256_toward_zero(clamp_int(d->ctl[CTL_VOLUME], 0, kVolumeMax) * v->velocity);
-    int pan = clamp_int(d->ctl[CTL_PANNING] + v->pan - kPanCentre, 0, kPanMax);
-    int32_t target[2] = {vv * clamp_int((kPanMax - pan) * 2, 0, kPanMax), vv * clamp_int(pan * 2, 0, kPanMax)};
+    int32_t vv = psynth_div256_toward_zero(psynth_clamp(d->ctl[CTL_VOLUME], 0, kVolumeMax) * v->velocity);
+    int32_t target[2];
+    psynth_pan_gains(d->ctl[CTL_PANNING] + v->pan - kPanCentre, target);
+    target[0] *= vv;
+    target[1] *= vv;
     if (v->fresh) {
         v->fresh = 0;
         v->glide = 0;
@@ -538,8 +437,8 @@ intptr_t render(int mod_num, gen_data* d, psynth_net* net) {
         gen_voice* v = &d->voices[i];
         if (!v->active) continue;
         // Voices above a lowered limit, and held notes once Sustain goes off, fade out.
-        if (i >= limit && v->stage != STAGE_RELEASE) v->stage = STAGE_RELEASE;
-        if (!p.sustain && v->stage == STAGE_SUSTAIN) v->stage = STAGE_RELEASE;
+        if (i >= limit && v->stage != PSYNTH_ENV_RELEASE) v->stage = PSYNTH_ENV_RELEASE;
+        if (!p.sustain && v->stage == PSYNTH_ENV_SUSTAIN) v->stage = PSYNTH_ENV_RELEASE;
         update_gains(v, d);
         run(v, p, out_l, out_r, from, to);
     }
@@ -548,63 +447,33 @@ intptr_t render(int mod_num, gen_data* d, psynth_net* net) {
 
 // ---- Notes ----
 
-gen_voice* voice_with_id(gen_data* d, int id) {
-    if (id < 0) return nullptr;
-    for (int i = 0; i < kMaxVoices; i++) {
-        if (d->voices[i].active && d->voices[i].id == id) return &d->voices[i];
-    }
-    return nullptr;
-}
+gen_voice* voice_with_id(gen_data* d, int id) { return psynth_voice_find(d->voices, kMaxVoices, id); }
 
 void release_voice(gen_voice* v) {
-    if (v->active) v->stage = STAGE_RELEASE;
-}
-
-// The voice for a new note among the first `limit`: the one already holding the id, else a
-// free one from the cursor on, else a releasing one after the cursor, else the one after it.
-int choose_voice(gen_data* d, int id, int limit) {
-    if (limit == 1) return 0;
-    for (int i = 0; i < limit; i++) {
-        if (id >= 0 && d->voices[i].active && d->voices[i].id == id) return i;
-    }
-    int cursor = d->cursor % limit;
-    for (int n = 0; n < limit; n++) {
-        int i = (cursor + n) % limit;
-        if (!d->voices[i].active) return d->cursor = i;
-    }
-    for (int n = 1; n <= limit; n++) {
-        int i = (cursor + n) % limit;
-        if (d->voices[i].stage == STAGE_RELEASE) return d->cursor = i;
-    }
-    return d->cursor = (cursor + 1) % limit;
+    if (v->active) v->stage = PSYNTH_ENV_RELEASE;
 }
 
 // A free voice starts from silence at phase 0. A sounding voice taken for the note keeps its
 // phase and envelope level and attacks again from there, so that taking it never clicks.
 intptr_t note_on(const psynth_event* e, gen_data* d, psynth_net* net) {
     int limit = voice_limit(d);
-    int chosen = choose_voice(d, e->id, limit);
-    for (int i = 0; i < kMaxVoices; i++) {
-        gen_voice* other = &d->voices[i];
-        if (i != chosen && e->id >= 0 && other->active && other->id == e->id) {
-            release_voice(other);  // the id moves to the new note
-            other->id = -1;
-        }
-    }
+    int chosen = psynth_voice_choose(d->voices, limit, e->id, &d->cursor,
+                                     [](const gen_voice& v) { return v.stage == PSYNTH_ENV_RELEASE; });
+    psynth_voice_hand_over_id(d->voices, kMaxVoices, chosen, e->id, [](gen_voice& v) { release_voice(&v); });
     gen_voice* v = &d->voices[chosen];
     if (!v->active) {
         v->phase = 0;
         v->env = 0;
         v->fresh = 1;
         v->noise_seed = ((uint32_t)tarvik_random(&d->noise_seed) << 15) ^ (uint32_t)tarvik_random(&d->noise_seed);
-        v->noise_value = next_noise_value(&v->noise_seed);
+        v->noise_value = psynth_noise_next(&v->noise_seed);
     }
     v->active = 1;
-    v->stage = STAGE_ATTACK;
+    v->stage = PSYNTH_ENV_ATTACK;
     v->id = e->id;
     v->pitch = e->pitch;
-    v->step = pitch_to_phase_step(e->pitch, net->sampling_rate);
-    v->velocity = clamp_int(e->velocity, 0, kVelocityMax);
+    v->step = psynth_pitch_to_phase_step(e->pitch, net->sampling_rate);
+    v->velocity = psynth_clamp(e->velocity, 0, PSYNTH_VELOCITY_MAX);
     v->pan = kPanCentre;
     return 1;
 }
@@ -625,7 +494,7 @@ void silence_all(gen_data* d) {
 // One period of a sine in kDrawnPoints signed bytes.
 void write_default_drawn(int8_t* points) {
     for (int i = 0; i < kDrawnPoints; i++) {
-        points[i] = (int8_t)(sine_at<false>((uint32_t)i << kDrawnIndexShift) * INT8_MAX / kWaveAmp);
+        points[i] = (int8_t)(psynth_sine<false>((uint32_t)i << kDrawnIndexShift) * INT8_MAX / kWaveAmp);
     }
 }
 
@@ -706,13 +575,13 @@ intptr_t psynth_generator(int mod_num, psynth_event* event, psynth_net* net) {
         gen_voice* v = voice_with_id(d, event->id);
         if (v) {
             v->pitch = event->pitch;
-            v->step = pitch_to_phase_step(event->pitch, net->sampling_rate);
+            v->step = psynth_pitch_to_phase_step(event->pitch, net->sampling_rate);
         }
         return 1;
     }
     case PS_CMD_SET_VELOCITY: {
         gen_voice* v = voice_with_id(d, event->id);
-        if (v) v->velocity = clamp_int(event->velocity, 0, kVelocityMax);
+        if (v) v->velocity = psynth_clamp(event->velocity, 0, PSYNTH_VELOCITY_MAX);
         return 1;
     }
     case PS_CMD_NOTE_OFF: {
@@ -729,7 +598,7 @@ intptr_t psynth_generator(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_SET_LOCAL_CONTROLLER: {
         gen_voice* v = voice_with_id(d, event->id);
         if (!v || (uint16_t)event->note != CTL_PANNING) return 0;
-        v->pan = clamp_int(event->velocity >> 7, 0, kPanMax);
+        v->pan = psynth_clamp(event->velocity >> 7, 0, kPanMax);
         return 1;
     }
     case PS_CMD_CLOSE:

@@ -14,6 +14,9 @@ const psynth_handler kModuleTypes[] = {
     psynth_multisynth,
     psynth_ans,
     psynth_vorbis_player,
+    psynth_kicker,
+    psynth_drumsynth,
+    psynth_spectravoice,
     // Effects
     psynth_echo,
     psynth_delay,

@@ -31,6 +31,12 @@ constexpr int kHighPitchBase = 30720;             // table index offset for pitc
 constexpr int kHighOctaves = 40;
 constexpr uint64_t kMaxFreq = (uint64_t)1 << 40;  // far above any audible rate; keeps steps finite
 
+// psynth_pitch_to_freq gives 32 × the note's frequency in Hz (C5, pitch 15360: 16726 =
+// 32 × 522.7 Hz), so the phase step per frame is freq × 2^32 / 32 / rate.
+constexpr int kFreqPerHzShift = 5;
+constexpr int kFreqToStepShift = 32 - kFreqPerHzShift;
+constexpr uint32_t kMaxPhaseStep = 0x7FFFFFFFu;  // just below half a period
+
 }  // namespace
 
 const uint32_t* psynth_get_freq_table() {
@@ -61,4 +67,12 @@ psynth_step psynth_pitch_to_step(int pitch, int sampling_rate) {
     step.whole = (uint32_t)(f / (uint64_t)sampling_rate);
     step.frac = (uint32_t)(((f % (uint64_t)sampling_rate) * 16384 / (uint64_t)sampling_rate) * 4);
     return step;
+}
+
+uint32_t psynth_pitch_to_phase_step(int pitch, int sampling_rate) {
+    if (sampling_rate <= 0) return 0;
+    uint64_t freq = psynth_pitch_to_freq(pitch);
+    // At or above half the rate the step would be at least half a period.
+    if (freq >= ((uint64_t)sampling_rate << (kFreqPerHzShift - 1))) return kMaxPhaseStep;
+    return (uint32_t)((freq << kFreqToStepShift) / (uint64_t)sampling_rate);
 }

@@ -23,3 +23,6 @@ struct psynth_step {
 uint64_t psynth_pitch_to_freq(int pitch);
 // The step for a pitch at the net's sampling rate.
 psynth_step psynth_pitch_to_step(int pitch, int sampling_rate);
+// Phase advance per frame of an oscillator whose period is 2^32, for a pitch at the net's
+// sampling rate; held below half a period (nothing above half the sampling rate).
+uint32_t psynth_pitch_to_phase_step(int pitch, int sampling_rate);
