@@ -9,6 +9,7 @@
 #include <numbers>
 
 #include "engine/random.h"
+#include "psynth/psynth_dsp.h"
 #include "psynth/psynth_net.h"
 #include "psynth/psynth_tables.h"
 
@@ -18,12 +19,10 @@ constexpr int PSYNTH_VELOCITY_MAX = 256;  // event velocities are 0..256, 256 = 
 constexpr int PSYNTH_PAN_CENTRE = 128;
 constexpr int PSYNTH_PAN_MAX = 256;
 
-inline int psynth_clamp(int v, int lo, int hi) { return v < lo ? lo : v > hi ? hi : v; }
-
 // a + b held to the 16-bit range: voices are summed with saturation, so that a loud chord
 // flattens instead of wrapping round.
 inline psynth_sample psynth_add_saturated(psynth_sample a, int32_t b) {
-    return (psynth_sample)psynth_clamp((int32_t)a + b, INT16_MIN, INT16_MAX);
+    return psynth_saturate16((int64_t)a + b);
 }
 
 // Gains (256 = unity) of the left and right side for a panning 0..256 (128 = centre): the
