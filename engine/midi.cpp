@@ -21,6 +21,7 @@ struct device_midi_client {
 struct midi_device {
     device_midi_client* client;
     int mode;
+    int jack;  // opened through JACK MIDI
     RtMidi* rt;  // RtMidiIn or RtMidiOut built in `storage`
     alignas(RtMidiIn) unsigned char storage[sizeof(RtMidiIn) > sizeof(RtMidiOut) ? sizeof(RtMidiIn) : sizeof(RtMidiOut)];
     // Rings of received messages (input only), indices under the client mutex.
@@ -84,8 +85,18 @@ void input_callback(double delta, std::vector<unsigned char>* message, void* dat
     tarvik_mutex_unlock(&dev->client->mutex);
 }
 
+// JACK MIDI output reaches the server in its next process cycle: closing the port
+// sooner would lose the last messages (the note-offs of a removed module). Two of the
+// server's periods, known when the sound runs on JACK, else two of 4096 frames.
+void let_jack_output_drain() {
+    int period = g_snd.driver == SOUND_DRIVER_JACK && g_snd.buffer > 0 ? g_snd.buffer : SOUND_BUFFER_DEFAULT;
+    int freq = g_snd.driver == SOUND_DRIVER_JACK && g_snd.freq > 0 ? g_snd.freq : 44100;
+    tarvik_sleep_ms(2 * period * 1000 / freq + 2);
+}
+
 void destroy_device(midi_device* dev) {
     if (!dev) return;
+    if (dev->rt && dev->mode == MIDI_PORT_WRITE && dev->jack && dev->rt->isPortOpen()) let_jack_output_drain();
     if (dev->rt) {
         try {
             dev->rt->closePort();
@@ -216,6 +227,7 @@ int tarvik_midi_client_open_port(tarvik_midi_client* client, const char* port_na
         dev->rt = make_rtmidi(dev, apis[a], client->device->name);
         if (!dev->rt) continue;
         index = find_device(dev->rt, device_name);
+        dev->jack = apis[a] == RtMidi::UNIX_JACK;
         if (index >= 0) break;
         if (mode == MIDI_PORT_READ) ((RtMidiIn*)dev->rt)->~RtMidiIn();
         else ((RtMidiOut*)dev->rt)->~RtMidiOut();

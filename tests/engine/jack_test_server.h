@@ -40,7 +40,9 @@ public:
     // Starts jackd and waits (at most 20 s) until it takes clients. Returns success.
     bool start() {
         std::string period = std::to_string(period_);
-        const char* argv[] = {"jackd", "--no-realtime", "-n", name_.c_str(), "-d", "dummy", "-r", "44100",
+        // A long client time-out: a loaded machine (sanitizers, parallel tests) must not get
+        // the test's clients thrown out as zombies.
+        const char* argv[] = {"jackd", "--no-realtime", "-t", "5000", "-n", name_.c_str(), "-d", "dummy", "-r", "44100",
                               "-p", period.c_str(), nullptr};
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
