@@ -87,13 +87,16 @@ int zelfon_play_command(int argc, char** args, zelfon_song_opener open_song) {
 
     std::signal(SIGINT, on_interrupt);
     const bool tty = isatty(STDOUT_FILENO);
-    int elapsed = 0, tail = 0, result = 0;
-    while (!g_interrupted && tail < kTailMs) {
+    const tarvik_ticks start = tarvik_time_ticks();
+    const uint32_t ticks_per_ms = tarvik_time_ticks_per_second() / 1000;
+    int elapsed = 0, shown = 0, end_seen = -1, result = 0;
+    while (!g_interrupted && (end_seen < 0 || elapsed - end_seen < kTailMs)) {
         zelfon_poll_midi_keyboard(&song);
         tarvik_sleep_ms(kPollMs);
-        elapsed += kPollMs;
-        if (sound_thread_value(song.past_end)) tail += kPollMs;
-        if (elapsed % kShowEveryMs) continue;
+        elapsed = (int)((tarvik_time_ticks() - start) / ticks_per_ms);
+        if (end_seen < 0 && sound_thread_value(song.past_end)) end_seen = elapsed;
+        if (elapsed - shown < kShowEveryMs) continue;
+        shown = elapsed;
         if (!sound_stream_running()) {
             result = fail("the sound stream stopped");
             break;
@@ -109,9 +112,13 @@ int zelfon_play_command(int argc, char** args, zelfon_song_opener open_song) {
     zelfon_stop(&song);
     zelfon_detach_sound(kSongSlot);
     uint32_t underruns = sound_stream_underruns();
+    int median, p99, max;
+    sound_stream_load(&median, &p99, &max);
     sound_stream_close();
     zelfon_song_close(&song);
     printf("Played %.1f s on %d-frame buffers, %u underruns\n", elapsed / 1000.0, g_snd.buffer, underruns);
+    printf("Render share of each period: median %.1f %%, 99th percentile %.1f %%, max %.1f %%\n", median / 10.0,
+           p99 / 10.0, max / 10.0);
     return result;
 }
 

@@ -7,6 +7,7 @@
 #include <RtAudio.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <new>
 
@@ -102,10 +103,23 @@ void mix_slot(int s, sound_stream* ss) {
     }
 }
 
+// Counts the refill in the bin of the share of its period that it took.
+void account_load(int64_t ns, int frames, sound_stream* ss) {
+    if (frames <= 0 || ss->freq <= 0) return;
+    int64_t share = ns * ss->freq / ((int64_t)frames * 1000000);  // 0.1 % of the period
+    if (share > (int64_t)ss->load_max) std::atomic_ref<uint32_t>(ss->load_max).store((uint32_t)share);
+    if (share >= SOUND_LOAD_BINS) share = SOUND_LOAD_BINS - 1;
+    atomic_add(ss->load_bins[share], 1);
+}
+
 int rtaudio_callback(void* out, void* in, unsigned int frames, double stream_time, RtAudioStreamStatus status,
                      void* data) {
     if (status & RTAUDIO_OUTPUT_UNDERFLOW) atomic_add(g_snd.underruns, 1);
-    if (out) sound_stream_refill(out, (int)frames);
+    if (!out) return 0;
+    auto start = std::chrono::steady_clock::now();
+    sound_stream_refill(out, (int)frames);
+    auto ns = std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now() - start).count();
+    account_load(ns, (int)frames, &g_snd);
     return 0;
 }
 
@@ -297,6 +311,27 @@ void sound_stream_unlock() {
 
 uint32_t sound_stream_refills() { return atomic_load(g_snd.refills); }
 uint32_t sound_stream_underruns() { return atomic_load(g_snd.underruns); }
+
+void sound_stream_load(int* median, int* p99, int* max) {
+    uint64_t total = 0;
+    for (int i = 0; i < SOUND_LOAD_BINS; i++) total += atomic_load(g_snd.load_bins[i]);
+    *median = *p99 = 0;
+    *max = (int)atomic_load(g_snd.load_max);
+    if (!total) return;
+    uint64_t seen = 0;
+    bool median_found = false;
+    for (int i = 0; i < SOUND_LOAD_BINS; i++) {
+        seen += atomic_load(g_snd.load_bins[i]);
+        if (!median_found && seen * 2 >= total) {
+            *median = i;
+            median_found = true;
+        }
+        if (seen * 100 >= total * 99) {
+            *p99 = i;
+            return;
+        }
+    }
+}
 
 int sound_stream_read_scope(void* dest, int frames) {
     if (!g_snd.scope_buffer || !g_snd.scope_mutex.created || frames <= 0) return 0;

@@ -15,6 +15,7 @@ enum : int { SOUND_DRIVER_JACK = 0, SOUND_DRIVER_PULSE = 1, SOUND_DRIVER_ALSA = 
 constexpr int SOUND_SLOTS = 4;
 constexpr int SOUND_BUFFER_DEFAULT = 4096;  // frames, profile key "buffer"
 constexpr int SOUND_SCOPE_FRAMES = 8192;
+constexpr int SOUND_LOAD_BINS = 1001;  // refill time as a share of the period, in 0.1 % steps
 
 // The high 16 bits of a slot's request word; the refill applies and clears it.
 enum : uint32_t { SOUND_REQUEST_PLAY = 1u << 16, SOUND_REQUEST_STOP = 2u << 16 };
@@ -60,6 +61,10 @@ struct sound_stream {
     uint32_t refills;          // device buffers filled so far (atomic)
     uint32_t underruns;        // underruns the back end reported (atomic)
     void* device;              // back-end state, null while closed
+    // Refills counted by the share of their period they took (the last bin: 100 % and
+    // more), and the largest share, in 0.1 %. Written by the sound thread only.
+    uint32_t load_bins[SOUND_LOAD_BINS];
+    uint32_t load_max;
 };
 
 // The program's one stream.
@@ -88,6 +93,9 @@ void sound_stream_unlock();
 // Device buffers filled and underruns reported since init. Any thread.
 uint32_t sound_stream_refills();
 uint32_t sound_stream_underruns();
+// The refill's share of its period since init, in 0.1 %: median, 99th percentile and
+// maximum (0 before the first refill). Any thread; a running stream gives a near snapshot.
+void sound_stream_load(int* median, int* p99, int* max);
 // Copies the latest `frames` (≤ SOUND_SCOPE_FRAMES) frames of output into `dest`
 // (stream type and channels), oldest first. Returns the frames copied. Takes the scope mutex.
 int sound_stream_read_scope(void* dest, int frames);
