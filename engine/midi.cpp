@@ -85,18 +85,20 @@ void input_callback(double delta, std::vector<unsigned char>* message, void* dat
     tarvik_mutex_unlock(&dev->client->mutex);
 }
 
-// JACK MIDI output reaches the server in its next process cycle: closing the port
-// sooner would lose the last messages (the note-offs of a removed module). Two of the
-// server's periods, known when the sound runs on JACK, else two of 4096 frames.
-void let_jack_output_drain() {
-    int period = g_snd.driver == SOUND_DRIVER_JACK && g_snd.buffer > 0 ? g_snd.buffer : SOUND_BUFFER_DEFAULT;
-    int freq = g_snd.driver == SOUND_DRIVER_JACK && g_snd.freq > 0 ? g_snd.freq : 44100;
-    tarvik_sleep_ms(2 * period * 1000 / freq + 2);
+// JACK moves MIDI between connected ports once per process cycle, and a new connection
+// takes effect in a later cycle: messages sent right after opening a port, or queued
+// just before closing it (the note-offs of a removed module), would be lost. Waiting two
+// of the server's periods covers both: the sound stream's buffer when it runs on JACK
+// (the buffer is the period), else 100 ms.
+void let_jack_cycles_pass() {
+    constexpr int kUnknownPeriodMs = 100;
+    bool known = g_snd.driver == SOUND_DRIVER_JACK && g_snd.buffer > 0 && g_snd.freq > 0;
+    tarvik_sleep_ms(known ? 2 * g_snd.buffer * 1000 / g_snd.freq + 2 : kUnknownPeriodMs);
 }
 
 void destroy_device(midi_device* dev) {
     if (!dev) return;
-    if (dev->rt && dev->mode == MIDI_PORT_WRITE && dev->jack && dev->rt->isPortOpen()) let_jack_output_drain();
+    if (dev->rt && dev->mode == MIDI_PORT_WRITE && dev->jack && dev->rt->isPortOpen()) let_jack_cycles_pass();
     if (dev->rt) {
         try {
             dev->rt->closePort();
@@ -257,6 +259,7 @@ int tarvik_midi_client_open_port(tarvik_midi_client* client, const char* port_na
         destroy_device(dev);
         return -1;
     }
+    if (dev->jack) let_jack_cycles_pass();  // so that the bank and program sent next arrive
     tarvik_mutex_lock(&client->device->mutex);
     int port = add_port_entry(client, dev);
     tarvik_mutex_unlock(&client->device->mutex);

@@ -124,18 +124,21 @@ TEST_F(SongDevicesTest, KeyboardParserKeepsRunningStatusAndFullVelocity) {
     EXPECT_EQ(events_of(mod, PS_CMD_NOTE_OFF).size(), 2u);
 }
 
-TEST_F(SongDevicesTest, ModuleMidiOutSendsNotesControllersAndReleasesOnRemoval) {
+TEST_F(SongDevicesTest, ModuleMidiOutSendsProgramNotesControllersAndReleasesOnRemoval) {
     MidiSink sink("zsink");
     int mod = add_logger();
     ASSERT_EQ(psynth_open_midi_out(mod, "zsink:in", 3, song.net), 0);
     ASSERT_GE(song.net->modules[mod].midi_out_port, 0);
+    psynth_set_midi_prog(mod, 300, 5, song.net);  // bank 300 = MSB 2, LSB 44
+    std::vector<unsigned char> expected = {0xB3, 0, 2, 0xB3, 0x20, 44, 0xC3, 5};
+    ASSERT_TRUE(wait_until([&] { return sink.taken().size() >= expected.size(); })) << hex(sink.taken());
     zelfon_attach_sound(0, &song);
     // Cell note 61 is semitone 60 (MIDI 72); velocity byte 101 is 200 in the net (MIDI 100).
     zelfon_cell note = {61, 101, (uint16_t)(mod + 1), 0, 0, 0};
     zelfon_cell controller = {0, 0, (uint16_t)(mod + 1), 0, 135, 0x4A80};  // MIDI controller 7
     ASSERT_EQ(zelfon_send_live_cell(&note, 0, &song), 0);
     ASSERT_EQ(zelfon_send_live_cell(&controller, 1, &song), 0);
-    std::vector<unsigned char> expected = {0x93, 72, 100, 0xB3, 7, 0x4A, 0xB3, 39, 0x40};
+    expected.insert(expected.end(), {0x93, 72, 100, 0xB3, 7, 0x4A, 0xB3, 39, 0x40});
     ASSERT_TRUE(wait_until([&] { return sink.taken().size() >= expected.size(); })) << hex(sink.taken());
     EXPECT_EQ(sink.taken(), expected);
     zelfon_cell off = {ZELFON_NOTE_OFF, 0, (uint16_t)(mod + 1), 0, 0, 0};
