@@ -21,6 +21,8 @@ namespace {
 
 constexpr int kFrac = 15;  // out_time: one buffer's duration in 15-bit fixed point
 constexpr int kInt16Max = 32767;
+constexpr int kOpenAttempts = 3;
+constexpr int kOpenRetryMs = 50;
 const char* const kDriverNames[SOUND_DRIVERS] = {"JACK", "PULSE", "ALSA"};
 const char* const kDriverKeys[SOUND_DRIVERS] = {"jack", "pulse", "alsa"};
 const RtAudio::Api kDriverApis[SOUND_DRIVERS] = {RtAudio::UNIX_JACK, RtAudio::LINUX_PULSE, RtAudio::LINUX_ALSA};
@@ -177,8 +179,18 @@ int open_driver(int driver, sound_stream* ss) {
         options.priority = 90;
         unsigned int frames = (unsigned int)ss->buffer;
         RtAudioFormat format = (ss->type & SOUND_TYPE_INT16) ? RTAUDIO_SINT16 : RTAUDIO_FLOAT32;
-        dev->audio->openStream(&params, nullptr, format, (unsigned int)ss->freq, &frames, rtaudio_callback, nullptr,
-                               &options, rtaudio_error);
+        // RtAudio's JACK back end counts the devices again with a client of its own, which
+        // a busy server sometimes refuses: the device then looks missing for a moment.
+        for (int attempt = 1;; attempt++) {
+            try {
+                dev->audio->openStream(&params, nullptr, format, (unsigned int)ss->freq, &frames, rtaudio_callback,
+                                       nullptr, &options, rtaudio_error);
+                break;
+            } catch (const RtAudioError& e) {
+                if (attempt == kOpenAttempts || e.getType() != RtAudioError::INVALID_USE) throw;
+                tarvik_sleep_ms(kOpenRetryMs);
+            }
+        }
         if ((int)frames != ss->buffer) {
             tarvik_log("SOUND: %s buffer: %u frames (asked for %d)\n", kDriverNames[driver], frames, ss->buffer);
             ss->buffer = (int)frames;

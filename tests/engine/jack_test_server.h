@@ -1,13 +1,20 @@
-// A private JACK server for the device tests: jackd with the dummy driver under a name
-// unique to this test process (so parallel test programs never share one), started on
-// demand and stopped after. JACK_DEFAULT_SERVER points every JACK client of the process at it.
+// A private JACK server for the device tests: jackd with the dummy driver, started on
+// demand and stopped after; JACK_DEFAULT_SERVER points every JACK client of the process at it.
+//
+// JACK servers of one user share a registry and shared-memory segments, and a server
+// starting or stopping next to another one running can pull the segments from under the
+// other's clients. So the test programs that use JACK take turns: each holds a lock file
+// for its life and is alone with its server meanwhile (ctest's other programs still run
+// beside it). One fixed name lets a server that died without unregistering be replaced
+// by the next one, and the server is told to stop when its test process dies.
 #pragma once
 
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <jack/jack.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/file.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -15,8 +22,6 @@
 #include <functional>
 #include <string>
 #include <thread>
-
-extern char** environ;
 
 // Polls `done` every millisecond until it holds or `seconds` pass. Returns whether it held.
 inline bool wait_until(const std::function<bool()>& done, double seconds = 10.0) {
@@ -31,11 +36,14 @@ inline bool wait_until(const std::function<bool()>& done, double seconds = 10.0)
 class JackTestServer {
 public:
     explicit JackTestServer(int period = 256) : period_(period) {
-        name_ = "zelfon_test_" + std::to_string(getpid());
+        wait_until([this] { return take_turn(); }, 600.0);
         setenv("JACK_DEFAULT_SERVER", name_.c_str(), 1);
         setenv("JACK_NO_AUDIO_RESERVATION", "1", 1);
     }
-    ~JackTestServer() { stop(); }
+    ~JackTestServer() {
+        stop();
+        if (lock_fd_ >= 0) close(lock_fd_);
+    }
 
     // Starts jackd and waits (at most 20 s) until it takes clients. Returns success.
     bool start() {
@@ -44,16 +52,20 @@ public:
         // the test's clients thrown out as zombies.
         const char* argv[] = {"jackd", "--no-realtime", "-t", "5000", "-n", name_.c_str(), "-d", "dummy", "-r", "44100",
                               "-p", period.c_str(), nullptr};
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-        posix_spawn_file_actions_addopen(&actions, 2, "/dev/null", O_WRONLY, 0);
-        int rc = posix_spawnp(&pid_, "jackd", &actions, nullptr, (char* const*)argv, environ);
-        posix_spawn_file_actions_destroy(&actions);
-        if (rc != 0) {
-            pid_ = -1;
-            return false;
+        if (name_.empty()) return false;
+        pid_t parent = getpid();
+        pid_ = fork();
+        if (pid_ == 0) {
+            // A test process that dies (a crash, a time-out) takes its server with it.
+            prctl(PR_SET_PDEATHSIG, SIGTERM);
+            if (getppid() != parent) _exit(1);
+            int log_fd = open(log_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+            dup2(log_fd, 1);
+            dup2(log_fd, 2);
+            execvp("jackd", (char* const*)argv);
+            _exit(127);
         }
+        if (pid_ < 0) return false;
         return wait_until([this] { return accepts_clients(); }, 20.0) && pid_ > 0;
     }
 
@@ -74,15 +86,33 @@ public:
         }
         jack_client_t* c = jack_client_open("zelfon_probe", JackNoStartServer, nullptr);
         if (!c) return false;
+        // Ready once the dummy driver's playback ports exist, which the sound stream opens on.
+        bool ready = jack_port_by_name(c, "system:playback_2") != nullptr;
         jack_client_close(c);
-        return true;
+        return ready;
     }
 
     bool running() const { return pid_ > 0; }
     const std::string& name() const { return name_; }
 
 private:
+    // Takes the lock that JACK test programs hold in turn. False while another holds it.
+    bool take_turn() {
+        int fd = open("/tmp/zelfon_jack_test.lock", O_CREAT | O_RDWR | O_CLOEXEC, 0666);
+        if (fd < 0) return false;
+        if (flock(fd, LOCK_EX | LOCK_NB) == 0) {
+            lock_fd_ = fd;
+            name_ = "zelfon_test";
+            log_path_ = "/tmp/zelfon_jack_test.log";
+            return true;
+        }
+        close(fd);
+        return false;
+    }
+
     std::string name_;
+    std::string log_path_;  // the server's own messages
     int period_;
+    int lock_fd_ = -1;
     pid_t pid_ = -1;
 };
