@@ -4,6 +4,7 @@
 #include "engine/midi.h"
 
 #include <RtMidi.h>
+#include <jack/jack.h>
 
 #include <cstring>
 #include <new>
@@ -111,8 +112,18 @@ void destroy_device(midi_device* dev) {
     mem_free(dev);
 }
 
+// RtMidi's JACK objects leak their ring buffer when no server answers, so the server
+// is asked first.
+bool jack_server_answers() {
+    jack_client_t* probe = jack_client_open("zelfon_midi_probe", JackNoStartServer, nullptr);
+    if (!probe) return false;
+    jack_client_close(probe);
+    return true;
+}
+
 // Builds the RtMidi object of `api` for the mode. Returns null when the API cannot serve.
 RtMidi* make_rtmidi(midi_device* dev, RtMidi::Api api, const char* client_name) {
+    if (api == RtMidi::UNIX_JACK && !jack_server_answers()) return nullptr;
     try {
         RtMidi* rt;
         RtMidi::Api got;
