@@ -114,11 +114,12 @@ int zelfon_play_command(int argc, char** args, zelfon_song_opener open_song) {
     uint32_t underruns = sound_stream_underruns();
     int median, p99, max;
     sound_stream_load(&median, &p99, &max);
+    uint32_t over_budget = g_snd.load_bins[SOUND_LOAD_BINS - 1];
     sound_stream_close();
     zelfon_song_close(&song);
     printf("Played %.1f s on %d-frame buffers, %u underruns\n", elapsed / 1000.0, g_snd.buffer, underruns);
-    printf("Render share of each period: median %.1f %%, 99th percentile %.1f %%, max %.1f %%\n", median / 10.0,
-           p99 / 10.0, max / 10.0);
+    printf("Render share of each period: median %.1f %%, 99th percentile %.1f %%, max %.1f %%, over 100 %%: %u\n",
+           median / 10.0, p99 / 10.0, max / 10.0, over_budget);
     return result;
 }
 

@@ -23,3 +23,6 @@ jack_wait -w -t 20 -s "$name" >/dev/null 2>&1
 echo "JACK dummy server, 44100 Hz, $period-frame periods ($rt); playing $seconds s"
 (cd "$work" && timeout -s INT "$seconds" "$OLDPWD/$build/zelfon" play dense.zelfon --buffer "$period" </dev/null) |
     grep -E "^(Played|Render share|zelfon)"
+# The dummy driver's own late wake-ups (the host's scheduling, not the render): each one
+# is an underrun for every client.
+echo "Server-side late wake-ups: $(grep -c "JackTimedDriver::Process XRun" "$work/jackd.log" || true)"

@@ -91,6 +91,7 @@ void mix_slot(int s, sound_stream* ss) {
     sound_slot* slot = &ss->slots[s];
     const int fb = frame_bytes(ss);
     slot->scope_count = 0;
+    if (!ss->temp_buffer || ss->temp_frames <= 0) return;
     for (int pos = 0; pos < ss->frames; pos += ss->temp_frames) {
         int n = ss->frames - pos;
         if (n > ss->temp_frames) n = ss->temp_frames;
@@ -375,11 +376,10 @@ void sound_stream_refill(void* out, int frames) {
             sound_slot* slot = &ss->slots[s];
             apply_request(slot);
             if (!slot->callback || !slot->enabled) continue;
-            if (wrote && ss->temp_buffer) {
-                mix_slot(s, ss);
+            if (wrote) {
+                mix_slot(s, ss);  // later slots are added to what the first one wrote
                 continue;
             }
-            if (wrote) continue;
             slot->in = nullptr;
             slot->out = out;
             slot->frames = frames;
