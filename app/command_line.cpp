@@ -1,6 +1,7 @@
-// Command-line jobs: "export", "export-midi", "info", "demo", "sample-info" and "module". A
-// missing SONG argument means the bundled demo song. Outputs are written beside their target
-// and renamed into place by the savers, so a failed job never leaves a half-written file.
+// Command-line jobs: "export", "export-midi", "info", "demo", "sample-info" and "module"
+// (and the real-time "play" and "devices" of app/realtime.cpp). A missing SONG argument
+// means the bundled demo song. Outputs are written beside their target and renamed into
+// place by the savers, so a failed job never leaves a half-written file.
 #include "app/command_line.h"
 
 #include <cstdio>
@@ -9,6 +10,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "app/realtime.h"
 #include "engine/profile.h"
 #include "psynth/psynth_dsp.h"
 #include "psynth/psynth_modules.h"
@@ -32,6 +34,8 @@ const char* const kUsage =
     "  demo OUT.zelfon\n"
     "  sample-info FILE [--raw float32|int16|int8|uint8] [--channels 1|2]\n"
     "  module vorbis IN.ogg OUT.zelfon   (a song that plays the file once on a Vorbis player)\n"
+    "  play [SONG] [--driver jack|pulse|alsa] [--device N] [--buffer FRAMES] [--rate HZ]\n"
+    "  devices\n"
     "Without SONG the bundled demo song is used; without COMMAND the demo is exported to zelfon_demo.wav.\n";
 
 int fail(const std::string& message) {
@@ -289,6 +293,8 @@ int zelfon_command_line(int argc, char** argv) {
         fputs(kUsage, stdout);
         return 0;
     }
+    if (!strcmp(command, "play")) return zelfon_play_command(argc - 2, argv + 2, open_song);
+    if (!strcmp(command, "devices")) return zelfon_devices_command();
     options o = parse_options(argc, argv, 2);
     if (!o.error.empty()) return fail(o.error);
     if (!strcmp(command, "export")) return export_wav(o);

@@ -14,6 +14,7 @@
 #include "engine/file.h"
 #include "engine/log.h"
 #include "engine/memory.h"
+#include "engine/sound.h"
 #include "song/playback.h"
 
 static_assert(std::endian::native == std::endian::little, "WAV data is written as the host stores it");
@@ -257,16 +258,8 @@ static bool wav_arguments_valid(const char* path, int format, int mode, const ze
     return true;
 }
 
-int zelfon_export_to_wav(const char* path, int format, int mode, zelfon_export_progress progress,
-                         void* callback_data, zelfon_song* song) {
-    if (!wav_arguments_valid(path, format, mode, song)) {
-        tarvik_log("zelfon_export_to_wav(): bad arguments (format %d, mode %d, path %s)\n", format, mode,
-                   path ? path : "(none)");
-        return ZELFON_EXPORT_BAD_ARGUMENT;
-    }
-    g_abort_song.store(nullptr);
-    zelfon_stop(song);
-
+static int export_stopped_song(const char* path, int format, int mode, zelfon_export_progress progress,
+                               void* callback_data, zelfon_song* song) {
     psynth_net* net = song->net;
     int64_t total = zelfon_get_song_length_frames(net->sampling_rate, song);
     if (total < 0) {
@@ -581,6 +574,23 @@ static void write_track(export_file* f, midi_track* t, int64_t end_tick) {
     head[7] = (uint8_t)t->size;
     export_file_write(f, head, sizeof(head));
     export_file_write(f, t->data, t->size);
+}
+
+int zelfon_export_to_wav(const char* path, int format, int mode, zelfon_export_progress progress,
+                         void* callback_data, zelfon_song* song) {
+    if (!wav_arguments_valid(path, format, mode, song)) {
+        tarvik_log("zelfon_export_to_wav(): bad arguments (format %d, mode %d, path %s)\n", format, mode,
+                   path ? path : "(none)");
+        return ZELFON_EXPORT_BAD_ARGUMENT;
+    }
+    g_abort_song.store(nullptr);
+    zelfon_stop(song);
+    // The export renders on this thread: the sound stream's slots stay off the song
+    // (the device plays silence) until it ends.
+    sound_stream_lock();
+    int code = export_stopped_song(path, format, mode, progress, callback_data, song);
+    sound_stream_unlock();
+    return code;
 }
 
 int zelfon_export_to_midi(const char* path, zelfon_song* song) {

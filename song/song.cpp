@@ -4,6 +4,7 @@
 #include <new>
 
 #include "engine/memory.h"
+#include "song/devices.h"
 #include "song/song.h"
 
 bool zelfon_cell_is_empty(const zelfon_cell* cell) {
@@ -18,6 +19,7 @@ int zelfon_song_init(int psynth_flags, int sampling_rate, zelfon_song* song) {
     song->speed = ZELFON_SPEED_DEFAULT;
     song->lines_per_beat = 4;
     song->midi_kbd_module = -1;
+    song->midi_kbd_port = -1;
     song->looped_pattern = -1;
     song->next_looped_pattern = -1;
     song->playing_pats[0] = -1;
@@ -47,6 +49,7 @@ int zelfon_song_init(int psynth_flags, int sampling_rate, zelfon_song* song) {
         zelfon_song_close(song);
         return 1;
     }
+    zelfon_open_midi_keyboard(song);
     song->loaded = 1;
     return 0;
 }

@@ -140,6 +140,13 @@ struct zelfon_midi_event_ring {
     std::atomic<int> read;
 };
 
+// Running-status parser of the MIDI keyboard's raw bytes (interface thread).
+struct zelfon_midi_parser {
+    uint8_t status;  // running status, 0 = none
+    uint8_t data[2];
+    uint8_t count;   // data bytes gathered for `status`
+};
+
 struct zelfon_song {
     char* name;  // owned, null until set
     uint16_t bpm;
@@ -168,7 +175,9 @@ struct zelfon_song {
     int icons_count;
 
     int midi_kbd_module;
-    int midi_kbd_channel;
+    int midi_kbd_channel;  // 1-based
+    int midi_kbd_port;     // "Keyboard" port of the net's MIDI client, −1 = closed
+    zelfon_midi_parser midi_kbd_parser;
 
     // Transport (sound thread unless noted; the play functions write the start fields
     // before posting the play command).

@@ -12,7 +12,9 @@
 #include "engine/file.h"
 #include "engine/log.h"
 #include "engine/memory.h"
+#include "engine/sound.h"
 #include "song/chunks.h"
+#include "song/devices.h"
 #include "song/module_file.h"
 #include "song/playback.h"
 
@@ -355,6 +357,7 @@ static void reset_song(zelfon_song* song) {
     int rate = song->net->sampling_rate;
     psynth_close(song->net);
     psynth_init(0, rate, song->bpm, song->speed, song->net);
+    zelfon_open_midi_keyboard(song);  // the new net has a new MIDI client
     song->editor_pats_count = 0;
     song->current_pattern = 0;
     song->looped_pattern = -1;
@@ -419,7 +422,7 @@ static void finish_song(zelfon_song* song) {
     zelfon_sort_patterns(song);
 }
 
-int zelfon_load_song(const char* path, zelfon_song* song) {
+static int load_song(const char* path, zelfon_song* song) {
     int fd = v3_open(path, "rb");
     if (!fd) {
         tarvik_log("Can't open file %s\n", path);
@@ -457,5 +460,15 @@ int zelfon_load_song(const char* path, zelfon_song* song) {
     finish_song(song);
     if (code) tarvik_log("zelfon_load_song() error %d\n", code);
     song->loaded = 1;
+    return code;
+}
+
+int zelfon_load_song(const char* path, zelfon_song* song) {
+    // Stopping needs the render thread; then the sound stream's slots are held off the
+    // song (the device plays silence) while its net is rebuilt.
+    if (song->playing) zelfon_stop(song);
+    sound_stream_lock();
+    int code = load_song(path, song);
+    sound_stream_unlock();
     return code;
 }

@@ -4,7 +4,7 @@ set -e
 # Build tools and test libraries; the sound, MIDI, Ogg Vorbis and JPEG libraries; the JACK
 # server the sound tests start, and the independent tools that write the test sample files.
 PACKAGES="g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-dev python3 python3-mido
-  librtaudio-dev librtmidi-dev libvorbisidec-dev libjpeg62-turbo-dev
+  librtaudio-dev librtmidi-dev libjack-jackd2-dev libvorbisidec-dev libjpeg62-turbo-dev
   jackd2 sox libjpeg-turbo-progs vorbis-tools"
 missing=""
 for p in $PACKAGES; do

@@ -89,6 +89,8 @@ TEST_F(CommandLineTest, ErrorsExitNonZeroAndLeaveNothingBehind) {
     EXPECT_NE(run({"export", path("out.wav"), "--mode", "sideways"}), 0);
     EXPECT_NE(run({"export", path("out.wav"), "--rate"}), 0);
     EXPECT_NE(run({"frobnicate"}), 0);
+    EXPECT_NE(run({"play", "--driver", "asio"}), 0);
+    EXPECT_NE(run({"play", "--buffer", "0"}), 0);
     EXPECT_EQ(run({"--help"}), 0);
     for (const auto& entry : fs::directory_iterator(dir)) {
         std::string name = entry.path().filename().string();
