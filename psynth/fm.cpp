@@ -38,7 +38,7 @@
 #include "psynth/psynth_dsp.h"
 #include "psynth/psynth_modules.h"
 #include "psynth/psynth_tables.h"
-#include "psynth/voice_choice.h"
+#include "psynth/psynth_voices.h"
 
 namespace {
 
@@ -489,13 +489,13 @@ intptr_t psynth_fm(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_RENDER_REPLACE: return render(mod_num, d, net);
     case PS_CMD_NOTE_ON: return note_on(d, event);
     case PS_CMD_SET_FREQ: {
-        int vi = d->idle ? -1 : psynth_find_voice(d->voices, polyphony(d), event->id);
-        if (vi >= 0) d->voices[vi].step = step_for_pitch(event->pitch);
+        fm_voice* v = d->idle ? nullptr : psynth_voice_find(d->voices, polyphony(d), event->id);
+        if (v) v->step = step_for_pitch(event->pitch);
         return 1;
     }
     case PS_CMD_SET_VELOCITY: {
-        int vi = d->idle ? -1 : psynth_find_voice(d->voices, polyphony(d), event->id);
-        if (vi >= 0) d->voices[vi].velocity = event->velocity;
+        fm_voice* v = d->idle ? nullptr : psynth_voice_find(d->voices, polyphony(d), event->id);
+        if (v) v->velocity = event->velocity;
         return 1;
     }
     case PS_CMD_NOTE_OFF:

@@ -1,6 +1,7 @@
-// Building blocks of the synthesizer modules (Generator, Kicker, DrumSynth, SpectraVoice):
-// the choice of a voice for a new note, the attack/release envelope, the sine table, the
-// oscillator phase step, the drums' falling pitch sweep, noise and saturating mixing.
+// Building blocks of the synthesizer modules (Generator, Kicker, DrumSynth, SpectraVoice;
+// the Sampler and FM take their voice choice from here too): the choice of a voice for a
+// new note, the attack/release envelope, the sine table, the oscillator phase step, the
+// drums' falling pitch sweep, noise and saturating mixing.
 // Everything here is inline and allocation-free, for the render thread.
 #pragma once
 
@@ -160,6 +161,9 @@ inline int32_t psynth_env_curved(int32_t level) {
 
 // ---- Voices ----
 // A voice record has at least `active` and `id` (the event id that owns it, −1 = none).
+// Finding the voice a later event addresses is the same for every instrument; giving a
+// new note its voice follows one of two rules: the Sampler's (also the FM's) and the
+// Generator's (also the Kicker's, DrumSynth's and SpectraVoice's).
 
 // The active voice among the first `count` that owns `id`, or null (also for id < 0).
 template <class V>
@@ -171,15 +175,37 @@ V* psynth_voice_find(V* voices, int count, int id) {
     return nullptr;
 }
 
-// The voice for a new note among the first `limit`: the one already holding the id, else a
-// free one from the cursor on, else one after the cursor for which `releasing` holds, else
-// the one after the cursor (stolen). The cursor follows the choice.
+// The Sampler's rule (voice records also have `key_held`): the voice a NOTE_ON takes.
+// While the module is idle (nothing sounded since INIT or CLEAN) it is voice 0. Otherwise
+// any of the `total` voices still carrying `id` is released and detached (it sounds on
+// through its release), and the first inactive voice among the first `polyphony`,
+// searched upward from the cursor with wrap-around, is taken; when all of them sound, the
+// one after the cursor is stolen. The cursor follows the chosen voice. Sound thread.
+template <class V>
+int psynth_take_voice(V* voices, int total, int polyphony, int id, bool idle, int* cursor) {
+    if (idle) return *cursor = 0;
+    if (id != -1) {
+        for (int i = 0; i < total; i++) {
+            if (voices[i].id != id) continue;
+            voices[i].key_held = 0;
+            voices[i].id = -1;
+        }
+    }
+    for (int j = 0; j < polyphony; j++) {
+        int i = (*cursor + j) % polyphony;
+        if (!voices[i].active) return *cursor = i;
+    }
+    return *cursor = (*cursor + 1) % polyphony;
+}
+
+// The Generator's rule: the voice for a new note among the first `limit`: the one already
+// holding the id, else a free one from the cursor on, else one after the cursor for which
+// `releasing` holds, else the one after the cursor (stolen). The cursor follows the choice.
+// Pair it with psynth_voice_hand_over_id.
 template <class V, class R>
 int psynth_voice_choose(V* voices, int limit, int id, int* cursor, R releasing) {
     if (limit <= 1) return 0;
-    for (int i = 0; i < limit; i++) {
-        if (id >= 0 && voices[i].active && voices[i].id == id) return i;
-    }
+    if (V* held = psynth_voice_find(voices, limit, id)) return (int)(held - voices);
     int start = *cursor % limit;
     for (int n = 0; n < limit; n++) {
         int i = (start + n) % limit;
@@ -192,8 +218,8 @@ int psynth_voice_choose(V* voices, int limit, int id, int* cursor, R releasing) 
     return *cursor = (start + 1) % limit;
 }
 
-// The id of a new note moves to voice `chosen`: any other voice among the `count` holding it
-// is released (through `release`) and forgets it.
+// The Generator's rule, second step: the id of a new note moves to voice `chosen`: any
+// other voice among the `count` holding it is released (through `release`) and forgets it.
 template <class V, class F>
 void psynth_voice_hand_over_id(V* voices, int count, int chosen, int id, F release) {
     if (id < 0) return;

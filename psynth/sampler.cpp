@@ -12,7 +12,7 @@
 #include "psynth/psynth_dsp.h"
 #include "psynth/psynth_modules.h"
 #include "psynth/psynth_tables.h"
-#include "psynth/voice_choice.h"
+#include "psynth/psynth_voices.h"
 
 namespace {
 
@@ -190,8 +190,8 @@ int format_bytes(int format) {
          : format == PSYNTH_SAMPLER_FORMAT_FLOAT32 ? 4 : 0;
 }
 
-// The voice among the first Polyphony voices that carries `id`; −1 when none.
-int find_voice(const sampler_data* d, int id) { return psynth_find_voice(d->voices, polyphony(d), id); }
+// The voice among the first Polyphony voices that carries `id`; null when none.
+sampler_voice* find_voice(sampler_data* d, int id) { return psynth_voice_find(d->voices, polyphony(d), id); }
 
 int64_t step_for_pitch(int pitch, int rate) {
     psynth_step s = psynth_pitch_to_step(pitch, rate);
@@ -776,9 +776,8 @@ intptr_t note_on(int mod_num, sampler_data* d, const psynth_event* ev, psynth_ne
 
 // SET_SAMPLE_OFFSET (frame in pitch) and SET_SAMPLE_OFFSET2 (0..32768 of the length in velocity).
 intptr_t set_sample_offset(int mod_num, sampler_data* d, const psynth_event* ev, psynth_net* net) {
-    int vi = find_voice(d, ev->id);
-    if (vi < 0 || tarvik_mutex_trylock(&d->mutex)) return 0;
-    sampler_voice* v = &d->voices[vi];
+    sampler_voice* v = find_voice(d, ev->id);
+    if (!v || tarvik_mutex_trylock(&d->mutex)) return 0;
     const psynth_sampler_sample* h = header_chunk(mod_num, v->sample, net);
     int64_t length = h ? h->length : 0;
     tarvik_mutex_unlock(&d->mutex);
@@ -790,10 +789,10 @@ intptr_t set_sample_offset(int mod_num, sampler_data* d, const psynth_event* ev,
 }
 
 intptr_t set_local_controller(sampler_data* d, const psynth_event* ev) {
-    int vi = find_voice(d, ev->id);
-    if (vi < 0 || ev->note != PSYNTH_SAMPLER_LOCAL_CTL_PAN) return 0;
+    sampler_voice* v = find_voice(d, ev->id);
+    if (!v || ev->note != PSYNTH_SAMPLER_LOCAL_CTL_PAN) return 0;
     int value = ev->velocity > PSYNTH_CTL_MAX_VALUE ? PSYNTH_CTL_MAX_VALUE : ev->velocity;
-    d->voices[vi].local_pan = (int16_t)(value >> kLocalPanBits);
+    v->local_pan = (int16_t)(value >> kLocalPanBits);
     return 1;
 }
 
@@ -961,9 +960,7 @@ intptr_t psynth_sampler(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_NOTE_ON: return note_on(mod_num, d, event, net);
     case PS_CMD_SET_FREQ: {
         if (d->idle) return 0;
-        int vi = find_voice(d, event->id);
-        if (vi >= 0) {
-            sampler_voice* v = &d->voices[vi];
+        if (sampler_voice* v = find_voice(d, event->id)) {
             v->pitch = event->pitch - v->pitch_offset;
             v->step = step_for_pitch(v->pitch, net->sampling_rate);  // vibrato joins at the next tick
         }
@@ -971,8 +968,7 @@ intptr_t psynth_sampler(int mod_num, psynth_event* event, psynth_net* net) {
     }
     case PS_CMD_SET_VELOCITY: {
         if (d->idle) return 0;
-        int vi = find_voice(d, event->id);
-        if (vi >= 0) d->voices[vi].velocity = event->velocity;
+        if (sampler_voice* v = find_voice(d, event->id)) v->velocity = event->velocity;
         return 1;
     }
     case PS_CMD_SET_SAMPLE_OFFSET:
