@@ -5,40 +5,14 @@
 
 #include <vector>
 
-#include "engine/file.h"
 #include "psynth/psynth_modules.h"
-#include "song/song_file.h"
 #include "song_test_util.h"
 
 namespace {
 
 enum : int { VOLUME, BASE_NOTE, BASE_FREQ, OCTAVES, TICKS_PER_PIXEL, POLYPHONY };
 
-std::vector<uint8_t> file_bytes(const char* path) {
-    std::vector<uint8_t> out;
-    int fd = v3_open(path, "rb");
-    if (!fd) return out;
-    uint8_t buf[4096];
-    size_t n;
-    while ((n = v3_read(buf, 1, sizeof(buf), fd)) > 0) out.insert(out.end(), buf, buf + n);
-    v3_close(fd);
-    return out;
-}
-
-class SongAnsTest : public SongFixture {
-public:
-    int add(psynth_handler handler) {
-        int mod = psynth_add_synth(-1, handler, nullptr, 0, 10, 20, song.bpm, song.speed, song.net);
-        EXPECT_GE(mod, 0);
-        psynth_do_command(mod, PS_CMD_SETUP_FINISHED, song.net);
-        return mod;
-    }
-    int& ctl(int mod, int n) { return *song.net->modules[mod].ctls[n].value; }
-    std::vector<uint8_t> save(const char* path) {
-        EXPECT_EQ(zelfon_save_song(path, ZELFON_VERSION_MAJOR, ZELFON_VERSION_MINOR, &song), 0);
-        return file_bytes(path);
-    }
-};
+class SongAnsTest : public SongFixture {};
 
 TEST_F(SongAnsTest, AnswersItsQuestionsAndRegistersItsControllers) {
     psynth_event e = {};
@@ -51,7 +25,7 @@ TEST_F(SongAnsTest, AnswersItsQuestionsAndRegistersItsControllers) {
     EXPECT_EQ(ask(PS_CMD_GET_OUTPUTS_NUM), 2);
     EXPECT_EQ(ask(PS_CMD_GET_INPUTS_NUM), 0);
 
-    int ans = add(psynth_ans);
+    int ans = add_module(psynth_ans);
     const psynth_module& m = song.net->modules[ans];
     ASSERT_EQ(m.ctls_count, 6);
     const char* names[6] = {"Volume", "Base note", "Base freq", "Octaves", "Ticks per pixel", "Polyphony"};
@@ -95,9 +69,9 @@ TEST_F(SongAnsTest, StaysSilentWhenPlayedAtAnyRate) {
 }
 
 TEST_F(SongAnsTest, SongKeepsItsControllerValuesThroughSaveAndLoad) {
-    int ans = add(psynth_ans);
-    int ms = add(psynth_multisynth);
-    int fm = add(psynth_fm);
+    int ans = add_module(psynth_ans);
+    int ms = add_module(psynth_multisynth);
+    int fm = add_module(psynth_fm);
     psynth_make_link(0, ans, song.net);
     psynth_make_link(0, fm, song.net);
     psynth_make_link(fm, ms, song.net);
@@ -107,10 +81,7 @@ TEST_F(SongAnsTest, SongKeepsItsControllerValuesThroughSaveAndLoad) {
     ctl(fm, 16) = 3;
     ctl(fm, 5) = 77;
 
-    std::vector<uint8_t> first = save("3:/ans.zelfon");
-    ASSERT_FALSE(first.empty());
-    ASSERT_EQ(zelfon_load_song("3:/ans.zelfon", &song), 0);
-    EXPECT_EQ(save("3:/ans_again.zelfon"), first);
+    save_load_save("3:/ans.zelfon");
     ASSERT_EQ(song.net->modules[ans].handler, psynth_ans);
     ASSERT_EQ(song.net->modules[ms].handler, psynth_multisynth);
     ASSERT_EQ(song.net->modules[fm].handler, psynth_fm);

@@ -3,25 +3,12 @@
 // values outside the ranges, as a damaged file may hold, render without harm.
 #include <vector>
 
-#include "engine/file.h"
 #include "psynth/psynth_modules.h"
-#include "song/song_file.h"
 #include "song_test_util.h"
 
 namespace {
 
 class ModulationEffectsSongTest : public SongFixture {};
-
-std::vector<uint8_t> file_bytes(const char* path) {
-    std::vector<uint8_t> out;
-    int fd = v3_open(path, "rb");
-    if (!fd) return out;
-    uint8_t buf[4096];
-    size_t n;
-    while ((n = v3_read(buf, 1, sizeof(buf), fd)) > 0) out.insert(out.end(), buf, buf + n);
-    v3_close(fd);
-    return out;
-}
 
 struct module_values {
     psynth_handler handler;
@@ -37,8 +24,7 @@ TEST_F(ModulationEffectsSongTest, ControllerValuesSurviveSaveAndLoad) {
     };
     std::vector<int> slots;
     for (const module_values& m : modules) {
-        int mod = psynth_add_synth(-1, m.handler, nullptr, 0, 10, 20, song.bpm, song.speed, song.net);
-        psynth_do_command(mod, PS_CMD_SETUP_FINISHED, song.net);
+        int mod = add_module(m.handler);
         ASSERT_EQ(song.net->modules[mod].ctls_count, (int)m.values.size());
         for (size_t c = 0; c < m.values.size(); c++) {
             ASSERT_NE(song.net->modules[mod].ctls[c].def, m.values[c]);
@@ -47,8 +33,7 @@ TEST_F(ModulationEffectsSongTest, ControllerValuesSurviveSaveAndLoad) {
         psynth_make_link(0, mod, song.net);
         slots.push_back(mod);
     }
-    ASSERT_EQ(zelfon_save_song("3:/modulation.zelfon", ZELFON_VERSION_MAJOR, ZELFON_VERSION_MINOR, &song), 0);
-    ASSERT_EQ(zelfon_load_song("3:/modulation.zelfon", &song), 0);
+    save_load_save("3:/modulation.zelfon");
     for (size_t i = 0; i < slots.size(); i++) {
         const psynth_module& mod = song.net->modules[slots[i]];
         EXPECT_EQ(mod.handler, modules[i].handler);
@@ -56,8 +41,6 @@ TEST_F(ModulationEffectsSongTest, ControllerValuesSurviveSaveAndLoad) {
             EXPECT_EQ(*mod.ctls[c].value, modules[i].values[c]) << mod.name << " controller " << c;
         }
     }
-    ASSERT_EQ(zelfon_save_song("3:/again.zelfon", ZELFON_VERSION_MAJOR, ZELFON_VERSION_MINOR, &song), 0);
-    EXPECT_EQ(file_bytes("3:/again.zelfon"), file_bytes("3:/modulation.zelfon"));
 }
 
 TEST_F(ModulationEffectsSongTest, ValuesOutsideTheRangesOfADamagedFileRenderSafely) {
