@@ -32,7 +32,7 @@ double comb_gain(psynth_net* net, double hz, int feedback) {
     int fx = add_still_flanger(net, tone, feedback);
     auto out = render_outputs(net, fx, 44100, 4096);
     psynth_remove_synth(fx, net);
-    return tone_amplitude(out[1], 22050, 44100, hz) / 2000;
+    return amplitude_at(out[1], 22050, 44100, hz, 44100) / 2000;
 }
 
 TEST_F(FlangerTest, AnswersItsIdentityAndControllers) {

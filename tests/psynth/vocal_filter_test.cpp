@@ -26,7 +26,7 @@ double response(psynth_net* net, int voice, int vowel, double hz, int bandwidth 
     auto out = render_outputs(net, fx, 8192, 4096);
     psynth_remove_synth(fx, net);
     psynth_remove_synth(src, net);
-    return tone_amplitude(out[0], 4096, 8192, hz) / 2000;
+    return amplitude_at(out[0], 4096, 8192, hz, 44100) / 2000;
 }
 
 TEST_F(VocalFilterTest, AnswersItsIdentityAndControllers) {
