@@ -44,11 +44,6 @@ struct amplifier_data {
     int ctl[CTL_COUNT];
 };
 
-amplifier_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (amplifier_data*)net->modules[mod_num].data;
-}
-
 void init(int mod_num, amplifier_data* d, psynth_net* net) {
     int* v = d->ctl;
     psynth_register_ctl(mod_num, "Volume", "", 0, 1024, 256, PSYNTH_CTL_NUMBER, &v[CTL_VOLUME], net);
@@ -125,7 +120,7 @@ intptr_t psynth_amplifier(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_EFFECT;
     default: break;
     }
-    amplifier_data* d = data_of(mod_num, net);
+    amplifier_data* d = psynth_module_data<amplifier_data>(mod_num, net);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT:

@@ -29,11 +29,6 @@ struct dc_blocker_data {
     int32_t tail_length;  // one second
 };
 
-dc_blocker_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (dc_blocker_data*)net->modules[mod_num].data;
-}
-
 void clear_states(dc_blocker_data* d) {
     for (psynth_dc_blocker& b : d->state) b = psynth_dc_blocker{};
 }
@@ -78,7 +73,7 @@ intptr_t psynth_dcblocker(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_EFFECT;
     default: break;
     }
-    dc_blocker_data* d = data_of(mod_num, net);
+    dc_blocker_data* d = psynth_module_data<dc_blocker_data>(mod_num, net);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT:

@@ -54,11 +54,6 @@ struct delay_data {
 #pragma pack(pop)
 static_assert(sizeof(delay_data) <= kDataSize, "Delay's state fits its private data size");
 
-delay_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (delay_data*)net->modules[mod_num].data;
-}
-
 void init(int mod_num, delay_data* d, psynth_net* net) {
     psynth_register_ctl(mod_num, "Dry", "", 0, 512, 256, PSYNTH_CTL_NUMBER, &d->ctl[CTL_DRY], net);
     psynth_register_ctl(mod_num, "Wet", "", 0, 512, 256, PSYNTH_CTL_NUMBER, &d->ctl[CTL_WET], net);
@@ -146,7 +141,7 @@ intptr_t psynth_delay(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_EFFECT;
     default: break;
     }
-    delay_data* d = data_of(mod_num, net);
+    delay_data* d = psynth_module_data<delay_data>(mod_num, net);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT:

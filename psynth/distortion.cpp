@@ -58,11 +58,6 @@ struct distortion_data {
     int32_t rate;
 };
 
-distortion_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (distortion_data*)net->modules[mod_num].data;
-}
-
 void clear_states(distortion_data* d) {
     for (int32_t& h : d->held) h = 0;
     d->phase = 0;
@@ -172,7 +167,7 @@ intptr_t psynth_distortion(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_EFFECT;
     default: break;
     }
-    distortion_data* d = data_of(mod_num, net);
+    distortion_data* d = psynth_module_data<distortion_data>(mod_num, net);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT:

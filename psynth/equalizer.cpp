@@ -55,11 +55,6 @@ struct equalizer_data {
     int32_t tail_length;  // one second
 };
 
-equalizer_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (equalizer_data*)net->modules[mod_num].data;
-}
-
 void clear_states(equalizer_data* d) {
     for (equalizer_channel& c : d->ch) c = equalizer_channel{};
 }
@@ -146,7 +141,7 @@ intptr_t psynth_equalizer(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_EFFECT;
     default: break;
     }
-    equalizer_data* d = data_of(mod_num, net);
+    equalizer_data* d = psynth_module_data<equalizer_data>(mod_num, net);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT:

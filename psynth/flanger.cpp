@@ -60,11 +60,6 @@ struct flanger_data {
     int32_t quiet;        // frames of silent wet signal since the input fell silent
 };
 
-flanger_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (flanger_data*)net->modules[mod_num].data;
-}
-
 void restart_lfo(flanger_data* d) {
     psynth_lfo_reset(&d->lfo, psynth_lfo_phase_of_ctl(std::clamp(d->ctl[CTL_LFO_PHASE], 0, 256)));
 }
@@ -169,7 +164,7 @@ intptr_t psynth_flanger(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_EFFECT;
     default: break;
     }
-    flanger_data* d = data_of(mod_num, net);
+    flanger_data* d = psynth_module_data<flanger_data>(mod_num, net);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT:

@@ -41,11 +41,6 @@ struct lfo_data {
     psynth_lfo_osc lfo;
 };
 
-lfo_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (lfo_data*)net->modules[mod_num].data;
-}
-
 void init(int mod_num, lfo_data* d, psynth_net* net) {
     int* v = d->ctl;
     psynth_register_ctl(mod_num, "Volume", "", 0, 256, 256, PSYNTH_CTL_NUMBER, &v[CTL_VOLUME], net);
@@ -142,7 +137,7 @@ intptr_t psynth_lfo(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_EFFECT;
     default: break;
     }
-    lfo_data* d = data_of(mod_num, net);
+    lfo_data* d = psynth_module_data<lfo_data>(mod_num, net);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT:

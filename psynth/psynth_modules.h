@@ -4,6 +4,35 @@
 
 #include "psynth/psynth_net.h"
 
+// The private data block of module `mod_num` as a T; null for an index outside the slot
+// table and, when `handler` is given, for a slot that holds no module of that handler.
+// Any thread; no locks.
+template <class T>
+T* psynth_module_data(int mod_num, psynth_net* net, psynth_handler handler = nullptr) {
+    if (!net || !net->modules || mod_num < 0 || mod_num >= net->slots) return nullptr;
+    psynth_module* mod = &net->modules[mod_num];
+    if (handler && (!(mod->flags & PSYNTH_FLAG_EXISTS) || mod->handler != handler)) return nullptr;
+    return (T*)mod->data;
+}
+
+// One row of a module's controller table.
+struct psynth_ctl_row {
+    const char* name;
+    const char* units;
+    int min, max, def;
+    int type = PSYNTH_CTL_NUMBER;
+};
+
+// Registers the table's rows in order as controllers 0..N−1, controller i held in values[i].
+// For INIT, as psynth_register_ctl.
+template <int N>
+void psynth_register_ctl_rows(int mod_num, const psynth_ctl_row (&rows)[N], int* values, psynth_net* net) {
+    for (int i = 0; i < N; i++) {
+        const psynth_ctl_row& r = rows[i];
+        psynth_register_ctl(mod_num, r.name, r.units, r.min, r.max, r.def, r.type, &values[i], net);
+    }
+}
+
 intptr_t psynth_generator(int mod_num, psynth_event* event, psynth_net* net);  // generator.cpp
 intptr_t psynth_sampler(int mod_num, psynth_event* event, psynth_net* net);    // sampler.cpp
 intptr_t psynth_echo(int mod_num, psynth_event* event, psynth_net* net);       // echo.cpp

@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <numbers>
 
 #include "engine/random.h"
@@ -32,6 +33,21 @@ inline void psynth_pan_gains(int pan, int32_t gains[2]) {
     pan = psynth_clamp(pan, 0, PSYNTH_PAN_MAX);
     gains[0] = psynth_clamp((PSYNTH_PAN_MAX - pan) * 2, 0, PSYNTH_PAN_MAX);
     gains[1] = psynth_clamp(pan * 2, 0, PSYNTH_PAN_MAX);
+}
+
+// ---- Render request ----
+
+// The frames [from, to) a render request asks for; false when they do not lie within the
+// buffers (the module then renders nothing).
+inline bool psynth_render_span(const psynth_module* mod, int* from, int* to) {
+    *from = mod->render_offset;
+    *to = *from + mod->render_frames;
+    return *from >= 0 && *to > *from && *to <= PSYNTH_BUFFER_SIZE;
+}
+
+// Zeroes out[from, to), for voices that add into it.
+inline void psynth_clear_span(psynth_sample* out, int from, int to) {
+    memset(out + from, 0, sizeof(psynth_sample) * (size_t)(to - from));
 }
 
 // ---- Oscillator phase: one period is 2^32 ----
@@ -175,6 +191,25 @@ V* psynth_voice_find(V* voices, int count, int id) {
     return nullptr;
 }
 
+// True when one of the first `count` voices sounds.
+template <class V>
+bool psynth_voices_sounding(const V* voices, int count) {
+    for (int i = 0; i < count; i++) {
+        if (voices[i].active) return true;
+    }
+    return false;
+}
+
+// Silences the first `count` voices and frees their ids; the cursor goes back to voice 0.
+template <class V>
+void psynth_voices_clear(V* voices, int count, int* cursor) {
+    for (int i = 0; i < count; i++) {
+        voices[i] = V{};
+        voices[i].id = -1;
+    }
+    *cursor = 0;
+}
+
 // The Sampler's rule (voice records also have `key_held`): the voice a NOTE_ON takes.
 // While the module is idle (nothing sounded since INIT or CLEAN) it is voice 0. Otherwise
 // any of the `total` voices still carrying `id` is released and detached (it sounds on
@@ -198,14 +233,11 @@ int psynth_take_voice(V* voices, int total, int polyphony, int id, bool idle, in
     return *cursor = (*cursor + 1) % polyphony;
 }
 
-// The Generator's rule: the voice for a new note among the first `limit`: the one already
-// holding the id, else a free one from the cursor on, else one after the cursor for which
-// `releasing` holds, else the one after the cursor (stolen). The cursor follows the choice.
-// Pair it with psynth_voice_hand_over_id.
+// A voice for a new note among the first `limit` (≥ 1): a free one from the cursor on, else
+// one after the cursor for which `releasing` holds, else the one after the cursor (stolen).
+// The cursor follows the choice.
 template <class V, class R>
-int psynth_voice_choose(V* voices, int limit, int id, int* cursor, R releasing) {
-    if (limit <= 1) return 0;
-    if (V* held = psynth_voice_find(voices, limit, id)) return (int)(held - voices);
+int psynth_voice_pick(V* voices, int limit, int* cursor, R releasing) {
     int start = *cursor % limit;
     for (int n = 0; n < limit; n++) {
         int i = (start + n) % limit;
@@ -218,8 +250,18 @@ int psynth_voice_choose(V* voices, int limit, int id, int* cursor, R releasing) 
     return *cursor = (start + 1) % limit;
 }
 
+// The Generator's rule: the voice for a new note among the first `limit`: the one already
+// holding the id, else psynth_voice_pick's choice. Pair it with psynth_voice_hand_over_id.
+template <class V, class R>
+int psynth_voice_choose(V* voices, int limit, int id, int* cursor, R releasing) {
+    if (limit <= 1) return 0;
+    if (V* held = psynth_voice_find(voices, limit, id)) return (int)(held - voices);
+    return psynth_voice_pick(voices, limit, cursor, releasing);
+}
+
 // The Generator's rule, second step: the id of a new note moves to voice `chosen`: any
 // other voice among the `count` holding it is released (through `release`) and forgets it.
+// With `chosen` −1 (the Vorbis player, before it picks) every such voice is released.
 template <class V, class F>
 void psynth_voice_hand_over_id(V* voices, int count, int chosen, int id, F release) {
     if (id < 0) return;

@@ -153,10 +153,7 @@ struct sampler_data {
 static_assert(sizeof(sampler_data) <= PSYNTH_SAMPLER_DATA_SIZE, "the private data fits the announced block");
 
 sampler_data* data_of(int mod_num, psynth_net* net) {
-    if (!net || !net->modules || mod_num < 0 || mod_num >= net->slots) return nullptr;
-    psynth_module* mod = &net->modules[mod_num];
-    if (!(mod->flags & PSYNTH_FLAG_EXISTS) || mod->handler != psynth_sampler) return nullptr;
-    return (sampler_data*)mod->data;
+    return psynth_module_data<sampler_data>(mod_num, net, psynth_sampler);
 }
 
 int polyphony(const sampler_data* d) {

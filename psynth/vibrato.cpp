@@ -43,11 +43,6 @@ struct vibrato_data {
     int32_t tail;         // frames rendered since the input fell silent
 };
 
-vibrato_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (vibrato_data*)net->modules[mod_num].data;
-}
-
 void init(int mod_num, vibrato_data* d, psynth_net* net) {
     int* v = d->ctl;
     psynth_register_ctl(mod_num, "Volume", "", 0, 256, 256, PSYNTH_CTL_NUMBER, &v[CTL_VOLUME], net);
@@ -138,7 +133,7 @@ intptr_t psynth_vibrato(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_EFFECT;
     default: break;
     }
-    vibrato_data* d = data_of(mod_num, net);
+    vibrato_data* d = psynth_module_data<vibrato_data>(mod_num, net);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT:

@@ -107,11 +107,6 @@ struct vocal_data {
     int32_t tail_length;  // one second
 };
 
-vocal_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (vocal_data*)net->modules[mod_num].data;
-}
-
 // The settings the coefficients depend on, in one number.
 int32_t settings_key(const vocal_data* d) {
     return std::clamp(d->ctl[CTL_VOWEL], 0, kVowels - 1) | std::clamp(d->ctl[CTL_VOICE], 0, kVoices - 1) << 4 |
@@ -227,7 +222,7 @@ intptr_t psynth_vocal_filter(int mod_num, psynth_event* event, psynth_net* net) 
     case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_EFFECT;
     default: break;
     }
-    vocal_data* d = data_of(mod_num, net);
+    vocal_data* d = psynth_module_data<vocal_data>(mod_num, net);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT:
