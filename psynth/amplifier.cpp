@@ -72,9 +72,7 @@ inline psynth_sample shape(int32_t x, int64_t multiplier, bool absolute, bool in
 
 intptr_t render(int mod_num, amplifier_data* d, psynth_net* net) {
     psynth_module* mod = &net->modules[mod_num];
-    for (int c = 0; c < kChannels; c++) {
-        if (!mod->input_buffers[c] || !mod->output_buffers[c]) return 0;
-    }
+    if (!psynth_effect_has_buffers(mod, kChannels)) return 0;
     int from = mod->render_offset;
     int to = from + mod->render_frames;
     if (!psynth_effect_has_input(mod, kChannels, to)) return 0;

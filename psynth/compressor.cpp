@@ -242,9 +242,7 @@ void end_period(compressor_data* d) {
 intptr_t render(int mod_num, compressor_data* d, psynth_net* net) {
     psynth_module* mod = &net->modules[mod_num];
     if (!d->rings) return 0;
-    for (int c = 0; c < kChannels; c++) {
-        if (!mod->input_buffers[c] || !mod->output_buffers[c]) return 0;
-    }
+    if (!psynth_effect_has_buffers(mod, kChannels)) return 0;
     const int from = mod->render_offset;
     const int to = from + mod->render_frames;
     const int side = psynth_nth_linked_module(mod, d->ctl[CTL_SIDE_CHAIN], net);

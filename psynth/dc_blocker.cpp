@@ -44,9 +44,7 @@ void init(int mod_num, dc_blocker_data* d, psynth_net* net) {
 intptr_t render(int mod_num, dc_blocker_data* d, psynth_net* net) {
     psynth_module* mod = &net->modules[mod_num];
     int channels = psynth_effect_set_mono(mod_num, d->ctl[CTL_MONO] != 0, kChannels, net);
-    for (int c = 0; c < channels; c++) {
-        if (!mod->input_buffers[c] || !mod->output_buffers[c]) return 0;
-    }
+    if (!psynth_effect_has_buffers(mod, channels)) return 0;
     int from = mod->render_offset;
     int to = from + mod->render_frames;
     if (!psynth_effect_tail(psynth_effect_has_input(mod, channels, to), &d->tail, d->tail_length, to - from)) {

@@ -100,17 +100,10 @@ int32_t render_channel(psynth_sample* line, int32_t length, int32_t p, int32_t t
 intptr_t render(int mod_num, delay_data* d, psynth_net* net) {
     psynth_module* mod = &net->modules[mod_num];
     if (!psynth_effect_has_buffers(mod) || !d->line) return 0;
-    int channels = d->ctl[CTL_MONO] ? 1 : kChannels;
-    psynth_set_number_of_outputs(mod_num, channels, net);
+    int channels = psynth_effect_set_mono(mod_num, d->ctl[CTL_MONO] != 0, kChannels, net);
     int from = mod->render_offset;
     int to = from + mod->render_frames;
-    if (psynth_effect_has_input(mod, channels, to)) {
-        d->tail = 0;
-    } else if (d->tail < d->length) {
-        d->tail += to - from;
-    } else {
-        return 0;
-    }
+    if (!psynth_effect_tail(psynth_effect_has_input(mod, channels, to), &d->tail, d->length, to - from)) return 0;
 
     const int wet[kChannels] = {d->ctl[CTL_WET] * d->ctl[CTL_VOLUME_L] / PSYNTH_GAIN_UNITY,
                                 d->ctl[CTL_WET] * d->ctl[CTL_VOLUME_R] / PSYNTH_GAIN_UNITY};

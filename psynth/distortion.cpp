@@ -128,9 +128,7 @@ void distort(const distortion_params& p, int32_t* held, int32_t* phase, uint32_t
 intptr_t render(int mod_num, distortion_data* d, psynth_net* net) {
     psynth_module* mod = &net->modules[mod_num];
     int channels = psynth_effect_set_mono(mod_num, d->ctl[CTL_MONO] != 0, kChannels, net);
-    for (int c = 0; c < channels; c++) {
-        if (!mod->input_buffers[c] || !mod->output_buffers[c]) return 0;
-    }
+    if (!psynth_effect_has_buffers(mod, channels)) return 0;
     int from = mod->render_offset;
     int to = from + mod->render_frames;
     if (!psynth_effect_has_input(mod, channels, to)) return 0;

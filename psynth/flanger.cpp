@@ -117,7 +117,7 @@ int32_t render_channel(psynth_sample* line, int32_t length, int32_t p, psynth_lf
 
 intptr_t render(int mod_num, flanger_data* d, psynth_net* net) {
     psynth_module* mod = &net->modules[mod_num];
-    if (!psynth_effect_has_buffers(mod) || !mod->input_buffers[1] || !mod->output_buffers[1] || !d->line) return 0;
+    if (!psynth_effect_has_buffers(mod, kChannels) || !d->line) return 0;
     int from = mod->render_offset;
     int to = from + mod->render_frames;
     d->lfo.step = psynth_lfo_step(std::clamp(d->ctl[CTL_LFO_FREQ], 0, kMaxFreq), net->sampling_rate);

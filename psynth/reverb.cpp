@@ -183,9 +183,7 @@ intptr_t render(int mod_num, reverb_data* d, psynth_net* net) {
     bool mono = mode == MODE_HQ_MONO || mode == MODE_LQ_MONO;
     psynth_set_number_of_outputs(mod_num, mono ? 1 : kChannels, net);
     int channels = psynth_get_number_of_outputs(mod_num, net) == kChannels ? kChannels : 1;
-    for (int c = 0; c < channels; c++) {
-        if (!mod->input_buffers[c] || !mod->output_buffers[c]) return 0;
-    }
+    if (!psynth_effect_has_buffers(mod, channels)) return 0;
     int from = mod->render_offset;
     int to = from + mod->render_frames;
     if (!psynth_effect_wake(psynth_effect_has_input(mod, channels, to), &d->silent)) return 0;

@@ -83,17 +83,12 @@ int32_t render_channel(psynth_sample* line, int32_t length, int32_t p, psynth_lf
 intptr_t render(int mod_num, vibrato_data* d, psynth_net* net) {
     psynth_module* mod = &net->modules[mod_num];
     if (!psynth_effect_has_buffers(mod) || !d->line) return 0;
-    int channels = d->ctl[CTL_MONO] ? 1 : kChannels;
-    psynth_set_number_of_outputs(mod_num, channels, net);
+    int channels = psynth_effect_set_mono(mod_num, d->ctl[CTL_MONO] != 0, kChannels, net);
     int from = mod->render_offset;
     int to = from + mod->render_frames;
     int freq = std::clamp(d->ctl[CTL_FREQ], 0, 2048);  // a damaged song file may hold any value
     d->lfo.step = psynth_lfo_step(freq, net->sampling_rate);
-    if (psynth_effect_has_input(mod, channels, to)) {
-        d->tail = 0;
-    } else if (d->tail < d->length) {
-        d->tail += to - from;
-    } else {
+    if (!psynth_effect_tail(psynth_effect_has_input(mod, channels, to), &d->tail, d->length, to - from)) {
         psynth_lfo_advance(&d->lfo, to - from);  // the LFO runs on in silence
         return 0;
     }

@@ -186,17 +186,10 @@ void render_channel(vocal_channel* st, const resonator_coefs* coefs, int active,
 intptr_t render(int mod_num, vocal_data* d, psynth_net* net) {
     psynth_module* mod = &net->modules[mod_num];
     if (!psynth_effect_has_buffers(mod)) return 0;
-    int channels = d->ctl[CTL_MONO] ? 1 : kChannels;
-    psynth_set_number_of_outputs(mod_num, channels, net);
+    int channels = psynth_effect_set_mono(mod_num, d->ctl[CTL_MONO] != 0, kChannels, net);
     int from = mod->render_offset;
     int to = from + mod->render_frames;
-    if (psynth_effect_has_input(mod, channels, to)) {
-        d->tail = 0;
-    } else if (d->tail < d->tail_length) {
-        d->tail += to - from;
-    } else {
-        return 0;
-    }
+    if (!psynth_effect_tail(psynth_effect_has_input(mod, channels, to), &d->tail, d->tail_length, to - from)) return 0;
     if (settings_key(d) != d->coefs_key) update_coefs(d, net->sampling_rate);
     int volume = std::clamp(d->ctl[CTL_VOLUME], 0, 512);
     for (int c = 0; c < channels; c++) {
