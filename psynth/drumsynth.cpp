@@ -284,20 +284,9 @@ intptr_t psynth_drumsynth(int mod_num, psynth_event* event, psynth_net* net) {
         }
         return 1;
     }
-    case PS_CMD_SET_VELOCITY: {
-        drum_voice* v = psynth_voice_find(d->voices, PSYNTH_VOICES_MAX, event->id);
-        if (v) v->velocity = psynth_clamp(event->velocity, 0, PSYNTH_VELOCITY_MAX);
-        return 1;
-    }
-    case PS_CMD_NOTE_OFF: {
-        // One-shot: the drum rings on; only the id is given up.
-        drum_voice* v = psynth_voice_find(d->voices, PSYNTH_VOICES_MAX, event->id);
-        if (v) v->id = -1;
-        return 1;
-    }
-    case PS_CMD_ALL_NOTES_OFF:
-        for (drum_voice& v : d->voices) v.id = -1;
-        return 1;
+    case PS_CMD_SET_VELOCITY:
+    case PS_CMD_NOTE_OFF:
+    case PS_CMD_ALL_NOTES_OFF: return psynth_one_shot_event(d->voices, PSYNTH_VOICES_MAX, event);
     case PS_CMD_CLOSE: return 1;
     default: return 0;
     }

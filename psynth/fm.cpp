@@ -357,8 +357,7 @@ intptr_t render(int mod_num, fm_data* d, psynth_net* net) {
     }
     if (d->rebuild) build_envelopes(d);
 
-    bool any = false;
-    for (int i = 0; i < polyphony(d); i++) any |= d->voices[i].active != 0;
+    const bool any = psynth_voices_sounding(d->voices, polyphony(d));
     if (net->sampling_rate == PSYNTH_INNER_RATE) {
         if (!any) return 0;
         fm_params p = params_of(d);

@@ -265,20 +265,9 @@ intptr_t psynth_kicker(int mod_num, psynth_event* event, psynth_net* net) {
         if (v) v->osc.pitch = event->pitch;
         return 1;
     }
-    case PS_CMD_SET_VELOCITY: {
-        kick_voice* v = psynth_voice_find(d->voices, kMaxVoices, event->id);
-        if (v) v->velocity = psynth_clamp(event->velocity, 0, PSYNTH_VELOCITY_MAX);
-        return 1;
-    }
-    case PS_CMD_NOTE_OFF: {
-        // One-shot: the kick rings on; only the id is given up.
-        kick_voice* v = psynth_voice_find(d->voices, kMaxVoices, event->id);
-        if (v) v->id = -1;
-        return 1;
-    }
-    case PS_CMD_ALL_NOTES_OFF:
-        for (kick_voice& v : d->voices) v.id = -1;
-        return 1;
+    case PS_CMD_SET_VELOCITY:
+    case PS_CMD_NOTE_OFF:
+    case PS_CMD_ALL_NOTES_OFF: return psynth_one_shot_event(d->voices, kMaxVoices, event);
     case PS_CMD_CLOSE: return 1;
     default: return 0;
     }

@@ -210,6 +210,20 @@ void psynth_voices_clear(V* voices, int count, int* cursor) {
     *cursor = 0;
 }
 
+// SET_VELOCITY, NOTE_OFF and ALL_NOTES_OFF of a one-shot instrument (Kicker, DrumSynth): the
+// voice owning the id takes the velocity (0..256); a released key only gives up the id, for
+// the drum rings on. Returns 1 (the handler's answer).
+template <class V>
+intptr_t psynth_one_shot_event(V* voices, int count, const psynth_event* e) {
+    if (e->command == PS_CMD_ALL_NOTES_OFF) {
+        for (int i = 0; i < count; i++) voices[i].id = -1;
+    } else if (V* v = psynth_voice_find(voices, count, e->id)) {
+        if (e->command == PS_CMD_SET_VELOCITY) v->velocity = psynth_clamp(e->velocity, 0, PSYNTH_VELOCITY_MAX);
+        if (e->command == PS_CMD_NOTE_OFF) v->id = -1;
+    }
+    return 1;
+}
+
 // The Sampler's rule (voice records also have `key_held`): the voice a NOTE_ON takes.
 // While the module is idle (nothing sounded since INIT or CLEAN) it is voice 0. Otherwise
 // any of the `total` voices still carrying `id` is released and detached (it sounds on
