@@ -32,10 +32,8 @@ protected:
 
 TEST_F(DistortionTest, AnswersItsIdentityAndControllers) {
     int fx = add_effect(&net, psynth_distortion, -1);
-    psynth_event e = {};
-    e.command = PS_CMD_GET_DATA_SIZE;
     EXPECT_EQ(check_effect_identity(&net, psynth_distortion, fx,
-                                    {(int)psynth_distortion(fx, &e, &net), "Distortion",
+                                    {0, "Distortion",
                                      "Distortion.\nClipping, saturation, folding,\nbit depth and sample rate\nreduction, noise",
                                      0xFF, 0x7F, 0x7F}),
               "");
@@ -47,7 +45,6 @@ TEST_F(DistortionTest, AnswersItsIdentityAndControllers) {
                                     {"Noise", "", 0, 256, 0, 0},
                                     {"Mono", "off/on", 0, 1, 0, 1}}),
               "");
-    EXPECT_EQ(psynth_find_module_type("Distortion"), psynth_distortion);
 }
 
 TEST_F(DistortionTest, ShapersGiveExactValues) {

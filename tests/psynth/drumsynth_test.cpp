@@ -36,7 +36,6 @@ double crossings_per_second(const std::vector<int>& x, int from, int to) {
 TEST_F(DrumSynthTest, DescribesItselfAndItsControllers) {
     const psynth_module& m = net.modules[mod];
     EXPECT_STREQ(m.name, "DrumSynth");
-    EXPECT_EQ(psynth_find_module_type("DrumSynth"), psynth_drumsynth);
     EXPECT_EQ(m.flags & ~(PSYNTH_FLAG_EXISTS | PSYNTH_FLAG_INITIALIZED), PSYNTH_FLAG_GENERATOR);
     EXPECT_EQ(m.output_channels, 1);
     EXPECT_EQ(check_ctls(&net, mod, {{"Volume", "", 0, 512, 256, 0},        {"Polyphony", "ch.", 1, 16, 4, 0},

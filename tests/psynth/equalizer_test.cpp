@@ -48,10 +48,8 @@ protected:
 
 TEST_F(EqualizerTest, AnswersItsIdentityAndControllers) {
     int fx = add_effect(&net, psynth_equalizer, -1);
-    psynth_event e = {};
-    e.command = PS_CMD_GET_DATA_SIZE;
     EXPECT_EQ(check_effect_identity(&net, psynth_equalizer, fx,
-                                    {(int)psynth_equalizer(fx, &e, &net), "3Band Equalizer",
+                                    {0, "3Band Equalizer",
                                      "3Band Equalizer.\nLow, middle and high levels\nwith adjustable crossovers",
                                      0x9F, 0xFF, 0x7F}),
               "");
@@ -62,7 +60,6 @@ TEST_F(EqualizerTest, AnswersItsIdentityAndControllers) {
                                     {"High cutoff", "Hz", 100, 20000, 5000, 0},
                                     {"Mono", "off/on", 0, 1, 0, 1}}),
               "");
-    EXPECT_EQ(psynth_find_module_type("3Band Equalizer"), psynth_equalizer);
 }
 
 TEST_F(EqualizerTest, UnityGainsGiveTheInputBack) {
