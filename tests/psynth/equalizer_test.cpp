@@ -1,5 +1,5 @@
 // 3Band Equalizer: identity, unity gains giving the input back exactly, band gains
-// measured by correlation with a sine at chosen frequencies, the mono switch, and
+// measured by correlation with a sine at chosen frequencies, and
 // silence: none in gives none out, and one second of tail after the input stops.
 #include <cmath>
 
@@ -8,7 +8,7 @@
 
 namespace {
 
-enum { LOW, MIDDLE, HIGH, LOW_CUTOFF, HIGH_CUTOFF, MONO };
+enum { LOW, MIDDLE, HIGH, LOW_CUTOFF, HIGH_CUTOFF };
 
 double g_freq = 1000;  // of the test sine
 constexpr int kAmp = 2000;
@@ -97,17 +97,6 @@ TEST_F(EqualizerTest, BandGainsAtChosenFrequencies) {
     set_ctl(&net, fx, MIDDLE, 0);  // a notch between the crossovers
     EXPECT_LE(gain_db(1000), -15);
     EXPECT_GE(gain_db(30), -1);
-}
-
-TEST_F(EqualizerTest, MonoSwitchSetsOneOutputChannel) {
-    build(saw);
-    set_ctl(&net, fx, MONO, 1);
-    render_buffer(&net, 100);
-    EXPECT_EQ(net.modules[fx].output_channels, 1);
-    EXPECT_EQ(check_frames(net.modules[fx].output_buffers[0], 0, 100, [](int i) { return saw(0, i); }), "");
-    set_ctl(&net, fx, MONO, 0);
-    render_buffer(&net, 100);
-    EXPECT_EQ(net.modules[fx].output_channels, 2);
 }
 
 TEST_F(EqualizerTest, SilenceInGivesSilenceOutAfterOneSecondOfTail) {

@@ -1,13 +1,13 @@
 // Modulator: identity, exact ring-modulation products in link order, phase modulation
-// delaying the carrier by what the modulator sets (interpolated between frames), the
-// mono switch, and silence: silent when either source is missing in amplitude mode, and
-// in the phase modes one line length of tail after the carrier stops.
+// delaying the carrier by what the modulator sets (interpolated between frames), and
+// silence: silent when either source is missing in amplitude mode, and in the phase modes
+// one line length of tail after the carrier stops.
 #include "effect_test_util.h"
 #include "psynth/psynth_modules.h"
 
 namespace {
 
-enum { VOLUME, TYPE, MAX_DELAY, MONO };
+enum { VOLUME, TYPE, MAX_DELAY };
 enum { AMPLITUDE, PHASE, PHASE_ABS };
 
 int mod_wave(int c, int t) { return c == 0 ? ((t * 37) % 8001) - 4000 : ((t * 11) % 6001) - 3000; }
@@ -139,17 +139,6 @@ TEST_F(ModulatorTest, PhaseModeDrainsItsLineThenFallsSilent) {
     render_buffer(&net, 4096);
     EXPECT_EQ(net.modules[fx].output_start[0], 4096);
     EXPECT_EQ(net.modules[fx].output_start[1], 4096);
-}
-
-TEST_F(ModulatorTest, MonoSwitchSetsOneOutputChannel) {
-    build(half_full, carrier);
-    set_ctl(&net, fx, MONO, 1);
-    render_buffer(&net, 100);
-    EXPECT_EQ(net.modules[fx].output_channels, 1);
-    EXPECT_EQ(net.modules[fx].output_buffers[0][10], carrier(0, 10) / 2);
-    set_ctl(&net, fx, MONO, 0);
-    render_buffer(&net, 100);
-    EXPECT_EQ(net.modules[fx].output_channels, 2);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
 // Vibrato: identity, the delay swing counted over two seconds (rate and depth), a still
-// delay giving exact samples, the mono switch, and one line length of tail.
+// delay giving exact samples, and one line length of tail.
 #include <algorithm>
 
 #include "effect_test_util.h"
@@ -9,7 +9,7 @@ namespace {
 
 class VibratoTest : public PsynthFixture {};
 
-enum { VOLUME, AMPLITUDE, FREQ, MONO };
+enum { VOLUME, AMPLITUDE, FREQ };
 constexpr int kSwing = 44100 / 128;  // 344 frames
 constexpr int kCentre = kSwing + 2;  // 346
 
@@ -42,7 +42,7 @@ TEST_F(VibratoTest, DelaySwingsAtTheSetRateAndDepth) {
     EXPECT_EQ(out[1][5000] - out[0][5000], 7);  // the right channel swings alike
 }
 
-TEST_F(VibratoTest, StillDelayGivesExactSamplesAndMonoOneChannel) {
+TEST_F(VibratoTest, StillDelayGivesExactSamples) {
     int fx = add_effect(&net, psynth_vibrato, add_signal_source(&net, ramp));
     set_ctl(&net, fx, AMPLITUDE, 0);
     set_ctl(&net, fx, VOLUME, 200);
@@ -52,9 +52,6 @@ TEST_F(VibratoTest, StillDelayGivesExactSamplesAndMonoOneChannel) {
         for (int t = 0; t < 2000; t++) want.push_back(t < kCentre ? 0 : gain256(ramp(c, t - kCentre), 200));
         EXPECT_EQ(out[c], want) << "channel " << c;
     }
-    set_ctl(&net, fx, MONO, 1);
-    render_outputs(&net, fx, 100);
-    EXPECT_EQ(net.modules[fx].output_channels, 1);
 }
 
 TEST_F(VibratoTest, RendersOneLineOfTailAfterTheInputStops) {
