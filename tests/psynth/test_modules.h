@@ -92,7 +92,7 @@ std::string check_frames(const psynth_sample* buf, int from, int to, F want) {
 }
 
 void queue_event(psynth_net* net, int mod_num, int command, int offset, int id = -1,
-                 int note = 0, int velocity = 0);
+                 int note = 0, int velocity = 0, int pitch = 0);
 // One buffer: render parameters, the pass, then empty queues.
 void render_buffer(psynth_net* net, int frames);
 // RENDER_REPLACE requests (offset, frames) a module received, as "o+f o+f ...".

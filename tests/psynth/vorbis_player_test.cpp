@@ -76,11 +76,6 @@ protected:
         }
         return left;
     }
-    static int peak(const std::vector<int>& v, size_t from, size_t to) {
-        int p = 0;
-        for (size_t i = from; i < to && i < v.size(); i++) p = std::max(p, std::abs(v[i]));
-        return p;
-    }
 
     int mod = -1;
 };
@@ -256,7 +251,7 @@ TEST_F(VorbisPlayerTest, RendersWithoutAllocating) {
     uint64_t before = mem_get_stats().allocations;
     std::vector<int> out = play(events, 16 * 700, 333);
     EXPECT_EQ(mem_get_stats().allocations, before) << "the render allocated";
-    EXPECT_GT(peak(out, 0, out.size()), 1000);
+    EXPECT_GT(peak(out, 0, (int)out.size()), 1000);
 }
 
 }  // namespace
