@@ -486,16 +486,8 @@ void write_default_drawn(int8_t* points) {
 
 // Creates chunk 0 with the default shape, or grows a short one (the tail stays 0).
 void ensure_drawn_chunk(int mod_num, psynth_net* net) {
-    int size = 0;
-    if (psynth_get_chunk(mod_num, kDrawnChunk, net) &&
-        psynth_get_chunk_info(mod_num, kDrawnChunk, &size, nullptr, nullptr, net) == 0) {
-        if (size < kDrawnPoints) psynth_resize_chunk(mod_num, kDrawnChunk, kDrawnPoints, net);
-        psynth_set_chunk_info(mod_num, kDrawnChunk, kChunkFlag8Bit, 0, net);
-        return;
-    }
-    if (psynth_new_chunk(mod_num, kDrawnChunk, kDrawnPoints, kChunkFlag8Bit, 0, net) != 0) return;
-    int8_t* points = (int8_t*)psynth_get_chunk(mod_num, kDrawnChunk, net);
-    if (points) write_default_drawn(points);
+    void* fresh = psynth_ensure_chunk(mod_num, kDrawnChunk, kDrawnPoints, kChunkFlag8Bit, net);
+    if (fresh) write_default_drawn((int8_t*)fresh);
 }
 
 void init(int mod_num, gen_data* d, psynth_net* net) {

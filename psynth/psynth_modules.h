@@ -15,6 +15,22 @@ T* psynth_module_data(int mod_num, psynth_net* net, psynth_handler handler = nul
     return (T*)mod->data;
 }
 
+// Chunk `chunk` of at least `size` bytes with the storage `flags`: a short one grows (its
+// tail stays 0). Returns the chunk when it had to be created, for the caller to write its
+// defaults into; null when it was there already or could not be created. INIT and
+// SETUP_FINISHED (through psynth_new_chunk).
+inline void* psynth_ensure_chunk(int mod_num, int chunk, int size, int flags, psynth_net* net) {
+    int have = 0;
+    if (psynth_get_chunk(mod_num, chunk, net) &&
+        psynth_get_chunk_info(mod_num, chunk, &have, nullptr, nullptr, net) == 0) {
+        if (have < size) psynth_resize_chunk(mod_num, chunk, size, net);
+        psynth_set_chunk_info(mod_num, chunk, flags, 0, net);
+        return nullptr;
+    }
+    if (psynth_new_chunk(mod_num, chunk, size, flags, 0, net) != 0) return nullptr;
+    return psynth_get_chunk(mod_num, chunk, net);
+}
+
 // One row of a module's controller table.
 struct psynth_ctl_row {
     const char* name;

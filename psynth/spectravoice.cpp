@@ -144,16 +144,8 @@ void write_default_partials(sv_partial* p) {
 
 // Creates chunk 0 with the default partials, or grows a short one (the tail stays 0).
 void ensure_partial_chunk(int mod_num, psynth_net* net) {
-    int size = 0;
-    if (psynth_get_chunk(mod_num, kPartialChunk, net) &&
-        psynth_get_chunk_info(mod_num, kPartialChunk, &size, nullptr, nullptr, net) == 0) {
-        if (size < kPartialChunkSize) psynth_resize_chunk(mod_num, kPartialChunk, kPartialChunkSize, net);
-        psynth_set_chunk_info(mod_num, kPartialChunk, kChunkFlag16Bit, 0, net);
-        return;
-    }
-    if (psynth_new_chunk(mod_num, kPartialChunk, kPartialChunkSize, kChunkFlag16Bit, 0, net) != 0) return;
-    sv_partial* p = partials_of(mod_num, net);
-    if (p) write_default_partials(p);
+    void* fresh = psynth_ensure_chunk(mod_num, kPartialChunk, kPartialChunkSize, kChunkFlag16Bit, net);
+    if (fresh) write_default_partials((sv_partial*)fresh);
 }
 
 // Controllers 6 to 8 show the selected partial.
