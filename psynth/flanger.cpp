@@ -181,10 +181,7 @@ intptr_t psynth_flanger(int mod_num, psynth_event* event, psynth_net* net) {
         return 1;
     case PS_CMD_RENDER_REPLACE: return render(mod_num, d, net);
     case PS_CMD_SET_GLOBAL_CONTROLLER:
-        if ((uint16_t)event->note == CTL_LFO_PHASE) {
-            int value = psynth_ctl_value_from_normalized(&net->modules[mod_num].ctls[CTL_LFO_PHASE], event->velocity);
-            psynth_lfo_reset(&d->lfo, psynth_lfo_phase_of_ctl(value));
-        }
+        psynth_lfo_phase_event(&d->lfo, event, CTL_LFO_PHASE, &net->modules[mod_num]);
         return 0;  // the net stores the value as well
     case PS_CMD_CLOSE:
         psynth_delay_line_free(d->line);

@@ -213,10 +213,6 @@ intptr_t note_on(const psynth_event* e, kick_data* d, psynth_net* net) {
     return 1;
 }
 
-void silence_all(kick_data* d) {
-    psynth_voices_clear(d->voices, kMaxVoices, &d->cursor);
-}
-
 void init(int mod_num, kick_data* d, psynth_net* net) {
     memset(d, 0, sizeof(*d));
     static const psynth_ctl_row rows[CTL_COUNT] = {
@@ -230,7 +226,7 @@ void init(int mod_num, kick_data* d, psynth_net* net) {
         {"Anti-click", "off/on", 0, 1, 1, PSYNTH_CTL_SELECTOR},
     };
     psynth_register_ctl_rows(mod_num, rows, d->ctl, net);
-    silence_all(d);
+    psynth_voices_clear(d->voices, kMaxVoices, &d->cursor);
 }
 
 }  // namespace
@@ -256,7 +252,7 @@ intptr_t psynth_kicker(int mod_num, psynth_event* event, psynth_net* net) {
         return 1;
     case PS_CMD_SETUP_FINISHED: return 1;
     case PS_CMD_CLEAN:
-        silence_all(d);
+        psynth_voices_clear(d->voices, kMaxVoices, &d->cursor);
         return 1;
     case PS_CMD_RENDER_REPLACE: return render(mod_num, d, net);
     case PS_CMD_NOTE_ON: return note_on(event, d, net);

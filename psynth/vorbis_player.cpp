@@ -499,10 +499,6 @@ intptr_t set_offset(const psynth_event* e, vp_data* d) {
     return 1;
 }
 
-void silence_all(vp_data* d) {
-    psynth_voices_clear(d->voices, kMaxVoices, &d->cursor);
-}
-
 void init(int mod_num, vp_data* d, psynth_net* net) {
     memset(d, 0, sizeof(*d));
     static const psynth_ctl_row rows[CTL_COUNT] = {
@@ -514,7 +510,7 @@ void init(int mod_num, vp_data* d, psynth_net* net) {
         {"Channels", "stereo/mono", 0, 1, CHANNELS_STEREO, PSYNTH_CTL_SELECTOR},
     };
     psynth_register_ctl_rows(mod_num, rows, d->ctl, net);
-    silence_all(d);
+    psynth_voices_clear(d->voices, kMaxVoices, &d->cursor);
 }
 
 }  // namespace
@@ -603,7 +599,7 @@ intptr_t psynth_vorbis_player(int mod_num, psynth_event* event, psynth_net* net)
         psynth_set_number_of_outputs(mod_num, d->ctl[CTL_CHANNELS] == CHANNELS_MONO ? 1 : kMaxChannels, net);
         return 1;
     case PS_CMD_CLEAN:
-        silence_all(d);
+        psynth_voices_clear(d->voices, kMaxVoices, &d->cursor);
         return 1;
     case PS_CMD_RENDER_REPLACE: return render(mod_num, d, net);
     case PS_CMD_NOTE_ON: return note_on(event, d, net);
