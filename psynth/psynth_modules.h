@@ -1,5 +1,6 @@
 // The handlers of the modules that live in the sound net, one file each in psynth/.
-// Each answers the net's command protocol (psynth_net.h).
+// Each answers the net's command protocol (psynth_net.h); the helpers here are what every
+// handler needs alike: its data block, its controller table and its default data chunk.
 #pragma once
 
 #include "psynth/psynth_net.h"
