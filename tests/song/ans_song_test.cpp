@@ -1,15 +1,14 @@
-// ANS in a song: the placeholder stays silent whatever it is played at any rate, also in a
-// loaded song next to an FM fed by a MultiSynth.
+// ANS: its answers and controllers, and the placeholder staying silent whatever it is
+// played at any rate, also in a loaded song next to an FM fed by a MultiSynth.
 #include <gtest/gtest.h>
 
 #include <vector>
 
 #include "psynth/psynth_modules.h"
+#include "psynth/test_modules.h"
 #include "song_test_util.h"
 
 namespace {
-
-enum : int { VOLUME, BASE_NOTE, BASE_FREQ, OCTAVES, TICKS_PER_PIXEL, POLYPHONY };
 
 class SongAnsTest : public SongFixture {};
 
@@ -25,20 +24,10 @@ TEST_F(SongAnsTest, AnswersItsQuestionsAndRegistersItsControllers) {
     EXPECT_EQ(ask(PS_CMD_GET_INPUTS_NUM), 0);
 
     int ans = add_module(psynth_ans);
-    const psynth_module& m = song.net->modules[ans];
-    ASSERT_EQ(m.ctls_count, 6);
-    const char* names[6] = {"Volume", "Base note", "Base freq", "Octaves", "Ticks per pixel", "Polyphony"};
-    const int defaults[6] = {256, 32, 100, 7, 3, 8};
-    for (int i = 0; i < 6; i++) {
-        EXPECT_STREQ(m.ctls[i].name, names[i]);
-        EXPECT_EQ(*m.ctls[i].value, defaults[i]) << names[i];
-    }
-    EXPECT_STREQ(m.ctls[BASE_FREQ].units, "Hz");
-    EXPECT_STREQ(m.ctls[POLYPHONY].units, "ch.");
-    EXPECT_EQ(m.ctls[BASE_FREQ].min, 10);
-    EXPECT_EQ(m.ctls[BASE_FREQ].max, 8000);
-    EXPECT_EQ(m.ctls[TICKS_PER_PIXEL].type, PSYNTH_CTL_SELECTOR);
-    EXPECT_EQ(m.ctls[OCTAVES].type, PSYNTH_CTL_NUMBER);
+    EXPECT_EQ(check_ctls(song.net, ans, {{"Volume", "", 0, 512, 256, 0},     {"Base note", "", 0, 120, 32, 1},
+                                         {"Base freq", "Hz", 10, 8000, 100, 0}, {"Octaves", "", 1, 10, 7, 0},
+                                         {"Ticks per pixel", "", 1, 32, 3, 1},  {"Polyphony", "ch.", 1, 16, 8, 1}}),
+              "");
 }
 
 TEST_F(SongAnsTest, StaysSilentWhenPlayedAtAnyRate) {
