@@ -13,6 +13,11 @@ TEST(PsynthRegistryTest, EveryTypeIsFoundByItsOwnName) {
         ASSERT_NE(name, nullptr);
         EXPECT_EQ(psynth_find_module_type(name), h) << name;
     }
+    EXPECT_EQ(psynth_find_module_type("Sampler"), psynth_sampler);
+    EXPECT_EQ(psynth_find_module_type("Generator"), psynth_generator);
+    EXPECT_EQ(psynth_find_module_type("FM"), psynth_fm);
+    EXPECT_EQ(psynth_find_module_type("MultiSynth"), psynth_multisynth);
+    EXPECT_EQ(psynth_find_module_type("ANS"), psynth_ans);
     EXPECT_EQ(psynth_find_module_type("No such module"), nullptr);
     EXPECT_EQ(psynth_find_module_type(nullptr), nullptr);
     EXPECT_EQ(psynth_get_module_type(-1), nullptr);
