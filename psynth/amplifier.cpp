@@ -44,11 +44,6 @@ struct amplifier_data {
     int ctl[CTL_COUNT];
 };
 
-amplifier_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (amplifier_data*)net->modules[mod_num].data;
-}
-
 void init(int mod_num, amplifier_data* d, psynth_net* net) {
     int* v = d->ctl;
     psynth_register_ctl(mod_num, "Volume", "", 0, 1024, 256, PSYNTH_CTL_NUMBER, &v[CTL_VOLUME], net);
@@ -77,9 +72,7 @@ inline psynth_sample shape(int32_t x, int64_t multiplier, bool absolute, bool in
 
 intptr_t render(int mod_num, amplifier_data* d, psynth_net* net) {
     psynth_module* mod = &net->modules[mod_num];
-    for (int c = 0; c < kChannels; c++) {
-        if (!mod->input_buffers[c] || !mod->output_buffers[c]) return 0;
-    }
+    if (!psynth_effect_has_buffers(mod, kChannels)) return 0;
     int from = mod->render_offset;
     int to = from + mod->render_frames;
     if (!psynth_effect_has_input(mod, kChannels, to)) return 0;
@@ -125,7 +118,7 @@ intptr_t psynth_amplifier(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_EFFECT;
     default: break;
     }
-    amplifier_data* d = data_of(mod_num, net);
+    amplifier_data* d = psynth_module_data<amplifier_data>(mod_num, net);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT:

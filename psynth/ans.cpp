@@ -40,13 +40,6 @@ struct ans_data {
 };
 static_assert(sizeof(ans_data) <= kDataSize, "the ANS's state fits its private data size");
 
-ans_data* data_of(int mod_num, psynth_net* net) {
-    if (!net || !net->modules || mod_num < 0 || mod_num >= net->slots) return nullptr;
-    psynth_module* mod = &net->modules[mod_num];
-    if (!(mod->flags & PSYNTH_FLAG_EXISTS) || mod->handler != psynth_ans) return nullptr;
-    return (ans_data*)mod->data;
-}
-
 void clear(ans_data* d) {
     memset(d->voices, 0, sizeof(d->voices));
     psynth_inner_rate_clear(&d->inner);
@@ -87,7 +80,7 @@ intptr_t psynth_ans(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_GET_FLAGS: return kFlags;
     default: break;
     }
-    ans_data* d = data_of(mod_num, net);
+    ans_data* d = psynth_module_data<ans_data>(mod_num, net, psynth_ans);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT: return init(mod_num, d, net);

@@ -86,11 +86,6 @@ const float* time_table() {
     return t.v;
 }
 
-compressor_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (compressor_data*)net->modules[mod_num].data;
-}
-
 // Detector, level and gain back to rest; the gain is unity, not 0.
 void clear_states(compressor_data* d) {
     psynth_delay_line_clear(d->rings);
@@ -247,9 +242,7 @@ void end_period(compressor_data* d) {
 intptr_t render(int mod_num, compressor_data* d, psynth_net* net) {
     psynth_module* mod = &net->modules[mod_num];
     if (!d->rings) return 0;
-    for (int c = 0; c < kChannels; c++) {
-        if (!mod->input_buffers[c] || !mod->output_buffers[c]) return 0;
-    }
+    if (!psynth_effect_has_buffers(mod, kChannels)) return 0;
     const int from = mod->render_offset;
     const int to = from + mod->render_frames;
     const int side = psynth_nth_linked_module(mod, d->ctl[CTL_SIDE_CHAIN], net);
@@ -302,7 +295,7 @@ intptr_t psynth_compressor(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_EFFECT;
     default: break;
     }
-    compressor_data* d = data_of(mod_num, net);
+    compressor_data* d = psynth_module_data<compressor_data>(mod_num, net);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT:

@@ -29,11 +29,6 @@ struct dc_blocker_data {
     int32_t tail_length;  // one second
 };
 
-dc_blocker_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (dc_blocker_data*)net->modules[mod_num].data;
-}
-
 void clear_states(dc_blocker_data* d) {
     for (psynth_dc_blocker& b : d->state) b = psynth_dc_blocker{};
 }
@@ -49,9 +44,7 @@ void init(int mod_num, dc_blocker_data* d, psynth_net* net) {
 intptr_t render(int mod_num, dc_blocker_data* d, psynth_net* net) {
     psynth_module* mod = &net->modules[mod_num];
     int channels = psynth_effect_set_mono(mod_num, d->ctl[CTL_MONO] != 0, kChannels, net);
-    for (int c = 0; c < channels; c++) {
-        if (!mod->input_buffers[c] || !mod->output_buffers[c]) return 0;
-    }
+    if (!psynth_effect_has_buffers(mod, channels)) return 0;
     int from = mod->render_offset;
     int to = from + mod->render_frames;
     if (!psynth_effect_tail(psynth_effect_has_input(mod, channels, to), &d->tail, d->tail_length, to - from)) {
@@ -78,7 +71,7 @@ intptr_t psynth_dcblocker(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_EFFECT;
     default: break;
     }
-    dc_blocker_data* d = data_of(mod_num, net);
+    dc_blocker_data* d = psynth_module_data<dc_blocker_data>(mod_num, net);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT:

@@ -54,11 +54,6 @@ struct delay_data {
 #pragma pack(pop)
 static_assert(sizeof(delay_data) <= kDataSize, "Delay's state fits its private data size");
 
-delay_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (delay_data*)net->modules[mod_num].data;
-}
-
 void init(int mod_num, delay_data* d, psynth_net* net) {
     psynth_register_ctl(mod_num, "Dry", "", 0, 512, 256, PSYNTH_CTL_NUMBER, &d->ctl[CTL_DRY], net);
     psynth_register_ctl(mod_num, "Wet", "", 0, 512, 256, PSYNTH_CTL_NUMBER, &d->ctl[CTL_WET], net);
@@ -105,17 +100,10 @@ int32_t render_channel(psynth_sample* line, int32_t length, int32_t p, int32_t t
 intptr_t render(int mod_num, delay_data* d, psynth_net* net) {
     psynth_module* mod = &net->modules[mod_num];
     if (!psynth_effect_has_buffers(mod) || !d->line) return 0;
-    int channels = d->ctl[CTL_MONO] ? 1 : kChannels;
-    psynth_set_number_of_outputs(mod_num, channels, net);
+    int channels = psynth_effect_set_mono(mod_num, d->ctl[CTL_MONO] != 0, kChannels, net);
     int from = mod->render_offset;
     int to = from + mod->render_frames;
-    if (psynth_effect_has_input(mod, channels, to)) {
-        d->tail = 0;
-    } else if (d->tail < d->length) {
-        d->tail += to - from;
-    } else {
-        return 0;
-    }
+    if (!psynth_effect_tail(psynth_effect_has_input(mod, channels, to), &d->tail, d->length, to - from)) return 0;
 
     const int wet[kChannels] = {d->ctl[CTL_WET] * d->ctl[CTL_VOLUME_L] / PSYNTH_GAIN_UNITY,
                                 d->ctl[CTL_WET] * d->ctl[CTL_VOLUME_R] / PSYNTH_GAIN_UNITY};
@@ -146,7 +134,7 @@ intptr_t psynth_delay(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_EFFECT;
     default: break;
     }
-    delay_data* d = data_of(mod_num, net);
+    delay_data* d = psynth_module_data<delay_data>(mod_num, net);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT:

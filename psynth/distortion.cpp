@@ -58,11 +58,6 @@ struct distortion_data {
     int32_t rate;
 };
 
-distortion_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (distortion_data*)net->modules[mod_num].data;
-}
-
 void clear_states(distortion_data* d) {
     for (int32_t& h : d->held) h = 0;
     d->phase = 0;
@@ -133,9 +128,7 @@ void distort(const distortion_params& p, int32_t* held, int32_t* phase, uint32_t
 intptr_t render(int mod_num, distortion_data* d, psynth_net* net) {
     psynth_module* mod = &net->modules[mod_num];
     int channels = psynth_effect_set_mono(mod_num, d->ctl[CTL_MONO] != 0, kChannels, net);
-    for (int c = 0; c < channels; c++) {
-        if (!mod->input_buffers[c] || !mod->output_buffers[c]) return 0;
-    }
+    if (!psynth_effect_has_buffers(mod, channels)) return 0;
     int from = mod->render_offset;
     int to = from + mod->render_frames;
     if (!psynth_effect_has_input(mod, channels, to)) return 0;
@@ -172,7 +165,7 @@ intptr_t psynth_distortion(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_EFFECT;
     default: break;
     }
-    distortion_data* d = data_of(mod_num, net);
+    distortion_data* d = psynth_module_data<distortion_data>(mod_num, net);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT:

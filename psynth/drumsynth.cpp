@@ -117,11 +117,6 @@ struct drum_data {
     uint32_t noise_seed;  // seeds each strike's noise; restarted at INIT and CLEAN
 };
 
-drum_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (drum_data*)net->modules[mod_num].data;
-}
-
 int drum_ctl(const drum_data* d, int kind, int which) {
     return d->ctl[CTL_BASS_VOLUME + kind * kCtlsPerDrum + which];
 }
@@ -191,16 +186,12 @@ void render_voice(drum_voice* v, const drum_data* d, int rate, psynth_sample* ou
 
 intptr_t render(int mod_num, drum_data* d, psynth_net* net) {
     psynth_module* mod = &net->modules[mod_num];
-    int from = mod->render_offset;
-    int to = from + mod->render_frames;
-    if (from < 0 || to <= from || to > PSYNTH_BUFFER_SIZE || !mod->output_buffers[0]) return 0;
-
-    bool any = false;
-    for (const drum_voice& v : d->voices) any |= v.active != 0;
-    if (!any) return 0;
+    int from, to;
+    if (!psynth_render_span(mod, &from, &to) || !mod->output_buffers[0]) return 0;
+    if (!psynth_voices_sounding(d->voices, PSYNTH_VOICES_MAX)) return 0;
 
     psynth_sample* out = mod->output_buffers[0];
-    memset(out + from, 0, sizeof(psynth_sample) * (size_t)(to - from));
+    psynth_clear_span(out, from, to);
     for (drum_voice& v : d->voices) {
         if (!v.active) continue;
         switch (v.kind) {
@@ -234,20 +225,13 @@ intptr_t note_on(const psynth_event* e, drum_data* d, psynth_net* net) {
 }
 
 void silence_all(drum_data* d) {
-    memset(d->voices, 0, sizeof(d->voices));
-    for (drum_voice& v : d->voices) v.id = -1;
-    d->cursor = 0;
+    psynth_voices_clear(d->voices, PSYNTH_VOICES_MAX, &d->cursor);
     d->noise_seed = kNoiseSeedStart;
 }
 
 void init(int mod_num, drum_data* d, psynth_net* net) {
     memset(d, 0, sizeof(*d));
-    struct ctl_row {
-        const char* name;
-        const char* units;
-        int min, max, def;
-    };
-    static const ctl_row rows[CTL_COUNT] = {
+    static const psynth_ctl_row rows[CTL_COUNT] = {
         {"Volume", "", 0, kVolumeMax, PSYNTH_GAIN_UNITY},
         {"Polyphony", "ch.", 1, PSYNTH_VOICES_MAX, 4},
         {"Bass volume", "", 0, kVolumeMax, PSYNTH_GAIN_UNITY},
@@ -260,10 +244,7 @@ void init(int mod_num, drum_data* d, psynth_net* net) {
         {"Snare length", "ms", 1, kLengthMaxMs, 200},
         {"Snare tone", "", 0, kToneMax, 320},
     };
-    for (int i = 0; i < CTL_COUNT; i++) {
-        const ctl_row& r = rows[i];
-        psynth_register_ctl(mod_num, r.name, r.units, r.min, r.max, r.def, PSYNTH_CTL_NUMBER, &d->ctl[i], net);
-    }
+    psynth_register_ctl_rows(mod_num, rows, d->ctl, net);
     silence_all(d);
 }
 
@@ -282,7 +263,7 @@ intptr_t psynth_drumsynth(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_GENERATOR;
     default: break;
     }
-    drum_data* d = data_of(mod_num, net);
+    drum_data* d = psynth_module_data<drum_data>(mod_num, net);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT:
@@ -303,20 +284,9 @@ intptr_t psynth_drumsynth(int mod_num, psynth_event* event, psynth_net* net) {
         }
         return 1;
     }
-    case PS_CMD_SET_VELOCITY: {
-        drum_voice* v = psynth_voice_find(d->voices, PSYNTH_VOICES_MAX, event->id);
-        if (v) v->velocity = psynth_clamp(event->velocity, 0, PSYNTH_VELOCITY_MAX);
-        return 1;
-    }
-    case PS_CMD_NOTE_OFF: {
-        // One-shot: the drum rings on; only the id is given up.
-        drum_voice* v = psynth_voice_find(d->voices, PSYNTH_VOICES_MAX, event->id);
-        if (v) v->id = -1;
-        return 1;
-    }
-    case PS_CMD_ALL_NOTES_OFF:
-        for (drum_voice& v : d->voices) v.id = -1;
-        return 1;
+    case PS_CMD_SET_VELOCITY:
+    case PS_CMD_NOTE_OFF:
+    case PS_CMD_ALL_NOTES_OFF: return psynth_one_shot_event(d->voices, PSYNTH_VOICES_MAX, event);
     case PS_CMD_CLOSE: return 1;
     default: return 0;
     }

@@ -37,11 +37,6 @@ struct echo_data {
 };
 static_assert(sizeof(echo_data) <= kDataSize, "Echo's state fits its private data size");
 
-echo_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (echo_data*)net->modules[mod_num].data;
-}
-
 void init(int mod_num, echo_data* d, psynth_net* net) {
     psynth_register_ctl(mod_num, "Dry", "", 0, 256, 256, PSYNTH_CTL_NUMBER, &d->ctl[CTL_DRY], net);
     psynth_register_ctl(mod_num, "Wet", "", 0, 256, 128, PSYNTH_CTL_NUMBER, &d->ctl[CTL_WET], net);
@@ -110,7 +105,7 @@ intptr_t psynth_echo(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_EFFECT;
     default: break;
     }
-    echo_data* d = data_of(mod_num, net);
+    echo_data* d = psynth_module_data<echo_data>(mod_num, net);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT:

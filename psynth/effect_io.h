@@ -9,9 +9,13 @@
 
 #include "psynth/psynth_net.h"
 
-// True when the module has its first input and first output buffer (a render needs both).
-inline bool psynth_effect_has_buffers(const psynth_module* mod) {
-    return mod->input_buffers[0] && mod->output_buffers[0];
+// True when each of the first `channels` channels has its input and its output buffer (a
+// render needs them).
+inline bool psynth_effect_has_buffers(const psynth_module* mod, int channels = 1) {
+    for (int c = 0; c < channels; c++) {
+        if (!mod->input_buffers[c] || !mod->output_buffers[c]) return false;
+    }
+    return true;
 }
 
 // True when one of the input channels [0, channels) holds sound before frame `end`.

@@ -55,11 +55,6 @@ struct equalizer_data {
     int32_t tail_length;  // one second
 };
 
-equalizer_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (equalizer_data*)net->modules[mod_num].data;
-}
-
 void clear_states(equalizer_data* d) {
     for (equalizer_channel& c : d->ch) c = equalizer_channel{};
 }
@@ -107,9 +102,7 @@ void equalize(equalizer_channel* st, int32_t a, int32_t b, int32_t g_low, int32_
 intptr_t render(int mod_num, equalizer_data* d, psynth_net* net) {
     psynth_module* mod = &net->modules[mod_num];
     int channels = psynth_effect_set_mono(mod_num, d->ctl[CTL_MONO] != 0, kChannels, net);
-    for (int c = 0; c < channels; c++) {
-        if (!mod->input_buffers[c] || !mod->output_buffers[c]) return 0;
-    }
+    if (!psynth_effect_has_buffers(mod, channels)) return 0;
     int from = mod->render_offset;
     int to = from + mod->render_frames;
     if (!psynth_effect_tail(psynth_effect_has_input(mod, channels, to), &d->tail, d->tail_length, to - from)) {
@@ -146,7 +139,7 @@ intptr_t psynth_equalizer(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_EFFECT;
     default: break;
     }
-    equalizer_data* d = data_of(mod_num, net);
+    equalizer_data* d = psynth_module_data<equalizer_data>(mod_num, net);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT:

@@ -90,11 +90,6 @@ struct filter_data {
 };
 static_assert(sizeof(filter_data) <= kDataSize, "the Filter's state fits its private data size");
 
-filter_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (filter_data*)net->modules[mod_num].data;
-}
-
 void clear_states(filter_data* d) {
     for (filter_channel& c : d->ch) c = filter_channel{};
     d->step_frames = 0;
@@ -282,7 +277,7 @@ intptr_t psynth_filter(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_EFFECT;
     default: break;
     }
-    filter_data* d = data_of(mod_num, net);
+    filter_data* d = psynth_module_data<filter_data>(mod_num, net);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT:

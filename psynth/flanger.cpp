@@ -60,11 +60,6 @@ struct flanger_data {
     int32_t quiet;        // frames of silent wet signal since the input fell silent
 };
 
-flanger_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (flanger_data*)net->modules[mod_num].data;
-}
-
 void restart_lfo(flanger_data* d) {
     psynth_lfo_reset(&d->lfo, psynth_lfo_phase_of_ctl(std::clamp(d->ctl[CTL_LFO_PHASE], 0, 256)));
 }
@@ -122,7 +117,7 @@ int32_t render_channel(psynth_sample* line, int32_t length, int32_t p, psynth_lf
 
 intptr_t render(int mod_num, flanger_data* d, psynth_net* net) {
     psynth_module* mod = &net->modules[mod_num];
-    if (!psynth_effect_has_buffers(mod) || !mod->input_buffers[1] || !mod->output_buffers[1] || !d->line) return 0;
+    if (!psynth_effect_has_buffers(mod, kChannels) || !d->line) return 0;
     int from = mod->render_offset;
     int to = from + mod->render_frames;
     d->lfo.step = psynth_lfo_step(std::clamp(d->ctl[CTL_LFO_FREQ], 0, kMaxFreq), net->sampling_rate);
@@ -169,7 +164,7 @@ intptr_t psynth_flanger(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_EFFECT;
     default: break;
     }
-    flanger_data* d = data_of(mod_num, net);
+    flanger_data* d = psynth_module_data<flanger_data>(mod_num, net);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT:
@@ -186,10 +181,7 @@ intptr_t psynth_flanger(int mod_num, psynth_event* event, psynth_net* net) {
         return 1;
     case PS_CMD_RENDER_REPLACE: return render(mod_num, d, net);
     case PS_CMD_SET_GLOBAL_CONTROLLER:
-        if ((uint16_t)event->note == CTL_LFO_PHASE) {
-            int value = psynth_ctl_value_from_normalized(&net->modules[mod_num].ctls[CTL_LFO_PHASE], event->velocity);
-            psynth_lfo_reset(&d->lfo, psynth_lfo_phase_of_ctl(value));
-        }
+        psynth_lfo_phase_event(&d->lfo, event, CTL_LFO_PHASE, &net->modules[mod_num]);
         return 0;  // the net stores the value as well
     case PS_CMD_CLOSE:
         psynth_delay_line_free(d->line);

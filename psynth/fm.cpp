@@ -38,7 +38,7 @@
 #include "psynth/psynth_dsp.h"
 #include "psynth/psynth_modules.h"
 #include "psynth/psynth_tables.h"
-#include "psynth/voice_choice.h"
+#include "psynth/psynth_voices.h"
 
 namespace {
 
@@ -121,13 +121,6 @@ struct fm_data {
     psynth_inner_rate inner;
 };
 static_assert(sizeof(fm_data) <= kDataSize, "the FM's state fits its private data size");
-
-fm_data* data_of(int mod_num, psynth_net* net) {
-    if (!net || !net->modules || mod_num < 0 || mod_num >= net->slots) return nullptr;
-    psynth_module* mod = &net->modules[mod_num];
-    if (!(mod->flags & PSYNTH_FLAG_EXISTS) || mod->handler != psynth_fm) return nullptr;
-    return (fm_data*)mod->data;
-}
 
 // A controller read within its registered range: songs may carry any value.
 int ctl(const fm_data* d, int n, int lo, int hi) {
@@ -364,8 +357,7 @@ intptr_t render(int mod_num, fm_data* d, psynth_net* net) {
     }
     if (d->rebuild) build_envelopes(d);
 
-    bool any = false;
-    for (int i = 0; i < polyphony(d); i++) any |= d->voices[i].active != 0;
+    const bool any = psynth_voices_sounding(d->voices, polyphony(d));
     if (net->sampling_rate == PSYNTH_INNER_RATE) {
         if (!any) return 0;
         fm_params p = params_of(d);
@@ -415,34 +407,26 @@ void clear_voices(fm_data* d) {
 
 intptr_t init(int mod_num, fm_data* d, psynth_net* net) {
     memset(d, 0, sizeof(*d));
-    struct ctl_row {
-        const char* name;
-        const char* units;
-        int min, max, def, type;
-    };
-    static const ctl_row kCtls[CTL_COUNT] = {
-        {"C.Volume", "", 0, 256, 128, PSYNTH_CTL_NUMBER},
-        {"M.Volume", "", 0, 256, 48, PSYNTH_CTL_NUMBER},
-        {"Panning", "", 0, 256, 128, PSYNTH_CTL_NUMBER},
-        {"C.Freq mul", "", 0, 16, 1, PSYNTH_CTL_NUMBER},
-        {"M.Freq mul", "", 0, 16, 1, PSYNTH_CTL_NUMBER},
-        {"M.Feedback", "", 0, 256, 0, PSYNTH_CTL_NUMBER},
-        {"C.Attack", "", 0, 512, 32, PSYNTH_CTL_NUMBER},
-        {"C.Decay", "", 0, 512, 32, PSYNTH_CTL_NUMBER},
-        {"C.Sustain", "", 0, 256, 128, PSYNTH_CTL_NUMBER},
-        {"C.Release", "", 0, 512, 64, PSYNTH_CTL_NUMBER},
-        {"M.Attack", "", 0, 512, 32, PSYNTH_CTL_NUMBER},
-        {"M.Decay", "", 0, 512, 32, PSYNTH_CTL_NUMBER},
-        {"M.Sustain", "", 0, 256, 128, PSYNTH_CTL_NUMBER},
-        {"M.Release", "", 0, 512, 64, PSYNTH_CTL_NUMBER},
-        {"M.Scaling", "", 0, 4, 0, PSYNTH_CTL_NUMBER},
+    static const psynth_ctl_row kCtls[CTL_COUNT] = {
+        {"C.Volume", "", 0, 256, 128},
+        {"M.Volume", "", 0, 256, 48},
+        {"Panning", "", 0, 256, 128},
+        {"C.Freq mul", "", 0, 16, 1},
+        {"M.Freq mul", "", 0, 16, 1},
+        {"M.Feedback", "", 0, 256, 0},
+        {"C.Attack", "", 0, 512, 32},
+        {"C.Decay", "", 0, 512, 32},
+        {"C.Sustain", "", 0, 256, 128},
+        {"C.Release", "", 0, 512, 64},
+        {"M.Attack", "", 0, 512, 32},
+        {"M.Decay", "", 0, 512, 32},
+        {"M.Sustain", "", 0, 256, 128},
+        {"M.Release", "", 0, 512, 64},
+        {"M.Scaling", "", 0, 4, 0},
         {"Polyphony", "ch.", 1, 16, 4, PSYNTH_CTL_SELECTOR},
         {"Mode", "HQ/HQmono/LQ/LQmono", 0, 3, 0, PSYNTH_CTL_SELECTOR},
     };
-    for (int i = 0; i < CTL_COUNT; i++) {
-        const ctl_row& r = kCtls[i];
-        psynth_register_ctl(mod_num, r.name, r.units, r.min, r.max, r.def, r.type, &d->ctl[i], net);
-    }
+    psynth_register_ctl_rows(mod_num, kCtls, d->ctl, net);
     clear_voices(d);
     d->cursor = 0;
     const size_t bytes = sizeof(int16_t) * kSineSize + sizeof(uint16_t) * kEnvEntries * 2;
@@ -478,7 +462,7 @@ intptr_t psynth_fm(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_GET_FLAGS: return kFlags;
     default: break;
     }
-    fm_data* d = data_of(mod_num, net);
+    fm_data* d = psynth_module_data<fm_data>(mod_num, net, psynth_fm);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT: return init(mod_num, d, net);
@@ -489,13 +473,13 @@ intptr_t psynth_fm(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_RENDER_REPLACE: return render(mod_num, d, net);
     case PS_CMD_NOTE_ON: return note_on(d, event);
     case PS_CMD_SET_FREQ: {
-        int vi = d->idle ? -1 : psynth_find_voice(d->voices, polyphony(d), event->id);
-        if (vi >= 0) d->voices[vi].step = step_for_pitch(event->pitch);
+        fm_voice* v = d->idle ? nullptr : psynth_voice_find(d->voices, polyphony(d), event->id);
+        if (v) v->step = step_for_pitch(event->pitch);
         return 1;
     }
     case PS_CMD_SET_VELOCITY: {
-        int vi = d->idle ? -1 : psynth_find_voice(d->voices, polyphony(d), event->id);
-        if (vi >= 0) d->voices[vi].velocity = event->velocity;
+        fm_voice* v = d->idle ? nullptr : psynth_voice_find(d->voices, polyphony(d), event->id);
+        if (v) v->velocity = event->velocity;
         return 1;
     }
     case PS_CMD_NOTE_OFF:

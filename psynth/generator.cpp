@@ -187,11 +187,6 @@ const int8_t kSilentDrawn[kDrawnPoints] = {};
 
 // ---- Small helpers ----
 
-gen_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (gen_data*)net->modules[mod_num].data;
-}
-
 bool mono_mode(const gen_data* d) {
     int mode = d->ctl[CTL_MODE];
     return mode == MODE_HQ_MONO || mode == MODE_LQ_MONO;
@@ -416,22 +411,18 @@ void update_gains(gen_voice* v, const gen_data* d) {
 
 intptr_t render(int mod_num, gen_data* d, psynth_net* net) {
     psynth_module* mod = &net->modules[mod_num];
-    int from = mod->render_offset;
-    int to = from + mod->render_frames;
-    if (from < 0 || to <= from || to > PSYNTH_BUFFER_SIZE) return 0;
+    int from, to;
+    if (!psynth_render_span(mod, &from, &to)) return 0;
     if (!mod->output_buffers[0] || !mod->output_buffers[1]) return 0;
-
-    bool any = false;
-    for (int i = 0; i < kMaxVoices; i++) any |= d->voices[i].active != 0;
-    if (!any) return 0;
+    if (!psynth_voices_sounding(d->voices, kMaxVoices)) return 0;
 
     gen_render_params p;
     prepare_params(mod_num, d, to, net, &p);
     int limit = voice_limit(d);
     psynth_sample* out_l = mod->output_buffers[0];
     psynth_sample* out_r = mod->output_buffers[1];
-    memset(out_l + from, 0, sizeof(psynth_sample) * (size_t)(to - from));
-    memset(out_r + from, 0, sizeof(psynth_sample) * (size_t)(to - from));
+    psynth_clear_span(out_l, from, to);
+    psynth_clear_span(out_r, from, to);
     voice_renderer run = p.hq ? renderer_for<true>(p.waveform) : renderer_for<false>(p.waveform);
     for (int i = 0; i < kMaxVoices; i++) {
         gen_voice* v = &d->voices[i];
@@ -479,13 +470,8 @@ intptr_t note_on(const psynth_event* e, gen_data* d, psynth_net* net) {
 }
 
 void silence_all(gen_data* d) {
-    for (int i = 0; i < kMaxVoices; i++) {
-        gen_voice* v = &d->voices[i];
-        memset(v, 0, sizeof(*v));
-        v->id = -1;
-        v->pan = kPanCentre;
-    }
-    d->cursor = 0;
+    psynth_voices_clear(d->voices, kMaxVoices, &d->cursor);
+    for (gen_voice& v : d->voices) v.pan = kPanCentre;
     d->noise_seed = kNoiseSeedStart;
 }
 
@@ -500,41 +486,25 @@ void write_default_drawn(int8_t* points) {
 
 // Creates chunk 0 with the default shape, or grows a short one (the tail stays 0).
 void ensure_drawn_chunk(int mod_num, psynth_net* net) {
-    int size = 0;
-    if (psynth_get_chunk(mod_num, kDrawnChunk, net) &&
-        psynth_get_chunk_info(mod_num, kDrawnChunk, &size, nullptr, nullptr, net) == 0) {
-        if (size < kDrawnPoints) psynth_resize_chunk(mod_num, kDrawnChunk, kDrawnPoints, net);
-        psynth_set_chunk_info(mod_num, kDrawnChunk, kChunkFlag8Bit, 0, net);
-        return;
-    }
-    if (psynth_new_chunk(mod_num, kDrawnChunk, kDrawnPoints, kChunkFlag8Bit, 0, net) != 0) return;
-    int8_t* points = (int8_t*)psynth_get_chunk(mod_num, kDrawnChunk, net);
-    if (points) write_default_drawn(points);
+    void* fresh = psynth_ensure_chunk(mod_num, kDrawnChunk, kDrawnPoints, kChunkFlag8Bit, net);
+    if (fresh) write_default_drawn((int8_t*)fresh);
 }
 
 void init(int mod_num, gen_data* d, psynth_net* net) {
     memset(d, 0, sizeof(*d));
-    struct ctl_row {
-        const char* name;
-        const char* units;
-        int min, max, def, type;
-    };
-    static const ctl_row rows[CTL_COUNT] = {
-        {"Volume", "", 0, kVolumeMax, PSYNTH_GAIN_UNITY, PSYNTH_CTL_NUMBER},
+    static const psynth_ctl_row rows[CTL_COUNT] = {
+        {"Volume", "", 0, kVolumeMax, PSYNTH_GAIN_UNITY},
         {"Waveform", kWaveformNames, 0, WAVE_COUNT - 1, WAVE_TRIANGLE, PSYNTH_CTL_SELECTOR},
-        {"Panning", "", 0, kPanMax, kPanCentre, PSYNTH_CTL_NUMBER},
-        {"Attack", "ms", 0, kRampMaxMs, 0, PSYNTH_CTL_NUMBER},
-        {"Release", "ms", 0, kRampMaxMs, 64, PSYNTH_CTL_NUMBER},
-        {"Polyphony", "ch.", 1, kMaxVoices, 8, PSYNTH_CTL_NUMBER},
+        {"Panning", "", 0, kPanMax, kPanCentre},
+        {"Attack", "ms", 0, kRampMaxMs, 0},
+        {"Release", "ms", 0, kRampMaxMs, 64},
+        {"Polyphony", "ch.", 1, kMaxVoices, 8},
         {"Mode", "HQ/HQmono/LQ/LQmono", 0, MODE_COUNT - 1, MODE_HQ, PSYNTH_CTL_SELECTOR},
         {"Sustain", "off/on", 0, 1, 1, PSYNTH_CTL_SELECTOR},
-        {"Freq.modulation input", "", 0, kFmAmountMax, 0, PSYNTH_CTL_NUMBER},
-        {"Duty cycle", "", 0, kDutyMax, kDutyMax / 2, PSYNTH_CTL_NUMBER},
+        {"Freq.modulation input", "", 0, kFmAmountMax, 0},
+        {"Duty cycle", "", 0, kDutyMax, kDutyMax / 2},
     };
-    for (int i = 0; i < CTL_COUNT; i++) {
-        const ctl_row& r = rows[i];
-        psynth_register_ctl(mod_num, r.name, r.units, r.min, r.max, r.def, r.type, &d->ctl[i], net);
-    }
+    psynth_register_ctl_rows(mod_num, rows, d->ctl, net);
     silence_all(d);
     ensure_drawn_chunk(mod_num, net);
 }
@@ -542,7 +512,7 @@ void init(int mod_num, gen_data* d, psynth_net* net) {
 }  // namespace
 
 intptr_t psynth_generator(int mod_num, psynth_event* event, psynth_net* net) {
-    gen_data* d = data_of(mod_num, net);
+    gen_data* d = psynth_module_data<gen_data>(mod_num, net);
     switch (event->command) {
     case PS_CMD_GET_DATA_SIZE: return sizeof(gen_data);
     case PS_CMD_GET_SYNTH_NAME: return (intptr_t) "Generator";

@@ -97,11 +97,6 @@ struct kick_params {
     int fade_frames;
 };
 
-kick_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (kick_data*)net->modules[mod_num].data;
-}
-
 int voice_limit(const kick_data* d) { return psynth_clamp(d->ctl[CTL_POLYPHONY], 1, kMaxVoices); }
 
 int fade_frames(int rate) { return psynth_clamp(rate * kAntiClickMs / 1000, 1, PSYNTH_BUFFER_SIZE); }
@@ -172,13 +167,9 @@ voice_renderer renderer_for(int waveform) {
 
 intptr_t render(int mod_num, kick_data* d, psynth_net* net) {
     psynth_module* mod = &net->modules[mod_num];
-    int from = mod->render_offset;
-    int to = from + mod->render_frames;
-    if (from < 0 || to <= from || to > PSYNTH_BUFFER_SIZE || !mod->output_buffers[0]) return 0;
-
-    bool any = false;
-    for (int i = 0; i < kMaxVoices; i++) any |= d->voices[i].active != 0;
-    if (!any) return 0;
+    int from, to;
+    if (!psynth_render_span(mod, &from, &to) || !mod->output_buffers[0]) return 0;
+    if (!psynth_voices_sounding(d->voices, kMaxVoices)) return 0;
 
     kick_params p;
     p.rate = net->sampling_rate;
@@ -189,7 +180,7 @@ intptr_t render(int mod_num, kick_data* d, psynth_net* net) {
     p.fade_frames = fade_frames(p.rate);
 
     psynth_sample* out = mod->output_buffers[0];
-    memset(out + from, 0, sizeof(psynth_sample) * (size_t)(to - from));
+    psynth_clear_span(out, from, to);
     voice_renderer run = renderer_for(psynth_clamp(d->ctl[CTL_WAVEFORM], 0, WAVE_COUNT - 1));
     for (int i = 0; i < kMaxVoices; i++) {
         if (d->voices[i].active) run(&d->voices[i], p, out, from, to);
@@ -222,34 +213,20 @@ intptr_t note_on(const psynth_event* e, kick_data* d, psynth_net* net) {
     return 1;
 }
 
-void silence_all(kick_data* d) {
-    memset(d->voices, 0, sizeof(d->voices));
-    for (kick_voice& v : d->voices) v.id = -1;
-    d->cursor = 0;
-}
-
 void init(int mod_num, kick_data* d, psynth_net* net) {
     memset(d, 0, sizeof(*d));
-    struct ctl_row {
-        const char* name;
-        const char* units;
-        int min, max, def, type;
-    };
-    static const ctl_row rows[CTL_COUNT] = {
-        {"Volume", "", 0, kVolumeMax, PSYNTH_GAIN_UNITY, PSYNTH_CTL_NUMBER},
+    static const psynth_ctl_row rows[CTL_COUNT] = {
+        {"Volume", "", 0, kVolumeMax, PSYNTH_GAIN_UNITY},
         {"Waveform", "triangle/square/sine", 0, WAVE_COUNT - 1, WAVE_SINE, PSYNTH_CTL_SELECTOR},
-        {"Attack", "ms", 0, kAttackMaxMs, 0, PSYNTH_CTL_NUMBER},
-        {"Release", "ms", 1, kReleaseMaxMs, 300, PSYNTH_CTL_NUMBER},
-        {"Boost", "", 0, kBoostMax, 0, PSYNTH_CTL_NUMBER},
-        {"Acceleration", "", 0, kAccelerationMax, 256, PSYNTH_CTL_NUMBER},
-        {"Polyphony", "ch.", 1, kMaxVoices, 1, PSYNTH_CTL_NUMBER},
+        {"Attack", "ms", 0, kAttackMaxMs, 0},
+        {"Release", "ms", 1, kReleaseMaxMs, 300},
+        {"Boost", "", 0, kBoostMax, 0},
+        {"Acceleration", "", 0, kAccelerationMax, 256},
+        {"Polyphony", "ch.", 1, kMaxVoices, 1},
         {"Anti-click", "off/on", 0, 1, 1, PSYNTH_CTL_SELECTOR},
     };
-    for (int i = 0; i < CTL_COUNT; i++) {
-        const ctl_row& r = rows[i];
-        psynth_register_ctl(mod_num, r.name, r.units, r.min, r.max, r.def, r.type, &d->ctl[i], net);
-    }
-    silence_all(d);
+    psynth_register_ctl_rows(mod_num, rows, d->ctl, net);
+    psynth_voices_clear(d->voices, kMaxVoices, &d->cursor);
 }
 
 }  // namespace
@@ -267,7 +244,7 @@ intptr_t psynth_kicker(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_GENERATOR;
     default: break;
     }
-    kick_data* d = data_of(mod_num, net);
+    kick_data* d = psynth_module_data<kick_data>(mod_num, net);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT:
@@ -275,7 +252,7 @@ intptr_t psynth_kicker(int mod_num, psynth_event* event, psynth_net* net) {
         return 1;
     case PS_CMD_SETUP_FINISHED: return 1;
     case PS_CMD_CLEAN:
-        silence_all(d);
+        psynth_voices_clear(d->voices, kMaxVoices, &d->cursor);
         return 1;
     case PS_CMD_RENDER_REPLACE: return render(mod_num, d, net);
     case PS_CMD_NOTE_ON: return note_on(event, d, net);
@@ -284,20 +261,9 @@ intptr_t psynth_kicker(int mod_num, psynth_event* event, psynth_net* net) {
         if (v) v->osc.pitch = event->pitch;
         return 1;
     }
-    case PS_CMD_SET_VELOCITY: {
-        kick_voice* v = psynth_voice_find(d->voices, kMaxVoices, event->id);
-        if (v) v->velocity = psynth_clamp(event->velocity, 0, PSYNTH_VELOCITY_MAX);
-        return 1;
-    }
-    case PS_CMD_NOTE_OFF: {
-        // One-shot: the kick rings on; only the id is given up.
-        kick_voice* v = psynth_voice_find(d->voices, kMaxVoices, event->id);
-        if (v) v->id = -1;
-        return 1;
-    }
-    case PS_CMD_ALL_NOTES_OFF:
-        for (kick_voice& v : d->voices) v.id = -1;
-        return 1;
+    case PS_CMD_SET_VELOCITY:
+    case PS_CMD_NOTE_OFF:
+    case PS_CMD_ALL_NOTES_OFF: return psynth_one_shot_event(d->voices, kMaxVoices, event);
     case PS_CMD_CLOSE: return 1;
     default: return 0;
     }

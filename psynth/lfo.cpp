@@ -41,11 +41,6 @@ struct lfo_data {
     psynth_lfo_osc lfo;
 };
 
-lfo_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (lfo_data*)net->modules[mod_num].data;
-}
-
 void init(int mod_num, lfo_data* d, psynth_net* net) {
     int* v = d->ctl;
     psynth_register_ctl(mod_num, "Volume", "", 0, 256, 256, PSYNTH_CTL_NUMBER, &v[CTL_VOLUME], net);
@@ -142,7 +137,7 @@ intptr_t psynth_lfo(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_EFFECT;
     default: break;
     }
-    lfo_data* d = data_of(mod_num, net);
+    lfo_data* d = psynth_module_data<lfo_data>(mod_num, net);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT:
@@ -154,10 +149,7 @@ intptr_t psynth_lfo(int mod_num, psynth_event* event, psynth_net* net) {
         return 1;
     case PS_CMD_RENDER_REPLACE: return render(mod_num, d, net);
     case PS_CMD_SET_GLOBAL_CONTROLLER:
-        if ((uint16_t)event->note == CTL_PHASE) {
-            int value = psynth_ctl_value_from_normalized(&net->modules[mod_num].ctls[CTL_PHASE], event->velocity);
-            psynth_lfo_reset(&d->lfo, psynth_lfo_phase_of_ctl(value));
-        }
+        psynth_lfo_phase_event(&d->lfo, event, CTL_PHASE, &net->modules[mod_num]);
         return 0;  // the net stores the value as well
     case PS_CMD_CLOSE: return 1;
     default: return 0;

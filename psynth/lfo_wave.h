@@ -1,11 +1,13 @@
 // The low-frequency oscillator shared by the modulation effects (Flanger, LFO, Vibrato):
 // a 32-bit phase that wraps once per cycle, read as a sine (from the shared half-sine
 // table), triangle, rising saw, square or sample-and-hold random value. Every function
-// works only on the caller's record: any thread (the render thread in steady state), no locks.
+// works only on the caller's record (and the module's controller table): any thread (the
+// render thread in steady state), no locks.
 #pragma once
 
 #include <cstdint>
 
+#include "psynth/psynth_net.h"
 #include "psynth/psynth_tables.h"
 
 constexpr int32_t PSYNTH_LFO_ONE = 32768;   // an LFO value swings between −32768 and +32768
@@ -84,6 +86,13 @@ inline int32_t psynth_lfo_value(const psynth_lfo_osc* lfo, int shape) {
         return ph < 0x80000000u ? v : -v;
     }
     }
+}
+
+// A SET_GLOBAL_CONTROLLER event for the module's "set phase" controller `ctl` restarts the
+// oscillator at that phase; other events leave it alone. The net stores the value as well.
+inline void psynth_lfo_phase_event(psynth_lfo_osc* lfo, const psynth_event* e, int ctl, const psynth_module* mod) {
+    if ((uint16_t)e->note != ctl) return;
+    psynth_lfo_reset(lfo, psynth_lfo_phase_of_ctl(psynth_ctl_value_from_normalized(&mod->ctls[ctl], e->velocity)));
 }
 
 // Moves the oscillator on by `frames`; every wrap of the phase draws the random shape's

@@ -51,11 +51,6 @@ struct loop_data {
 };
 static_assert(sizeof(loop_data) <= kDataSize, "Loop's state fits its private data size");
 
-loop_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (loop_data*)net->modules[mod_num].data;
-}
-
 void init(int mod_num, loop_data* d, psynth_net* net) {
     psynth_register_ctl(mod_num, "Volume", "", 0, 256, 256, PSYNTH_CTL_NUMBER, &d->ctl[CTL_VOLUME], net);
     psynth_register_ctl(mod_num, "Delay", "", 0, 256, 256, PSYNTH_CTL_NUMBER, &d->ctl[CTL_DELAY], net);
@@ -168,7 +163,7 @@ intptr_t psynth_loop(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_EFFECT | PSYNTH_FLAG_GET_SPEED_CHANGES;
     default: break;
     }
-    loop_data* d = data_of(mod_num, net);
+    loop_data* d = psynth_module_data<loop_data>(mod_num, net);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT:

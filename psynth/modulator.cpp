@@ -49,11 +49,6 @@ struct modulator_data {
     uint8_t line_used;    // the line holds sound (cleared when the tail ends)
 };
 
-modulator_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (modulator_data*)net->modules[mod_num].data;
-}
-
 void clear_states(modulator_data* d) {
     psynth_delay_line_clear(d->line);
     d->position = 0;
@@ -173,7 +168,7 @@ intptr_t psynth_modulator(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_EFFECT | PSYNTH_FLAG_NO_INPUT_MIXING;
     default: break;
     }
-    modulator_data* d = data_of(mod_num, net);
+    modulator_data* d = psynth_module_data<modulator_data>(mod_num, net);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT:

@@ -45,13 +45,6 @@ struct multisynth_data {
 };
 static_assert(sizeof(multisynth_data) <= kDataSize, "the MultiSynth's state fits its private data size");
 
-multisynth_data* data_of(int mod_num, psynth_net* net) {
-    if (!net || !net->modules || mod_num < 0 || mod_num >= net->slots) return nullptr;
-    psynth_module* mod = &net->modules[mod_num];
-    if (!(mod->flags & PSYNTH_FLAG_EXISTS) || mod->handler != psynth_multisynth) return nullptr;
-    return (multisynth_data*)mod->data;
-}
-
 // A target that can take events: in use and initialised (never the MultiSynth itself,
 // which would feed its own queue while it reads it).
 bool target_ok(int mod_num, int target, const psynth_net* net) {
@@ -119,7 +112,7 @@ intptr_t psynth_multisynth(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_GET_FLAGS: return kFlags;
     default: break;
     }
-    multisynth_data* d = data_of(mod_num, net);
+    multisynth_data* d = psynth_module_data<multisynth_data>(mod_num, net, psynth_multisynth);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT: return init(mod_num, d, net);

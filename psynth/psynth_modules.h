@@ -1,8 +1,54 @@
 // The handlers of the modules that live in the sound net, one file each in psynth/.
-// Each answers the net's command protocol (psynth_net.h).
+// Each answers the net's command protocol (psynth_net.h); the helpers here are what every
+// handler needs alike: its data block, its controller table and its default data chunk.
 #pragma once
 
 #include "psynth/psynth_net.h"
+
+// The private data block of module `mod_num` as a T; null for an index outside the slot
+// table and, when `handler` is given, for a slot that holds no module of that handler.
+// Any thread; no locks.
+template <class T>
+T* psynth_module_data(int mod_num, psynth_net* net, psynth_handler handler = nullptr) {
+    if (!net || !net->modules || mod_num < 0 || mod_num >= net->slots) return nullptr;
+    psynth_module* mod = &net->modules[mod_num];
+    if (handler && (!(mod->flags & PSYNTH_FLAG_EXISTS) || mod->handler != handler)) return nullptr;
+    return (T*)mod->data;
+}
+
+// Chunk `chunk` of at least `size` bytes with the storage `flags`: a short one grows (its
+// tail stays 0). Returns the chunk when it had to be created, for the caller to write its
+// defaults into; null when it was there already or could not be created. INIT and
+// SETUP_FINISHED (through psynth_new_chunk).
+inline void* psynth_ensure_chunk(int mod_num, int chunk, int size, int flags, psynth_net* net) {
+    int have = 0;
+    if (psynth_get_chunk(mod_num, chunk, net) &&
+        psynth_get_chunk_info(mod_num, chunk, &have, nullptr, nullptr, net) == 0) {
+        if (have < size) psynth_resize_chunk(mod_num, chunk, size, net);
+        psynth_set_chunk_info(mod_num, chunk, flags, 0, net);
+        return nullptr;
+    }
+    if (psynth_new_chunk(mod_num, chunk, size, flags, 0, net) != 0) return nullptr;
+    return psynth_get_chunk(mod_num, chunk, net);
+}
+
+// One row of a module's controller table.
+struct psynth_ctl_row {
+    const char* name;
+    const char* units;
+    int min, max, def;
+    int type = PSYNTH_CTL_NUMBER;
+};
+
+// Registers the table's rows in order as controllers 0..N−1, controller i held in values[i].
+// For INIT, as psynth_register_ctl.
+template <int N>
+void psynth_register_ctl_rows(int mod_num, const psynth_ctl_row (&rows)[N], int* values, psynth_net* net) {
+    for (int i = 0; i < N; i++) {
+        const psynth_ctl_row& r = rows[i];
+        psynth_register_ctl(mod_num, r.name, r.units, r.min, r.max, r.def, r.type, &values[i], net);
+    }
+}
 
 intptr_t psynth_generator(int mod_num, psynth_event* event, psynth_net* net);  // generator.cpp
 intptr_t psynth_sampler(int mod_num, psynth_event* event, psynth_net* net);    // sampler.cpp

@@ -1,11 +1,13 @@
-// Building blocks of the synthesizer modules (Generator, Kicker, DrumSynth, SpectraVoice):
-// the choice of a voice for a new note, the attack/release envelope, the sine table, the
-// oscillator phase step, the drums' falling pitch sweep, noise and saturating mixing.
+// Building blocks of the synthesizer modules (Generator, Kicker, DrumSynth, SpectraVoice;
+// the Sampler and FM take their voice choice from here too): the choice of a voice for a
+// new note, the attack/release envelope, the sine table, the oscillator phase step, the
+// drums' falling pitch sweep, noise and saturating mixing.
 // Everything here is inline and allocation-free, for the render thread.
 #pragma once
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 #include <numbers>
 
 #include "engine/random.h"
@@ -31,6 +33,21 @@ inline void psynth_pan_gains(int pan, int32_t gains[2]) {
     pan = psynth_clamp(pan, 0, PSYNTH_PAN_MAX);
     gains[0] = psynth_clamp((PSYNTH_PAN_MAX - pan) * 2, 0, PSYNTH_PAN_MAX);
     gains[1] = psynth_clamp(pan * 2, 0, PSYNTH_PAN_MAX);
+}
+
+// ---- Render request ----
+
+// The frames [from, to) a render request asks for; false when they do not lie within the
+// buffers (the module then renders nothing).
+inline bool psynth_render_span(const psynth_module* mod, int* from, int* to) {
+    *from = mod->render_offset;
+    *to = *from + mod->render_frames;
+    return *from >= 0 && *to > *from && *to <= PSYNTH_BUFFER_SIZE;
+}
+
+// Zeroes out[from, to), for voices that add into it.
+inline void psynth_clear_span(psynth_sample* out, int from, int to) {
+    memset(out + from, 0, sizeof(psynth_sample) * (size_t)(to - from));
 }
 
 // ---- Oscillator phase: one period is 2^32 ----
@@ -160,6 +177,9 @@ inline int32_t psynth_env_curved(int32_t level) {
 
 // ---- Voices ----
 // A voice record has at least `active` and `id` (the event id that owns it, −1 = none).
+// Finding the voice a later event addresses is the same for every instrument; giving a
+// new note its voice follows one of two rules: the Sampler's (also the FM's) and the
+// Generator's (also the Kicker's, DrumSynth's and SpectraVoice's).
 
 // The active voice among the first `count` that owns `id`, or null (also for id < 0).
 template <class V>
@@ -171,15 +191,67 @@ V* psynth_voice_find(V* voices, int count, int id) {
     return nullptr;
 }
 
-// The voice for a new note among the first `limit`: the one already holding the id, else a
-// free one from the cursor on, else one after the cursor for which `releasing` holds, else
-// the one after the cursor (stolen). The cursor follows the choice.
-template <class V, class R>
-int psynth_voice_choose(V* voices, int limit, int id, int* cursor, R releasing) {
-    if (limit <= 1) return 0;
-    for (int i = 0; i < limit; i++) {
-        if (id >= 0 && voices[i].active && voices[i].id == id) return i;
+// True when one of the first `count` voices sounds.
+template <class V>
+bool psynth_voices_sounding(const V* voices, int count) {
+    for (int i = 0; i < count; i++) {
+        if (voices[i].active) return true;
     }
+    return false;
+}
+
+// Silences the first `count` voices and frees their ids; the cursor goes back to voice 0.
+template <class V>
+void psynth_voices_clear(V* voices, int count, int* cursor) {
+    for (int i = 0; i < count; i++) {
+        voices[i] = V{};
+        voices[i].id = -1;
+    }
+    *cursor = 0;
+}
+
+// SET_VELOCITY, NOTE_OFF and ALL_NOTES_OFF of a one-shot instrument (Kicker, DrumSynth): the
+// voice owning the id takes the velocity (0..256); a released key only gives up the id, for
+// the drum rings on. Returns 1 (the handler's answer).
+template <class V>
+intptr_t psynth_one_shot_event(V* voices, int count, const psynth_event* e) {
+    if (e->command == PS_CMD_ALL_NOTES_OFF) {
+        for (int i = 0; i < count; i++) voices[i].id = -1;
+    } else if (V* v = psynth_voice_find(voices, count, e->id)) {
+        if (e->command == PS_CMD_SET_VELOCITY) v->velocity = psynth_clamp(e->velocity, 0, PSYNTH_VELOCITY_MAX);
+        if (e->command == PS_CMD_NOTE_OFF) v->id = -1;
+    }
+    return 1;
+}
+
+// The Sampler's rule (voice records also have `key_held`): the voice a NOTE_ON takes.
+// While the module is idle (nothing sounded since INIT or CLEAN) it is voice 0. Otherwise
+// any of the `total` voices still carrying `id` is released and detached (it sounds on
+// through its release), and the first inactive voice among the first `polyphony`,
+// searched upward from the cursor with wrap-around, is taken; when all of them sound, the
+// one after the cursor is stolen. The cursor follows the chosen voice. Sound thread.
+template <class V>
+int psynth_take_voice(V* voices, int total, int polyphony, int id, bool idle, int* cursor) {
+    if (idle) return *cursor = 0;
+    if (id != -1) {
+        for (int i = 0; i < total; i++) {
+            if (voices[i].id != id) continue;
+            voices[i].key_held = 0;
+            voices[i].id = -1;
+        }
+    }
+    for (int j = 0; j < polyphony; j++) {
+        int i = (*cursor + j) % polyphony;
+        if (!voices[i].active) return *cursor = i;
+    }
+    return *cursor = (*cursor + 1) % polyphony;
+}
+
+// A voice for a new note among the first `limit` (≥ 1): a free one from the cursor on, else
+// one after the cursor for which `releasing` holds, else the one after the cursor (stolen).
+// The cursor follows the choice.
+template <class V, class R>
+int psynth_voice_pick(V* voices, int limit, int* cursor, R releasing) {
     int start = *cursor % limit;
     for (int n = 0; n < limit; n++) {
         int i = (start + n) % limit;
@@ -192,8 +264,18 @@ int psynth_voice_choose(V* voices, int limit, int id, int* cursor, R releasing) 
     return *cursor = (start + 1) % limit;
 }
 
-// The id of a new note moves to voice `chosen`: any other voice among the `count` holding it
-// is released (through `release`) and forgets it.
+// The Generator's rule: the voice for a new note among the first `limit`: the one already
+// holding the id, else psynth_voice_pick's choice. Pair it with psynth_voice_hand_over_id.
+template <class V, class R>
+int psynth_voice_choose(V* voices, int limit, int id, int* cursor, R releasing) {
+    if (limit <= 1) return 0;
+    if (V* held = psynth_voice_find(voices, limit, id)) return (int)(held - voices);
+    return psynth_voice_pick(voices, limit, cursor, releasing);
+}
+
+// The Generator's rule, second step: the id of a new note moves to voice `chosen`: any
+// other voice among the `count` holding it is released (through `release`) and forgets it.
+// With `chosen` −1 (the Vorbis player, before it picks) every such voice is released.
 template <class V, class F>
 void psynth_voice_hand_over_id(V* voices, int count, int chosen, int id, F release) {
     if (id < 0) return;

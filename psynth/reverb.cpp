@@ -89,11 +89,6 @@ struct reverb_data {
 };
 static_assert(sizeof(reverb_data) <= kDataSize, "the Reverb's state fits its private data size");
 
-reverb_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (reverb_data*)net->modules[mod_num].data;
-}
-
 // A line length given for 44100 Hz at the net's rate, within 1..capacity.
 int32_t scaled_length(int32_t length, int rate, int32_t capacity) {
     int64_t scale = ((int64_t)rate << kLengthScaleShift) / kReferenceRate;
@@ -188,9 +183,7 @@ intptr_t render(int mod_num, reverb_data* d, psynth_net* net) {
     bool mono = mode == MODE_HQ_MONO || mode == MODE_LQ_MONO;
     psynth_set_number_of_outputs(mod_num, mono ? 1 : kChannels, net);
     int channels = psynth_get_number_of_outputs(mod_num, net) == kChannels ? kChannels : 1;
-    for (int c = 0; c < channels; c++) {
-        if (!mod->input_buffers[c] || !mod->output_buffers[c]) return 0;
-    }
+    if (!psynth_effect_has_buffers(mod, channels)) return 0;
     int from = mod->render_offset;
     int to = from + mod->render_frames;
     if (!psynth_effect_wake(psynth_effect_has_input(mod, channels, to), &d->silent)) return 0;
@@ -258,7 +251,7 @@ intptr_t psynth_reverb(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_EFFECT;
     default: break;
     }
-    reverb_data* d = data_of(mod_num, net);
+    reverb_data* d = psynth_module_data<reverb_data>(mod_num, net);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT:

@@ -12,7 +12,7 @@
 #include "psynth/psynth_dsp.h"
 #include "psynth/psynth_modules.h"
 #include "psynth/psynth_tables.h"
-#include "psynth/voice_choice.h"
+#include "psynth/psynth_voices.h"
 
 namespace {
 
@@ -153,10 +153,7 @@ struct sampler_data {
 static_assert(sizeof(sampler_data) <= PSYNTH_SAMPLER_DATA_SIZE, "the private data fits the announced block");
 
 sampler_data* data_of(int mod_num, psynth_net* net) {
-    if (!net || !net->modules || mod_num < 0 || mod_num >= net->slots) return nullptr;
-    psynth_module* mod = &net->modules[mod_num];
-    if (!(mod->flags & PSYNTH_FLAG_EXISTS) || mod->handler != psynth_sampler) return nullptr;
-    return (sampler_data*)mod->data;
+    return psynth_module_data<sampler_data>(mod_num, net, psynth_sampler);
 }
 
 int polyphony(const sampler_data* d) {
@@ -190,8 +187,8 @@ int format_bytes(int format) {
          : format == PSYNTH_SAMPLER_FORMAT_FLOAT32 ? 4 : 0;
 }
 
-// The voice among the first Polyphony voices that carries `id`; −1 when none.
-int find_voice(const sampler_data* d, int id) { return psynth_find_voice(d->voices, polyphony(d), id); }
+// The voice among the first Polyphony voices that carries `id`; null when none.
+sampler_voice* find_voice(sampler_data* d, int id) { return psynth_voice_find(d->voices, polyphony(d), id); }
 
 int64_t step_for_pitch(int pitch, int rate) {
     psynth_step s = psynth_pitch_to_step(pitch, rate);
@@ -776,9 +773,8 @@ intptr_t note_on(int mod_num, sampler_data* d, const psynth_event* ev, psynth_ne
 
 // SET_SAMPLE_OFFSET (frame in pitch) and SET_SAMPLE_OFFSET2 (0..32768 of the length in velocity).
 intptr_t set_sample_offset(int mod_num, sampler_data* d, const psynth_event* ev, psynth_net* net) {
-    int vi = find_voice(d, ev->id);
-    if (vi < 0 || tarvik_mutex_trylock(&d->mutex)) return 0;
-    sampler_voice* v = &d->voices[vi];
+    sampler_voice* v = find_voice(d, ev->id);
+    if (!v || tarvik_mutex_trylock(&d->mutex)) return 0;
     const psynth_sampler_sample* h = header_chunk(mod_num, v->sample, net);
     int64_t length = h ? h->length : 0;
     tarvik_mutex_unlock(&d->mutex);
@@ -790,10 +786,10 @@ intptr_t set_sample_offset(int mod_num, sampler_data* d, const psynth_event* ev,
 }
 
 intptr_t set_local_controller(sampler_data* d, const psynth_event* ev) {
-    int vi = find_voice(d, ev->id);
-    if (vi < 0 || ev->note != PSYNTH_SAMPLER_LOCAL_CTL_PAN) return 0;
+    sampler_voice* v = find_voice(d, ev->id);
+    if (!v || ev->note != PSYNTH_SAMPLER_LOCAL_CTL_PAN) return 0;
     int value = ev->velocity > PSYNTH_CTL_MAX_VALUE ? PSYNTH_CTL_MAX_VALUE : ev->velocity;
-    d->voices[vi].local_pan = (int16_t)(value >> kLocalPanBits);
+    v->local_pan = (int16_t)(value >> kLocalPanBits);
     return 1;
 }
 
@@ -961,9 +957,7 @@ intptr_t psynth_sampler(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_NOTE_ON: return note_on(mod_num, d, event, net);
     case PS_CMD_SET_FREQ: {
         if (d->idle) return 0;
-        int vi = find_voice(d, event->id);
-        if (vi >= 0) {
-            sampler_voice* v = &d->voices[vi];
+        if (sampler_voice* v = find_voice(d, event->id)) {
             v->pitch = event->pitch - v->pitch_offset;
             v->step = step_for_pitch(v->pitch, net->sampling_rate);  // vibrato joins at the next tick
         }
@@ -971,8 +965,7 @@ intptr_t psynth_sampler(int mod_num, psynth_event* event, psynth_net* net) {
     }
     case PS_CMD_SET_VELOCITY: {
         if (d->idle) return 0;
-        int vi = find_voice(d, event->id);
-        if (vi >= 0) d->voices[vi].velocity = event->velocity;
+        if (sampler_voice* v = find_voice(d, event->id)) v->velocity = event->velocity;
         return 1;
     }
     case PS_CMD_SET_SAMPLE_OFFSET:

@@ -126,11 +126,6 @@ struct sv_data {
     int32_t* sum;         // kTableSize: where a table is summed before it is held to 16 bits
 };
 
-sv_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (sv_data*)net->modules[mod_num].data;
-}
-
 int32_t ramp_per_frame(int ms, int rate) { return psynth_env_step(psynth_clamp(ms, kMinRampMs, kRampMaxMs), rate); }
 
 // ---- Partials ----
@@ -149,16 +144,8 @@ void write_default_partials(sv_partial* p) {
 
 // Creates chunk 0 with the default partials, or grows a short one (the tail stays 0).
 void ensure_partial_chunk(int mod_num, psynth_net* net) {
-    int size = 0;
-    if (psynth_get_chunk(mod_num, kPartialChunk, net) &&
-        psynth_get_chunk_info(mod_num, kPartialChunk, &size, nullptr, nullptr, net) == 0) {
-        if (size < kPartialChunkSize) psynth_resize_chunk(mod_num, kPartialChunk, kPartialChunkSize, net);
-        psynth_set_chunk_info(mod_num, kPartialChunk, kChunkFlag16Bit, 0, net);
-        return;
-    }
-    if (psynth_new_chunk(mod_num, kPartialChunk, kPartialChunkSize, kChunkFlag16Bit, 0, net) != 0) return;
-    sv_partial* p = partials_of(mod_num, net);
-    if (p) write_default_partials(p);
+    void* fresh = psynth_ensure_chunk(mod_num, kPartialChunk, kPartialChunkSize, kChunkFlag16Bit, net);
+    if (fresh) write_default_partials((sv_partial*)fresh);
 }
 
 // Controllers 6 to 8 show the selected partial.
@@ -316,14 +303,10 @@ void render_voice(sv_voice* v, const int16_t* table, const int32_t gains[2], int
 
 intptr_t render(int mod_num, sv_data* d, psynth_net* net) {
     psynth_module* mod = &net->modules[mod_num];
-    int from = mod->render_offset;
-    int to = from + mod->render_frames;
-    if (from < 0 || to <= from || to > PSYNTH_BUFFER_SIZE) return 0;
+    int from, to;
+    if (!psynth_render_span(mod, &from, &to)) return 0;
     if (!mod->output_buffers[0] || !mod->output_buffers[1] || !d->tables) return 0;
-
-    bool any = false;
-    for (const sv_voice& v : d->voices) any |= v.active != 0;
-    if (!any) return 0;
+    if (!psynth_voices_sounding(d->voices, PSYNTH_VOICES_MAX)) return 0;
 
     int32_t attack_inc = ramp_per_frame(d->ctl[CTL_ATTACK], net->sampling_rate);
     int32_t release_dec = ramp_per_frame(d->ctl[CTL_RELEASE], net->sampling_rate);
@@ -331,8 +314,8 @@ intptr_t render(int mod_num, sv_data* d, psynth_net* net) {
     int volume = psynth_clamp(d->ctl[CTL_VOLUME], 0, kVolumeMax);
     psynth_sample* out_l = mod->output_buffers[0];
     psynth_sample* out_r = mod->output_buffers[1];
-    memset(out_l + from, 0, sizeof(psynth_sample) * (size_t)(to - from));
-    memset(out_r + from, 0, sizeof(psynth_sample) * (size_t)(to - from));
+    psynth_clear_span(out_l, from, to);
+    psynth_clear_span(out_r, from, to);
     for (int i = 0; i < PSYNTH_VOICES_MAX; i++) {
         sv_voice* v = &d->voices[i];
         if (!v->active) continue;
@@ -391,12 +374,7 @@ void silence_all(sv_data* d) {
 
 void init(int mod_num, sv_data* d, psynth_net* net) {
     memset(d, 0, sizeof(*d));
-    struct ctl_row {
-        const char* name;
-        const char* units;
-        int min, max, def;
-    };
-    static const ctl_row rows[CTL_COUNT] = {
+    static const psynth_ctl_row rows[CTL_COUNT] = {
         {"Volume", "", 0, kVolumeMax, PSYNTH_GAIN_UNITY},
         {"Panning", "", 0, PSYNTH_PAN_MAX, PSYNTH_PAN_CENTRE},
         {"Attack", "ms", 0, kRampMaxMs, 20},
@@ -407,10 +385,7 @@ void init(int mod_num, sv_data* d, psynth_net* net) {
         {"Partial volume", "", 0, kPartialVolumeMax, kPartialVolumeMax},
         {"Partial width", "1/16 harm.", 0, kPartialWidthMax, 0},
     };
-    for (int i = 0; i < CTL_COUNT; i++) {
-        const ctl_row& r = rows[i];
-        psynth_register_ctl(mod_num, r.name, r.units, r.min, r.max, r.def, PSYNTH_CTL_NUMBER, &d->ctl[i], net);
-    }
+    psynth_register_ctl_rows(mod_num, rows, d->ctl, net);
     d->tables = (int16_t*)mem_new(MEM_DYNAMIC, sizeof(int16_t) * kTableSize * PSYNTH_VOICES_MAX, "sv_tables");
     d->sum = (int32_t*)mem_new(MEM_DYNAMIC, sizeof(int32_t) * kTableSize, "sv_sum");
     if (!d->tables || !d->sum) {
@@ -452,7 +427,7 @@ intptr_t psynth_spectravoice(int mod_num, psynth_event* event, psynth_net* net) 
     case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_GENERATOR;
     default: break;
     }
-    sv_data* d = data_of(mod_num, net);
+    sv_data* d = psynth_module_data<sv_data>(mod_num, net);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT:

@@ -43,11 +43,6 @@ struct vibrato_data {
     int32_t tail;         // frames rendered since the input fell silent
 };
 
-vibrato_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (vibrato_data*)net->modules[mod_num].data;
-}
-
 void init(int mod_num, vibrato_data* d, psynth_net* net) {
     int* v = d->ctl;
     psynth_register_ctl(mod_num, "Volume", "", 0, 256, 256, PSYNTH_CTL_NUMBER, &v[CTL_VOLUME], net);
@@ -88,17 +83,12 @@ int32_t render_channel(psynth_sample* line, int32_t length, int32_t p, psynth_lf
 intptr_t render(int mod_num, vibrato_data* d, psynth_net* net) {
     psynth_module* mod = &net->modules[mod_num];
     if (!psynth_effect_has_buffers(mod) || !d->line) return 0;
-    int channels = d->ctl[CTL_MONO] ? 1 : kChannels;
-    psynth_set_number_of_outputs(mod_num, channels, net);
+    int channels = psynth_effect_set_mono(mod_num, d->ctl[CTL_MONO] != 0, kChannels, net);
     int from = mod->render_offset;
     int to = from + mod->render_frames;
     int freq = std::clamp(d->ctl[CTL_FREQ], 0, 2048);  // a damaged song file may hold any value
     d->lfo.step = psynth_lfo_step(freq, net->sampling_rate);
-    if (psynth_effect_has_input(mod, channels, to)) {
-        d->tail = 0;
-    } else if (d->tail < d->length) {
-        d->tail += to - from;
-    } else {
+    if (!psynth_effect_tail(psynth_effect_has_input(mod, channels, to), &d->tail, d->length, to - from)) {
         psynth_lfo_advance(&d->lfo, to - from);  // the LFO runs on in silence
         return 0;
     }
@@ -138,7 +128,7 @@ intptr_t psynth_vibrato(int mod_num, psynth_event* event, psynth_net* net) {
     case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_EFFECT;
     default: break;
     }
-    vibrato_data* d = data_of(mod_num, net);
+    vibrato_data* d = psynth_module_data<vibrato_data>(mod_num, net);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT:

@@ -107,11 +107,6 @@ struct vocal_data {
     int32_t tail_length;  // one second
 };
 
-vocal_data* data_of(int mod_num, psynth_net* net) {
-    if (mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (vocal_data*)net->modules[mod_num].data;
-}
-
 // The settings the coefficients depend on, in one number.
 int32_t settings_key(const vocal_data* d) {
     return std::clamp(d->ctl[CTL_VOWEL], 0, kVowels - 1) | std::clamp(d->ctl[CTL_VOICE], 0, kVoices - 1) << 4 |
@@ -191,17 +186,10 @@ void render_channel(vocal_channel* st, const resonator_coefs* coefs, int active,
 intptr_t render(int mod_num, vocal_data* d, psynth_net* net) {
     psynth_module* mod = &net->modules[mod_num];
     if (!psynth_effect_has_buffers(mod)) return 0;
-    int channels = d->ctl[CTL_MONO] ? 1 : kChannels;
-    psynth_set_number_of_outputs(mod_num, channels, net);
+    int channels = psynth_effect_set_mono(mod_num, d->ctl[CTL_MONO] != 0, kChannels, net);
     int from = mod->render_offset;
     int to = from + mod->render_frames;
-    if (psynth_effect_has_input(mod, channels, to)) {
-        d->tail = 0;
-    } else if (d->tail < d->tail_length) {
-        d->tail += to - from;
-    } else {
-        return 0;
-    }
+    if (!psynth_effect_tail(psynth_effect_has_input(mod, channels, to), &d->tail, d->tail_length, to - from)) return 0;
     if (settings_key(d) != d->coefs_key) update_coefs(d, net->sampling_rate);
     int volume = std::clamp(d->ctl[CTL_VOLUME], 0, 512);
     for (int c = 0; c < channels; c++) {
@@ -227,7 +215,7 @@ intptr_t psynth_vocal_filter(int mod_num, psynth_event* event, psynth_net* net) 
     case PS_CMD_GET_FLAGS: return PSYNTH_FLAG_EFFECT;
     default: break;
     }
-    vocal_data* d = data_of(mod_num, net);
+    vocal_data* d = psynth_module_data<vocal_data>(mod_num, net);
     if (!d) return 0;
     switch (event->command) {
     case PS_CMD_INIT:

@@ -50,6 +50,7 @@
 #include "psynth/psynth_dsp.h"
 #include "psynth/psynth_modules.h"
 #include "psynth/psynth_tables.h"
+#include "psynth/psynth_voices.h"
 
 namespace {
 
@@ -59,9 +60,8 @@ const char* const kInfo =
     "unless \"Original speed\" is on.";
 const char* const kColor = "#7FD0FF";
 
-constexpr int kMaxVoices = 16;
+constexpr int kMaxVoices = PSYNTH_VOICES_MAX;
 constexpr int kMaxChannels = 2;
-constexpr int kVelocityMax = 256;
 constexpr int kVolumeMax = 512;
 constexpr int kFinetuneRange = 256;
 
@@ -131,25 +131,15 @@ struct vp_data {
 
 // ---- Small helpers ----
 
-int clamp_int(int v, int lo, int hi) { return v < lo ? lo : v > hi ? hi : v; }
-
-bool is_player(int mod_num, const psynth_net* net) {
-    return net && mod_num >= 0 && mod_num < net->slots && (net->modules[mod_num].flags & PSYNTH_FLAG_EXISTS) &&
-           net->modules[mod_num].handler == psynth_vorbis_player;
-}
-
+// Null also for a slot that holds another kind of module: the public functions below take
+// any module number.
 vp_data* data_of(int mod_num, psynth_net* net) {
-    if (!net || mod_num < 0 || mod_num >= net->slots) return nullptr;
-    return (vp_data*)net->modules[mod_num].data;
+    return psynth_module_data<vp_data>(mod_num, net, psynth_vorbis_player);
 }
 
 // x >> 15 rounding toward zero (as psynth_shr_toward_zero), without a branch: a 16-bit
 // frame times a mix gain fits 32 bits.
 int32_t mix_shift(int32_t x) { return (x + ((x >> 31) & ((1 << kMixBits) - 1))) >> kMixBits; }
-
-psynth_sample add_saturated(psynth_sample a, int32_t b) {
-    return (psynth_sample)clamp_int((int32_t)a + b, INT16_MIN, INT16_MAX);
-}
 
 // ---- Decoding (GUI thread) ----
 
@@ -325,14 +315,14 @@ uint64_t step_for(int delta, int file_rate, int net_rate) {
 
 uint64_t voice_step(const vp_voice* v, const vp_data* d, int net_rate) {
     int delta = d->ctl[CTL_ORIGINAL_SPEED] ? 0 : v->pitch - PSYNTH_VORBIS_BASE_PITCH;
-    delta -= clamp_int(d->ctl[CTL_FINETUNE], -kFinetuneRange, kFinetuneRange);
+    delta -= psynth_clamp(d->ctl[CTL_FINETUNE], -kFinetuneRange, kFinetuneRange);
     return step_for(delta, d->sound.rate, net_rate);
 }
 
 // ---- Gains ----
 
 int32_t gain_target(const vp_voice* v, const vp_data* d) {
-    return clamp_int(d->ctl[CTL_VOLUME], 0, kVolumeMax) * v->velocity << kGainShift;
+    return psynth_clamp(d->ctl[CTL_VOLUME], 0, kVolumeMax) * v->velocity << kGainShift;
 }
 
 void start_ramp(vp_voice* v, int32_t target, int frames) {
@@ -380,10 +370,10 @@ void mix_frames(mix_run* r, int from, int to) {
         const int32_t g = gain >> kGainToMixBits;
         if constexpr (kOut == 1) {
             int32_t m = kSrc == 2 ? (l + r2) >> 1 : l;
-            out_l[i] = add_saturated(out_l[i], mix_shift(m * g));
+            out_l[i] = psynth_add_saturated(out_l[i], mix_shift(m * g));
         } else {
-            out_l[i] = add_saturated(out_l[i], mix_shift(l * g));
-            out_r[i] = add_saturated(out_r[i], mix_shift(r2 * g));
+            out_l[i] = psynth_add_saturated(out_l[i], mix_shift(l * g));
+            out_r[i] = psynth_add_saturated(out_r[i], mix_shift(r2 * g));
         }
         pos += step;
         if constexpr (kRamp) gain += delta;
@@ -443,25 +433,22 @@ void render_voice(vp_voice* v, const vp_data* d, uint64_t step, int outs, psynth
     v->gain = r.gain;
 }
 
-int voice_limit(const vp_data* d) { return clamp_int(d->ctl[CTL_POLYPHONY], 1, kMaxVoices); }
+int voice_limit(const vp_data* d) { return psynth_clamp(d->ctl[CTL_POLYPHONY], 1, kMaxVoices); }
 
 intptr_t render(int mod_num, vp_data* d, psynth_net* net) {
     psynth_module* mod = &net->modules[mod_num];
-    const int from = mod->render_offset;
-    const int to = from + mod->render_frames;
-    if (from < 0 || to <= from || to > PSYNTH_BUFFER_SIZE) return 0;
+    int from, to;
+    if (!psynth_render_span(mod, &from, &to)) return 0;
     const int outs = d->ctl[CTL_CHANNELS] == CHANNELS_MONO ? 1 : kMaxChannels;
     psynth_set_number_of_outputs(mod_num, outs, net);
     psynth_sample* out_l = mod->output_buffers[0];
     psynth_sample* out_r = outs == kMaxChannels ? mod->output_buffers[1] : nullptr;
     if (!out_l || (outs == kMaxChannels && !out_r)) return 0;
     if (!d->sound.frames) return 0;
-    bool any = false;
-    for (const vp_voice& v : d->voices) any |= v.active != 0;
-    if (!any) return 0;
+    if (!psynth_voices_sounding(d->voices, kMaxVoices)) return 0;
 
-    memset(out_l + from, 0, sizeof(psynth_sample) * (size_t)(to - from));
-    if (out_r) memset(out_r + from, 0, sizeof(psynth_sample) * (size_t)(to - from));
+    psynth_clear_span(out_l, from, to);
+    if (out_r) psynth_clear_span(out_r, from, to);
     // What the interpolation of the last frame blends with.
     const vp_sound& s = d->sound;
     for (int c = 0; c < s.channels; c++) s.frames[s.count * s.channels + c] = d->ctl[CTL_REPEAT] ? s.frames[c] : 0;
@@ -482,44 +469,20 @@ intptr_t render(int mod_num, vp_data* d, psynth_net* net) {
 
 // ---- Notes ----
 
-vp_voice* voice_with_id(vp_data* d, int id) {
-    if (id < 0) return nullptr;
-    for (vp_voice& v : d->voices) {
-        if (v.active && v.id == id) return &v;
-    }
-    return nullptr;
-}
-
-// A free voice from the cursor on, else a releasing one after the cursor, else the one after it.
-int choose_voice(vp_data* d, int limit) {
-    int cursor = d->cursor % limit;
-    for (int n = 0; n < limit; n++) {
-        int i = (cursor + n) % limit;
-        if (!d->voices[i].active) return d->cursor = i;
-    }
-    for (int n = 1; n <= limit; n++) {
-        int i = (cursor + n) % limit;
-        if (d->voices[i].released) return d->cursor = i;
-    }
-    return d->cursor = (cursor + 1) % limit;
-}
+vp_voice* voice_with_id(vp_data* d, int id) { return psynth_voice_find(d->voices, kMaxVoices, id); }
 
 intptr_t note_on(const psynth_event* e, vp_data* d, psynth_net* net) {
     if (!d->sound.frames) return 0;
-    if (e->id >= 0) {
-        for (vp_voice& v : d->voices) {
-            if (v.active && v.id == e->id) {
-                release_voice(&v, net->sampling_rate);  // the id moves to the new note
-                v.id = -1;
-            }
-        }
-    }
-    vp_voice* v = &d->voices[choose_voice(d, voice_limit(d))];
+    // The id moves to the new note: its old voice fades out and may itself be picked.
+    psynth_voice_hand_over_id(d->voices, kMaxVoices, -1, e->id,
+                              [net](vp_voice& old) { release_voice(&old, net->sampling_rate); });
+    vp_voice* v = &d->voices[psynth_voice_pick(d->voices, voice_limit(d), &d->cursor,
+                                                [](const vp_voice& x) { return x.released != 0; })];
     *v = vp_voice{};
     v->active = 1;
     v->id = e->id;
     v->pitch = e->pitch;
-    v->velocity = clamp_int(e->velocity, 0, kVelocityMax);
+    v->velocity = psynth_clamp(e->velocity, 0, PSYNTH_VELOCITY_MAX);
     v->gain = v->target = gain_target(v, d);
     return 1;
 }
@@ -536,34 +499,18 @@ intptr_t set_offset(const psynth_event* e, vp_data* d) {
     return 1;
 }
 
-void silence_all(vp_data* d) {
-    for (vp_voice& v : d->voices) {
-        v = vp_voice{};
-        v.id = -1;
-    }
-    d->cursor = 0;
-}
-
 void init(int mod_num, vp_data* d, psynth_net* net) {
     memset(d, 0, sizeof(*d));
-    struct ctl_row {
-        const char* name;
-        const char* units;
-        int min, max, def, type;
-    };
-    static const ctl_row rows[CTL_COUNT] = {
-        {"Volume", "", 0, kVolumeMax, PSYNTH_GAIN_UNITY, PSYNTH_CTL_NUMBER},
+    static const psynth_ctl_row rows[CTL_COUNT] = {
+        {"Volume", "", 0, kVolumeMax, PSYNTH_GAIN_UNITY},
         {"Original speed", "off/on", 0, 1, 0, PSYNTH_CTL_SELECTOR},
-        {"Finetune", "", -kFinetuneRange, kFinetuneRange, 0, PSYNTH_CTL_NUMBER},
+        {"Finetune", "", -kFinetuneRange, kFinetuneRange, 0},
         {"Repeat", "off/on", 0, 1, 0, PSYNTH_CTL_SELECTOR},
-        {"Polyphony", "ch.", 1, kMaxVoices, 8, PSYNTH_CTL_NUMBER},
+        {"Polyphony", "ch.", 1, kMaxVoices, 8},
         {"Channels", "stereo/mono", 0, 1, CHANNELS_STEREO, PSYNTH_CTL_SELECTOR},
     };
-    for (int i = 0; i < CTL_COUNT; i++) {
-        const ctl_row& r = rows[i];
-        psynth_register_ctl(mod_num, r.name, r.units, r.min, r.max, r.def, r.type, &d->ctl[i], net);
-    }
-    silence_all(d);
+    psynth_register_ctl_rows(mod_num, rows, d->ctl, net);
+    psynth_voices_clear(d->voices, kMaxVoices, &d->cursor);
 }
 
 }  // namespace
@@ -571,7 +518,6 @@ void init(int mod_num, vp_data* d, psynth_net* net) {
 // ---- Loading ----
 
 int psynth_vorbis_player_load(int mod_num, const char* path, psynth_net* net) {
-    if (!is_player(mod_num, net)) return PSYNTH_VORBIS_ERROR_MODULE;
     vp_data* d = data_of(mod_num, net);
     if (!d) return PSYNTH_VORBIS_ERROR_MODULE;
     int fd = path ? v3_open(path, "rb") : 0;
@@ -623,7 +569,6 @@ int psynth_vorbis_player_load(int mod_num, const char* path, psynth_net* net) {
 }
 
 int psynth_vorbis_player_get_info(int mod_num, psynth_vorbis_info* info, psynth_net* net) {
-    if (!is_player(mod_num, net)) return 1;
     const vp_data* d = data_of(mod_num, net);
     if (!d || !d->sound.frames) return 1;
     if (info) *info = {d->sound.count, d->sound.channels, d->sound.rate};
@@ -654,7 +599,7 @@ intptr_t psynth_vorbis_player(int mod_num, psynth_event* event, psynth_net* net)
         psynth_set_number_of_outputs(mod_num, d->ctl[CTL_CHANNELS] == CHANNELS_MONO ? 1 : kMaxChannels, net);
         return 1;
     case PS_CMD_CLEAN:
-        silence_all(d);
+        psynth_voices_clear(d->voices, kMaxVoices, &d->cursor);
         return 1;
     case PS_CMD_RENDER_REPLACE: return render(mod_num, d, net);
     case PS_CMD_NOTE_ON: return note_on(event, d, net);
@@ -665,7 +610,7 @@ intptr_t psynth_vorbis_player(int mod_num, psynth_event* event, psynth_net* net)
     }
     case PS_CMD_SET_VELOCITY: {
         vp_voice* v = voice_with_id(d, event->id);
-        if (v) v->velocity = clamp_int(event->velocity, 0, kVelocityMax);
+        if (v) v->velocity = psynth_clamp(event->velocity, 0, PSYNTH_VELOCITY_MAX);
         return 1;
     }
     case PS_CMD_SET_SAMPLE_OFFSET:

@@ -1,6 +1,8 @@
-// The headless jobs, driven through the same entry the program uses, on real files.
+// The headless jobs, driven through the same entry the program uses, on real files:
+// exports, the demo song, "module vorbis", sample-info, and bad input that writes nothing.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -12,6 +14,7 @@
 #include "engine/log.h"
 #include "engine/memory.h"
 #include "engine/profile.h"
+#include "psynth/ogg_tone.h"
 
 namespace {
 
@@ -92,10 +95,39 @@ TEST_F(CommandLineTest, ErrorsExitNonZeroAndLeaveNothingBehind) {
     EXPECT_NE(run({"play", "--driver", "asio"}), 0);
     EXPECT_NE(run({"play", "--buffer", "0"}), 0);
     EXPECT_EQ(run({"--help"}), 0);
+    std::ofstream(path("junk.ogg")) << "not an Ogg file";
+    EXPECT_NE(run({"module", "vorbis", path("junk.ogg"), path("out.zelfon")}), 0);
+    EXPECT_NE(run({"module", "vorbis", path("missing.ogg"), path("out.zelfon")}), 0);
+    EXPECT_NE(run({"module", "flute", path("junk.ogg"), path("out.zelfon")}), 0);
+    EXPECT_NE(run({"module", "vorbis", path("junk.ogg")}), 0);
     for (const auto& entry : fs::directory_iterator(dir)) {
         std::string name = entry.path().filename().string();
-        EXPECT_TRUE(name == "garbage.zelfon" || name == "zelfon_log.txt") << name;
+        EXPECT_TRUE(name == "garbage.zelfon" || name == "junk.ogg" || name == "zelfon_log.txt") << name;
     }
+}
+
+// "module vorbis IN.ogg OUT.zelfon" writes a song whose export holds the Ogg file's tone
+// at its own pitch and level.
+TEST_F(CommandLineTest, VorbisModuleSongExportsTheFilesTone) {
+    if (!ogg_tone_encoder_found()) GTEST_SKIP() << "oggenc is not installed";
+    std::string ogg = ogg_tone_make(dir.string(), "tone", 441, 1.0);
+    ASSERT_FALSE(ogg.empty());
+    ASSERT_EQ(run({"module", "vorbis", ogg, path("tone.zelfon")}), 0);
+    ASSERT_EQ(run({"export", path("tone.zelfon"), path("tone.wav")}), 0);
+
+    std::string wav = read(path("tone.wav"));
+    ASSERT_GT(wav.size(), 44u + 4 * 44100);
+    // 16-bit stereo: the file's second fills 9 lines of 5292 frames, one more line rings out.
+    EXPECT_EQ(wav.size() - 44, 10u * 5292 * 4);
+    std::vector<int> left;
+    int peak = 0;
+    for (size_t at = 44; at + 4 <= wav.size(); at += 4) {
+        left.push_back((int16_t)((uint8_t)wav[at] | (uint8_t)wav[at + 1] << 8));
+        peak = std::max(peak, std::abs(left.back()));
+    }
+    EXPECT_NEAR(ogg_tone_period(left, 1000, 44000), 100, 0.01);
+    EXPECT_NEAR(peak, 16384, 400) << "half of full scale, as encoded";
+    for (size_t i = 44100; i < left.size(); i++) ASSERT_EQ(left[i], 0) << "frame " << i;
 }
 
 // sample-info reads a file as the Sampler would load it; errors go to stderr.

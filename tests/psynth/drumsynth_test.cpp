@@ -36,15 +36,14 @@ double crossings_per_second(const std::vector<int>& x, int from, int to) {
 TEST_F(DrumSynthTest, DescribesItselfAndItsControllers) {
     const psynth_module& m = net.modules[mod];
     EXPECT_STREQ(m.name, "DrumSynth");
-    EXPECT_EQ(psynth_find_module_type("DrumSynth"), psynth_drumsynth);
     EXPECT_EQ(m.flags & ~(PSYNTH_FLAG_EXISTS | PSYNTH_FLAG_INITIALIZED), PSYNTH_FLAG_GENERATOR);
     EXPECT_EQ(m.output_channels, 1);
-    expect_controllers(m, {{"Volume", "", 0, 512, 256, 0},        {"Polyphony", "ch.", 1, 16, 4, 0},
-                           {"Bass volume", "", 0, 512, 256, 0},   {"Bass length", "ms", 1, 2000, 300, 0},
-                           {"Bass tone", "", 0, 512, 256, 0},     {"Hihat volume", "", 0, 512, 256, 0},
-                           {"Hihat length", "ms", 1, 2000, 80, 0}, {"Hihat tone", "", 0, 512, 384, 0},
-                           {"Snare volume", "", 0, 512, 256, 0},  {"Snare length", "ms", 1, 2000, 200, 0},
-                           {"Snare tone", "", 0, 512, 320, 0}});
+    EXPECT_EQ(check_ctls(&net, mod, {{"Volume", "", 0, 512, 256, 0},        {"Polyphony", "ch.", 1, 16, 4, 0},
+                                    {"Bass volume", "", 0, 512, 256, 0},   {"Bass length", "ms", 1, 2000, 300, 0},
+                                    {"Bass tone", "", 0, 512, 256, 0},     {"Hihat volume", "", 0, 512, 256, 0},
+                                    {"Hihat length", "ms", 1, 2000, 80, 0}, {"Hihat tone", "", 0, 512, 384, 0},
+                                    {"Snare volume", "", 0, 512, 256, 0},  {"Snare length", "ms", 1, 2000, 200, 0},
+                                    {"Snare tone", "", 0, 512, 320, 0}}), "");
 }
 
 TEST_F(DrumSynthTest, TheBassDrumFallsOntoItsPitchAndFollowsKeyAndTone) {

@@ -51,14 +51,7 @@ protected:
     // Controllers are set before the first render, which builds the envelope tables.
     void set(int mod, int ctl, int value, psynth_net* n = nullptr) { *(n ? n : &net)->modules[mod].ctls[ctl].value = value; }
     void queue(int mod, int command, int offset, int id, int note, int velocity, int pitch, psynth_net* n = nullptr) {
-        psynth_event e = {};
-        e.command = command;
-        e.id = id;
-        e.offset = offset;
-        e.note = (int16_t)note;
-        e.velocity = (uint16_t)velocity;
-        e.pitch = pitch;
-        psynth_add_event(mod, &e, n ? n : &net);
+        queue_event(n ? n : &net, mod, command, offset, id, note, velocity, pitch);
     }
     void note_on(int mod, int offset, int pitch = kPitch, int note = 72, psynth_net* n = nullptr) {
         queue(mod, PS_CMD_NOTE_ON, offset, 1, note, 256, pitch, n);

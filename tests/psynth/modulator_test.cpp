@@ -1,13 +1,13 @@
 // Modulator: identity, exact ring-modulation products in link order, phase modulation
-// delaying the carrier by what the modulator sets (interpolated between frames), the
-// mono switch, and silence: silent when either source is missing in amplitude mode, and
-// in the phase modes one line length of tail after the carrier stops.
+// delaying the carrier by what the modulator sets (interpolated between frames), and
+// silence: silent when either source is missing in amplitude mode, and in the phase modes
+// one line length of tail after the carrier stops.
 #include "effect_test_util.h"
 #include "psynth/psynth_modules.h"
 
 namespace {
 
-enum { VOLUME, TYPE, MAX_DELAY, MONO };
+enum { VOLUME, TYPE, MAX_DELAY };
 enum { AMPLITUDE, PHASE, PHASE_ABS };
 
 int mod_wave(int c, int t) { return c == 0 ? ((t * 37) % 8001) - 4000 : ((t * 11) % 6001) - 3000; }
@@ -33,10 +33,8 @@ int ring_value(int m, int x, int volume) { return wrap16((int)((long long)m * x 
 
 TEST_F(ModulatorTest, AnswersItsIdentityAndControllers) {
     int fx = add_effect(&net, psynth_modulator, -1);
-    psynth_event e = {};
-    e.command = PS_CMD_GET_DATA_SIZE;
     EXPECT_EQ(check_effect_identity(&net, psynth_modulator, fx,
-                                    {(int)psynth_modulator(fx, &e, &net), "Modulator",
+                                    {0, "Modulator",
                                      "Modulator.\nThe first linked module modulates\nthe second (amplitude or phase)",
                                      0xC5, 0x7F, 0xFF, PSYNTH_FLAG_EFFECT | PSYNTH_FLAG_NO_INPUT_MIXING}),
               "");
@@ -45,7 +43,6 @@ TEST_F(ModulatorTest, AnswersItsIdentityAndControllers) {
                                     {"Max phase delay", "", 0, 256, 32, 0},
                                     {"Mono", "off/on", 0, 1, 0, 1}}),
               "");
-    EXPECT_EQ(psynth_find_module_type("Modulator"), psynth_modulator);
 }
 
 TEST_F(ModulatorTest, RingModulationGivesExactProducts) {
@@ -142,17 +139,6 @@ TEST_F(ModulatorTest, PhaseModeDrainsItsLineThenFallsSilent) {
     render_buffer(&net, 4096);
     EXPECT_EQ(net.modules[fx].output_start[0], 4096);
     EXPECT_EQ(net.modules[fx].output_start[1], 4096);
-}
-
-TEST_F(ModulatorTest, MonoSwitchSetsOneOutputChannel) {
-    build(half_full, carrier);
-    set_ctl(&net, fx, MONO, 1);
-    render_buffer(&net, 100);
-    EXPECT_EQ(net.modules[fx].output_channels, 1);
-    EXPECT_EQ(net.modules[fx].output_buffers[0][10], carrier(0, 10) / 2);
-    set_ctl(&net, fx, MONO, 0);
-    render_buffer(&net, 100);
-    EXPECT_EQ(net.modules[fx].output_channels, 2);
 }
 
 }  // namespace

@@ -151,7 +151,6 @@ TEST_F(ReverbTest, AnswersItsIdentityAndControllers) {
                                     {"Freeze", "", 0, 1, 0, 1},
                                     {"Mode", "HQ/HQmono/LQ/LQmono", 0, 3, 0, 1}}),
               "");
-    EXPECT_EQ(psynth_find_module_type("Reverb"), psynth_reverb);
 }
 
 TEST_F(ReverbTest, FirstReflectionArrivesAfterTheShortestComb) {

@@ -1,13 +1,9 @@
 // Helpers for the tests of the synthesizer modules: a net with one synthesizer, events
-// played at absolute frames across several buffers, and measurements of what a listener
-// hears: pitch from zero crossings, level, and the amplitude of one frequency.
+// played at absolute frames across several buffers, and the pitch a listener hears, from
+// zero crossings.
 #pragma once
 
-#include <algorithm>
 #include <cmath>
-#include <cstdlib>
-#include <cstring>
-#include <numbers>
 #include <vector>
 
 #include "psynth/psynth_modules.h"
@@ -21,25 +17,6 @@ struct synth_ev {
     int pitch = 0;     // NOTE_ON, SET_FREQ; the controller number for the controller commands
     int value = 256;   // velocity or controller value
 };
-
-struct ctl_row {
-    const char* name;
-    const char* units;
-    int min, max, def, type;
-};
-
-// The module registered exactly these controllers, each holding its default.
-inline void expect_controllers(const psynth_module& m, const std::vector<ctl_row>& want) {
-    ASSERT_EQ(m.ctls_count, (int)want.size());
-    for (size_t i = 0; i < want.size(); i++) {
-        const psynth_ctl& c = m.ctls[i];
-        const ctl_row& w = want[i];
-        EXPECT_STREQ(c.name, w.name);
-        EXPECT_TRUE(!strcmp(c.units, w.units) && c.min == w.min && c.max == w.max && c.def == w.def &&
-                    *c.value == w.def && c.type == w.type)
-            << c.name;
-    }
-}
 
 // Pitch of an unbent note of semitone `s` (0 = C0).
 constexpr int note_pitch(int s) { return (120 - s) * 256; }
@@ -104,27 +81,6 @@ inline double zero_crossing_hz(const std::vector<int>& x, int from, int to, int 
         }
     }
     return count < 2 ? 0 : rate * (count - 1) / (last - first);
-}
-
-// Amplitude of the sine of `hz` in [from, to): 2·|Σ x·h·e^(−iωn)| / Σh. Without `hann` (h = 1)
-// tones a whole number of times 1/N apart are separated exactly; the Hann window instead
-// keeps far-off tones that do not fit the window from leaking into the measurement.
-inline double amplitude_at(const std::vector<int>& x, int from, int to, double hz, int rate, bool hann = false) {
-    double re = 0, im = 0, sum = 0;
-    for (int i = from; i < to; i++) {
-        double h = hann ? 0.5 - 0.5 * std::cos(2 * std::numbers::pi * (i - from) / (to - from)) : 1;
-        double w = 2 * std::numbers::pi * hz * i / rate;
-        re += h * x[i] * std::cos(w);
-        im += h * x[i] * std::sin(w);
-        sum += h;
-    }
-    return 2 * std::sqrt(re * re + im * im) / sum;
-}
-
-inline int peak(const std::vector<int>& x, int from, int to) {
-    int p = 0;
-    for (int i = from; i < to; i++) p = std::max(p, std::abs(x[i]));
-    return p;
 }
 
 // Hz of a pitch through the shared frequency table (which holds 32 × Hz).

@@ -167,13 +167,14 @@ psynth_sample ramp_value(int base, int channel, int frame) {
     return (psynth_sample)(base + channel * 1000 + frame);
 }
 
-void queue_event(psynth_net* net, int mod_num, int command, int offset, int id, int note, int velocity) {
+void queue_event(psynth_net* net, int mod_num, int command, int offset, int id, int note, int velocity, int pitch) {
     psynth_event event = {};
     event.command = command;
     event.id = id;
     event.offset = offset;
     event.note = (int16_t)note;
     event.velocity = (uint16_t)velocity;
+    event.pitch = pitch;
     psynth_add_event(mod_num, &event, net);
 }
 

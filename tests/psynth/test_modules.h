@@ -1,12 +1,20 @@
 // Modules that exist only for the sound net's tests: a configurable recorder that
 // notes every command it receives and writes a known ramp or constant, and a
-// pass-through effect; plus the fixture every psynth test runs in.
+// pass-through effect; plus the fixture every psynth test runs in, the check of a module's
+// registered controllers and the level measurements the module tests share.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <initializer_list>
+#include <numbers>
 #include <string>
+#include <vector>
 
 #include "psynth/psynth_net.h"
 
@@ -84,7 +92,7 @@ std::string check_frames(const psynth_sample* buf, int from, int to, F want) {
 }
 
 void queue_event(psynth_net* net, int mod_num, int command, int offset, int id = -1,
-                 int note = 0, int velocity = 0);
+                 int note = 0, int velocity = 0, int pitch = 0);
 // One buffer: render parameters, the pass, then empty queues.
 void render_buffer(psynth_net* net, int frames);
 // RENDER_REPLACE requests (offset, frames) a module received, as "o+f o+f ...".
@@ -105,3 +113,46 @@ protected:
     psynth_net net{};
     std::string temp_dir;
 };
+
+struct ctl_expect {
+    const char* name;
+    const char* units;
+    int min, max, def, type;
+};
+
+// "" when the module registered exactly these controllers in this order, else the first difference.
+inline std::string check_ctls(const psynth_net* net, int m, std::initializer_list<ctl_expect> want) {
+    const psynth_module* mod = &net->modules[m];
+    if (mod->ctls_count != (int)want.size()) return "count " + std::to_string(mod->ctls_count);
+    int i = 0;
+    for (const ctl_expect& w : want) {
+        const psynth_ctl& c = mod->ctls[i];
+        if (strcmp(c.name, w.name) || strcmp(c.units, w.units) || c.min != w.min || c.max != w.max ||
+            c.def != w.def || c.type != w.type || *c.value != w.def) {
+            return "controller " + std::to_string(i) + " (" + c.name + ")";
+        }
+        i++;
+    }
+    return "";
+}
+
+// Amplitude of the sine of `hz` in [from, to): 2·|Σ x·h·e^(−iωn)| / Σh. Without `hann` (h = 1)
+// tones a whole number of times 1/N apart are separated exactly; the Hann window instead
+// keeps far-off tones that do not fit the window from leaking into the measurement.
+inline double amplitude_at(const std::vector<int>& x, int from, int to, double hz, int rate, bool hann = false) {
+    double re = 0, im = 0, sum = 0;
+    for (int i = from; i < to; i++) {
+        double h = hann ? 0.5 - 0.5 * std::cos(2 * std::numbers::pi * (i - from) / (to - from)) : 1;
+        double w = 2 * std::numbers::pi * hz * i / rate;
+        re += h * x[i] * std::cos(w);
+        im += h * x[i] * std::sin(w);
+        sum += h;
+    }
+    return 2 * std::sqrt(re * re + im * im) / sum;
+}
+
+inline int peak(const std::vector<int>& x, int from, int to) {
+    int p = 0;
+    for (int i = from; i < to; i++) p = std::max(p, std::abs(x[i]));
+    return p;
+}

@@ -47,6 +47,16 @@ protected:
         EXPECT_FALSE(path.empty()) << "oggenc failed";
         return path;
     }
+    // Puts `bytes` in the file chunk and sends SETUP_FINISHED, as loading a song does.
+    void set_file_chunk(const std::vector<char>& bytes) {
+        ASSERT_EQ(psynth_new_chunk(mod, PSYNTH_VORBIS_FILE_CHUNK, (int)bytes.size(), 0, 0, &net), 0);
+        if (!bytes.empty()) memcpy(psynth_get_chunk(mod, PSYNTH_VORBIS_FILE_CHUNK, &net), bytes.data(), bytes.size());
+        psynth_do_command(mod, PS_CMD_SETUP_FINISHED, &net);
+    }
+    static std::vector<char> read(const std::string& path) {
+        std::ifstream in(path, std::ios::binary);
+        return std::vector<char>((std::istreambuf_iterator<char>(in)), {});
+    }
     void load(const std::string& path) { ASSERT_EQ(psynth_vorbis_player_load(mod, path.c_str(), &net), 0); }
     void set(int ctl, int value) { *net.modules[mod].ctls[ctl].value = value; }
 
@@ -75,11 +85,6 @@ protected:
             }
         }
         return left;
-    }
-    static int peak(const std::vector<int>& v, size_t from, size_t to) {
-        int p = 0;
-        for (size_t i = from; i < to && i < v.size(); i++) p = std::max(p, std::abs(v[i]));
-        return p;
     }
 
     int mod = -1;
@@ -176,8 +181,7 @@ TEST_F(VorbisPlayerTest, VoicesSumAndChannelsFollowTheSwitch) {
 
 TEST_F(VorbisPlayerTest, DamagedFilesGiveAnErrorAndASilentModule) {
     std::string path = tone("good", 441, 0.5);
-    std::ifstream in(path, std::ios::binary);
-    std::vector<char> good((std::istreambuf_iterator<char>(in)), {});
+    std::vector<char> good = read(path);
     ASSERT_GT(good.size(), 1000u);
     std::vector<char> noise(good.size());
     srand(7);
@@ -192,10 +196,7 @@ TEST_F(VorbisPlayerTest, DamagedFilesGiveAnErrorAndASilentModule) {
         {"not Vorbis", no_vorbis},
     };
     for (auto& b : bad) {
-        // As a song loads it: the chunk, then SETUP_FINISHED.
-        ASSERT_EQ(psynth_new_chunk(mod, PSYNTH_VORBIS_FILE_CHUNK, (int)b.bytes.size(), 0, 0, &net), 0);
-        if (!b.bytes.empty()) memcpy(psynth_get_chunk(mod, PSYNTH_VORBIS_FILE_CHUNK, &net), b.bytes.data(), b.bytes.size());
-        psynth_do_command(mod, PS_CMD_SETUP_FINISHED, &net);
+        set_file_chunk(b.bytes);
         EXPECT_EQ(psynth_vorbis_player_get_info(mod, nullptr, &net), 1) << b.what;
         std::vector<int> out = play({{0, PS_CMD_NOTE_ON, 1}}, 2048);
         EXPECT_EQ(peak(out, 0, 2048), 0) << b.what;
@@ -220,9 +221,7 @@ TEST_F(VorbisPlayerTest, DamagedFilesGiveAnErrorAndASilentModule) {
     for (int k = 0; k < 20; k++) {
         std::vector<char> flipped = good;
         for (int j = 0; j < 8; j++) flipped[200 + rand() % (flipped.size() - 200)] ^= (char)(1 + rand() % 255);
-        ASSERT_EQ(psynth_new_chunk(mod, PSYNTH_VORBIS_FILE_CHUNK, (int)flipped.size(), 0, 0, &net), 0);
-        memcpy(psynth_get_chunk(mod, PSYNTH_VORBIS_FILE_CHUNK, &net), flipped.data(), flipped.size());
-        psynth_do_command(mod, PS_CMD_SETUP_FINISHED, &net);
+        set_file_chunk(flipped);
         psynth_vorbis_info info;
         if (psynth_vorbis_player_get_info(mod, &info, &net) == 0) {
             EXPECT_LE(info.frames, kRate / 2);
@@ -231,12 +230,9 @@ TEST_F(VorbisPlayerTest, DamagedFilesGiveAnErrorAndASilentModule) {
     }
 
     // A longer file cut short plays what its whole pages hold.
-    std::ifstream long_in(tone("long", 441, 10.0), std::ios::binary);
-    std::vector<char> cut((std::istreambuf_iterator<char>(long_in)), {});
+    std::vector<char> cut = read(tone("long", 441, 10.0));
     cut.resize(cut.size() * 6 / 10);
-    ASSERT_EQ(psynth_new_chunk(mod, PSYNTH_VORBIS_FILE_CHUNK, (int)cut.size(), 0, 0, &net), 0);
-    memcpy(psynth_get_chunk(mod, PSYNTH_VORBIS_FILE_CHUNK, &net), cut.data(), cut.size());
-    psynth_do_command(mod, PS_CMD_SETUP_FINISHED, &net);
+    set_file_chunk(cut);
     psynth_vorbis_info info;
     ASSERT_EQ(psynth_vorbis_player_get_info(mod, &info, &net), 0);
     EXPECT_GT(info.frames, kRate);
@@ -256,7 +252,7 @@ TEST_F(VorbisPlayerTest, RendersWithoutAllocating) {
     uint64_t before = mem_get_stats().allocations;
     std::vector<int> out = play(events, 16 * 700, 333);
     EXPECT_EQ(mem_get_stats().allocations, before) << "the render allocated";
-    EXPECT_GT(peak(out, 0, out.size()), 1000);
+    EXPECT_GT(peak(out, 0, (int)out.size()), 1000);
 }
 
 }  // namespace

@@ -19,21 +19,8 @@
 
 namespace {
 
-using bytes = std::vector<uint8_t>;
-
 const char kFullName[] = "Thirty-two characters, no less!!";  // exactly 32
 static_assert(sizeof(kFullName) == 33);
-
-bytes read_file(const char* path) {
-    bytes out;
-    int fd = v3_open(path, "rb");
-    if (!fd) return out;
-    uint8_t buf[4096];
-    size_t n;
-    while ((n = v3_read(buf, 1, sizeof(buf), fd)) > 0) out.insert(out.end(), buf, buf + n);
-    v3_close(fd);
-    return out;
-}
 
 void write_file(const char* path, const bytes& data) {
     int fd = v3_open(path, "wb");
@@ -98,19 +85,6 @@ bytes chunk_bytes(const std::string& id, const bytes& data) {
 
 class SongFileTest : public SongFixture {
 protected:
-    bytes save(const char* path = "3:/song.zelfon") {
-        EXPECT_EQ(zelfon_save_song(path, ZELFON_VERSION_MAJOR, ZELFON_VERSION_MINOR, &song), 0);
-        return read_file(path);
-    }
-
-    int load(const char* path = "3:/song.zelfon") { return zelfon_load_song(path, &song); }
-
-    int add_module(psynth_handler handler, const char* name, int x, int y) {
-        int mod = psynth_add_synth(-1, handler, name, 0, x, y, song.bpm, song.speed, song.net);
-        psynth_do_command(mod, PS_CMD_SETUP_FINISHED, song.net);
-        return mod;
-    }
-
     psynth_module& module(int mod) { return song.net->modules[mod]; }
 
     // A Sampler with one 16-bit sample of 5 frames at 9001 Hz.
@@ -378,14 +352,14 @@ TEST_F(SongFileTest, CutFileKeepsWhatWasReadAndLogsTheError) {
     ASSERT_NE(song.pats[0], nullptr);
     EXPECT_EQ(song.pats_info[0].x, 12);
     EXPECT_EQ(song.net->modules[1].flags, 0u);
-    bytes text = read_file(TARVIK_LOG_FILE);
+    bytes text = file_bytes(TARVIK_LOG_FILE);
     std::string log(text.begin(), text.end());
     EXPECT_NE(log.find("zelfon_load_song() error 2\n"), std::string::npos);
 }
 
 TEST_F(SongFileTest, MissingFileIsMinusOneWithAMessage) {
     EXPECT_EQ(load("3:/no_such.zelfon"), ZELFON_LOAD_CANT_OPEN);
-    bytes log = read_file(TARVIK_LOG_FILE);
+    bytes log = file_bytes(TARVIK_LOG_FILE);
     std::string text(log.begin(), log.end());
     EXPECT_NE(text.find("Can't open file 3:/no_such.zelfon\n"), std::string::npos);
 }
@@ -466,21 +440,21 @@ TEST_F(SongFileTest, FailedSaveLeavesThePreviousFileIntact) {
 
     fs::create_directory(temp);  // the temporary file cannot be created
     EXPECT_EQ(zelfon_save_song("3:/keep.zelfon", "1", "6.4", &song), 1);
-    EXPECT_EQ(read_file("3:/keep.zelfon"), good);
+    EXPECT_EQ(file_bytes("3:/keep.zelfon"), good);
     fs::remove(temp);
 
     fs::create_symlink("/dev/full", temp);  // the disk fills up while writing
     EXPECT_EQ(zelfon_save_song("3:/keep.zelfon", "1", "6.4", &song), 1);
-    EXPECT_EQ(read_file("3:/keep.zelfon"), good);
+    EXPECT_EQ(file_bytes("3:/keep.zelfon"), good);
     EXPECT_FALSE(fs::exists(fs::symlink_status(temp)));  // the failed temporary file is gone
 
     EXPECT_EQ(zelfon_save_song("3:/missing_dir/keep.zelfon", "1", "6.4", &song), 1);
     EXPECT_EQ(zelfon_save_synth(1, "3:/missing_dir/gen.zelsynth", 0, &song), 1);
     EXPECT_EQ(zelfon_save_synth(2, "3:/empty_slot.zelsynth", 0, &song), 1);  // unused slot
-    EXPECT_TRUE(read_file("3:/empty_slot.zelsynth").empty());
+    EXPECT_TRUE(file_bytes("3:/empty_slot.zelsynth").empty());
 
     EXPECT_EQ(zelfon_save_song("3:/keep.zelfon", "1", "6.4", &song), 0);
-    EXPECT_NE(read_file("3:/keep.zelfon"), good);
+    EXPECT_NE(file_bytes("3:/keep.zelfon"), good);
     EXPECT_FALSE(fs::exists(fs::symlink_status(temp)));
 }
 
@@ -500,7 +474,7 @@ TEST_F(SongFileTest, ChunkWriterReportsTheStepThatFailed) {
 TEST_F(SongFileTest, ModuleFileWithPositionAndLinksRoundTrips) {
     build_rich_song();
     ASSERT_EQ(zelfon_save_synth(3, "3:/smp.zelsynth", ZELFON_SYNTH_POS_AND_LINKS, &song), 0);
-    bytes first = read_file("3:/smp.zelsynth");
+    bytes first = file_bytes("3:/smp.zelsynth");
     auto chunks = chunks_of(first);
     ASSERT_GE(chunks.size(), 3u);
     EXPECT_EQ(chunks[0].id, "ZSYN");
@@ -530,13 +504,13 @@ TEST_F(SongFileTest, ModuleFileWithPositionAndLinksRoundTrips) {
     ASSERT_EQ(zelfon_load_synth(3, 0, 0, "3:/smp.zelsynth", ZELFON_SYNTH_POS_AND_LINKS, &song), 3);
     psynth_remove_synth(mod, song.net);
     ASSERT_EQ(zelfon_save_synth(3, "3:/smp2.zelsynth", ZELFON_SYNTH_POS_AND_LINKS, &song), 0);
-    EXPECT_EQ(read_file("3:/smp2.zelsynth"), first);
+    EXPECT_EQ(file_bytes("3:/smp2.zelsynth"), first);
 }
 
 TEST_F(SongFileTest, ModuleFileWithoutPositionAndLinks) {
     build_rich_song();
     ASSERT_EQ(zelfon_save_synth(1, "3:/gen.zelsynth", 0, &song), 0);
-    bytes first = read_file("3:/gen.zelsynth");
+    bytes first = file_bytes("3:/gen.zelsynth");
     auto chunks = chunks_of(first);
     for (const char* id : {"SXXX", "SYYY", "SLNK", "SLNk"}) EXPECT_EQ(find_id(chunks, id), nullptr) << id;
     EXPECT_EQ(count_ids(chunks, "CHDT"), 2);
@@ -551,7 +525,7 @@ TEST_F(SongFileTest, ModuleFileWithoutPositionAndLinks) {
     EXPECT_EQ(*module(mod).ctls[0].value, 201);
     EXPECT_EQ(memcmp(psynth_get_chunk(mod, 5, song.net), "\x01\x02\x03\x04\x05\x06\x07", 7), 0);
     ASSERT_EQ(zelfon_save_synth(mod, "3:/gen2.zelsynth", 0, &song), 0);
-    EXPECT_EQ(read_file("3:/gen2.zelsynth"), first);
+    EXPECT_EQ(file_bytes("3:/gen2.zelsynth"), first);
 
     // A file with position and links loaded without them: the caller's place, no links.
     ASSERT_EQ(zelfon_save_synth(3, "3:/smp.zelsynth", ZELFON_SYNTH_POS_AND_LINKS, &song), 0);
@@ -564,7 +538,7 @@ TEST_F(SongFileTest, ModuleFileWithoutPositionAndLinks) {
 TEST_F(SongFileTest, PasteboardCopiesAModuleThroughItsFile) {
     build_rich_song();
     ASSERT_EQ(zelfon_copy_synth_to_pasteboard(1, &song), 0);
-    EXPECT_FALSE(read_file(ZELFON_PASTEBOARD_FILE).empty());
+    EXPECT_FALSE(file_bytes(ZELFON_PASTEBOARD_FILE).empty());
     int mod = zelfon_paste_synth_from_pasteboard(40, 50, &song);
     ASSERT_EQ(mod, 2);
     EXPECT_STREQ(module(mod).name, "Gen");
@@ -575,7 +549,7 @@ TEST_F(SongFileTest, PasteboardCopiesAModuleThroughItsFile) {
 TEST_F(SongFileTest, TruncatedModuleFilesGiveNoModule) {
     build_rich_song();
     ASSERT_EQ(zelfon_save_synth(1, "3:/gen.zelsynth", ZELFON_SYNTH_POS_AND_LINKS, &song), 0);
-    bytes file = read_file("3:/gen.zelsynth");
+    bytes file = file_bytes("3:/gen.zelsynth");
     for (size_t len = 0; len < file.size(); len++) {
         write_file("3:/cut.zelsynth", bytes(file.begin(), file.begin() + (long)len));
         ASSERT_EQ(zelfon_load_synth(-1, 0, 0, "3:/cut.zelsynth", ZELFON_SYNTH_POS_AND_LINKS, &song), -1) << len;

@@ -7,6 +7,18 @@
 #include "engine/file.h"
 #include "engine/log.h"
 #include "engine/memory.h"
+#include "song/song_file.h"
+
+bytes file_bytes(const char* path) {
+    bytes out;
+    int fd = v3_open(path, "rb");
+    if (!fd) return out;
+    uint8_t buf[4096];
+    size_t n;
+    while ((n = v3_read(buf, 1, sizeof(buf), fd)) > 0) out.insert(out.end(), buf, buf + n);
+    v3_close(fd);
+    return out;
+}
 
 intptr_t logger_handler(int mod_num, psynth_event* event, psynth_net* net) {
     logger_data* data = mod_num >= 0 ? (logger_data*)net->modules[mod_num].data : nullptr;
@@ -65,6 +77,32 @@ int SongFixture::add_logger() {
     int mod = psynth_add_synth(-1, logger_handler, nullptr, 0, 0, 0, song.bpm, song.speed, song.net);
     psynth_make_link(0, mod, song.net);
     return mod;
+}
+
+int SongFixture::add_module(psynth_handler handler, const char* name, int x, int y) {
+    int mod = psynth_add_synth(-1, handler, name, 0, x, y, song.bpm, song.speed, song.net);
+    EXPECT_GE(mod, 0);
+    psynth_do_command(mod, PS_CMD_SETUP_FINISHED, song.net);
+    return mod;
+}
+
+std::vector<int> SongFixture::ctl_values(int mod) {
+    std::vector<int> v;
+    for (int i = 0; i < song.net->modules[mod].ctls_count; i++) v.push_back(ctl(mod, i));
+    return v;
+}
+
+bytes SongFixture::save(const char* path) {
+    EXPECT_EQ(zelfon_save_song(path, ZELFON_VERSION_MAJOR, ZELFON_VERSION_MINOR, &song), 0);
+    return file_bytes(path);
+}
+
+bytes SongFixture::save_load_save(const char* path) {
+    bytes first = save(path);
+    EXPECT_FALSE(first.empty());
+    EXPECT_EQ(load(path), 0);
+    EXPECT_EQ(save("3:/song_again.zelfon"), first) << "saving the loaded song gives other bytes";
+    return first;
 }
 
 logger_data* SongFixture::logger(int mod) { return (logger_data*)song.net->modules[mod].data; }

@@ -1,15 +1,18 @@
-// Helpers for the song engine's tests: a fixture with a song on a fresh log, and a
-// module that logs every event it receives at its absolute frame and sounds a level
-// that follows its notes, so that timing errors show in the output samples.
+// Helpers for the song engine's tests: a fixture with a song on a fresh log that adds
+// modules and saves and loads the song, and a module that logs every event it receives at
+// its absolute frame and sounds a level that follows its notes, so that timing errors
+// show in the output samples.
 #pragma once
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
 #include "song/playback.h"
 #include "song/song.h"
+#include "song/song_file.h"
 
 constexpr int LOGGER_MAX_EVENTS = 4096;
 
@@ -25,6 +28,11 @@ struct logger_data {
     logged_event events[LOGGER_MAX_EVENTS];
 };
 
+using bytes = std::vector<uint8_t>;
+
+// The whole content of a file (a path as v3_open takes it); empty when it cannot be read.
+bytes file_bytes(const char* path);
+
 // A sound source (flag 8) with one output that asks for SPEED_CHANGED (flag 0x400).
 intptr_t logger_handler(int mod_num, psynth_event* event, psynth_net* net);
 
@@ -35,6 +43,15 @@ public:
 
     // A logger module linked into OUT; returns its module number.
     int add_logger();
+    // A module of `handler` at (x, y), not linked, after SETUP_FINISHED; its module number.
+    int add_module(psynth_handler handler, const char* name = nullptr, int x = 10, int y = 20);
+    int& ctl(int mod, int n) { return *song.net->modules[mod].ctls[n].value; }
+    std::vector<int> ctl_values(int mod);
+    // Saves the song to `path` (this version) and returns the file's bytes.
+    bytes save(const char* path = "3:/song.zelfon");
+    int load(const char* path = "3:/song.zelfon") { return zelfon_load_song(path, &song); }
+    // save → load → save: the second save must give the same bytes; returns the first.
+    bytes save_load_save(const char* path = "3:/song.zelfon");
     logger_data* logger(int mod);
     // A pattern at x with `lines` lines and `tracks` tracks; returns its slot.
     int add_pattern(int x, int lines, int tracks = 4);
