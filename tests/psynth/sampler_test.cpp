@@ -86,12 +86,8 @@ protected:
 
     psynth_event event(int command, int id, int offset = 0, int note = 0, int velocity = 0, int pitch = 0) {
         psynth_event e = {};
-        e.command = command;
-        e.id = id;
-        e.offset = offset;
-        e.note = (int16_t)note;
-        e.velocity = (uint16_t)velocity;
-        e.pitch = pitch;
+        e.command = command, e.id = id, e.offset = offset;
+        e.note = (int16_t)note, e.velocity = (uint16_t)velocity, e.pitch = pitch;
         return e;
     }
     void queue(int command, int offset, int id, int note = 0, int velocity = 0, int pitch = 0) {
@@ -117,42 +113,35 @@ protected:
     std::vector<int> left(int frames) { return render(frames).l; }
 };
 
+// Runs of {count, value}: runs({{200, 100}, {100, 0}}) is 200 × 100 then 100 × 0.
+std::vector<int> runs(std::initializer_list<std::pair<int, int>> parts) {
+    std::vector<int> v;
+    for (auto [count, value] : parts) v.insert(v.end(), count, value);
+    return v;
+}
+
 TEST_F(SamplerTest, AnswersItsQuestionsAndRegistersItsControllers) {
     psynth_event e = {};
     auto ask = [&](int command) { e.command = command; return psynth_sampler(-1, &e, &net); };
-    EXPECT_EQ(ask(PS_CMD_GET_DATA_SIZE), 2188);
     EXPECT_STREQ((const char*)ask(PS_CMD_GET_SYNTH_NAME), "Sampler");
     EXPECT_STREQ((const char*)ask(PS_CMD_GET_SYNTH_INFO),
                  "Sampler.\nSupported file formats: WAV, XI\n\nAvailable local controllers:\n * Pan");
     EXPECT_STREQ((const char*)ask(PS_CMD_GET_SYNTH_COLOR), "#FF9000");
-    EXPECT_EQ(ask(PS_CMD_GET_INPUTS_NUM), 2);
-    EXPECT_EQ(ask(PS_CMD_GET_OUTPUTS_NUM), 2);
-    EXPECT_EQ(ask(PS_CMD_GET_FLAGS), 0x418);
-    EXPECT_EQ(ask(PS_CMD_GET_WIDTH), 0);
-    EXPECT_EQ(ask(PS_CMD_GET_HEIGHT), 0);
-    EXPECT_EQ(ask(PS_CMD_NOP), 0);
-    EXPECT_EQ(ask(99), 0);
+    const int answers[][2] = {{PS_CMD_GET_DATA_SIZE, 2188}, {PS_CMD_GET_INPUTS_NUM, 2}, {PS_CMD_GET_OUTPUTS_NUM, 2},
+                              {PS_CMD_GET_FLAGS, 0x418},    {PS_CMD_GET_WIDTH, 0},      {PS_CMD_GET_HEIGHT, 0},
+                              {PS_CMD_NOP, 0},              {99, 0}};
+    for (auto [command, want] : answers) EXPECT_EQ(ask(command), want) << command;
 
     add_sampler();
     const psynth_module& m = net.modules[mod];
     EXPECT_STREQ(m.name, "Sampler");
-    EXPECT_EQ(m.color[0], 0xFF);
-    EXPECT_EQ(m.color[1], 0x90);
-    EXPECT_EQ(m.color[2], 0x00);
+    EXPECT_EQ(m.color[0] << 16 | m.color[1] << 8 | m.color[2], 0xFF9000);
     EXPECT_EQ(m.flags & 0x418u, 0x418u);
-    ASSERT_EQ(m.ctls_count, 5);
-    struct want { const char* name; const char* units; int min, max, def, type; };
-    const want ctls[5] = {{"Volume", "", 0, 512, 256, 0}, {"Panning", "", 0, 256, 128, 0},
-                          {"Sample interpolation", "off/linear/cubic", 0, 2, 2, 1},
-                          {"Volume interpolation", "off/linear", 0, 1, 1, 1}, {"Polyphony", "ch.", 1, 16, 8, 1}};
-    for (int i = 0; i < 5; i++) {
-        EXPECT_STREQ(m.ctls[i].name, ctls[i].name) << i;
-        EXPECT_STREQ(m.ctls[i].units, ctls[i].units) << i;
-        EXPECT_EQ(m.ctls[i].min, ctls[i].min) << i;
-        EXPECT_EQ(m.ctls[i].max, ctls[i].max) << i;
-        EXPECT_EQ(*m.ctls[i].value, ctls[i].def) << i;
-        EXPECT_EQ(m.ctls[i].type, ctls[i].type) << i;
-    }
+    EXPECT_EQ(check_ctls(&net, mod, {{"Volume", "", 0, 512, 256, 0}, {"Panning", "", 0, 256, 128, 0},
+                                     {"Sample interpolation", "off/linear/cubic", 0, 2, 2, 1},
+                                     {"Volume interpolation", "off/linear", 0, 1, 1, 1},
+                                     {"Polyphony", "ch.", 1, 16, 8, 1}}),
+              "");
     EXPECT_EQ(send(PS_CMD_SET_GLOBAL_CONTROLLER, -1, 0, 16384), 0);  // left to the net
     EXPECT_EQ(send(PS_CMD_CLEAN, -1), 1);
     EXPECT_EQ(send(PS_CMD_ALL_NOTES_OFF, -1), 1);
@@ -169,42 +158,29 @@ TEST_F(SamplerTest, DefaultInstrumentAtItsStoredOffsets) {
     const uint8_t* raw = (const uint8_t*)psynth_get_chunk(mod, 0, &net);
     auto u16 = [&](int offset) { return raw[offset] | raw[offset + 1] << 8; };
     auto s16 = [&](int offset) { return (int)(int16_t)u16(offset); };
-    EXPECT_EQ(u16(28), 0);   // no samples
-    EXPECT_EQ(raw[244], 64); // instrument volume
-    EXPECT_EQ(raw[246], 128);
+    EXPECT_EQ(u16(28), 0);  // no samples
+    // Volume 64, panning 128; 4 and 4 points, sustain point 1, both envelopes off.
+    for (auto [offset, want] : {std::pair{244, 64}, {246, 128}, {228, 4}, {229, 4}, {230, 1}, {236, 0}, {237, 0}}) {
+        EXPECT_EQ(raw[offset], want) << offset;
+    }
     const int vol_points[8] = {0, 0, 32, 64, 128, 32, 256, 0};
     const int pan_points[8] = {0, 32, 64, 0, 128, 64, 180, 32};
     for (int i = 0; i < 8; i++) {
         EXPECT_EQ(u16(132 + 2 * i), vol_points[i]) << i;
         EXPECT_EQ(u16(180 + 2 * i), pan_points[i]) << i;
     }
-    EXPECT_EQ(raw[228], 4);
-    EXPECT_EQ(raw[229], 4);
-    EXPECT_EQ(raw[230], 1);  // sustain point
-    EXPECT_EQ(raw[236], 0);  // both envelopes off
-    EXPECT_EQ(raw[237], 0);
-    // Volume table at 250: 32 per tick up to 1024, then slope −65536/96 = −341 (toward zero).
-    auto vol = [&](int x) { return s16(250 + 2 * x); };
-    EXPECT_EQ(vol(0), 0);
-    EXPECT_EQ(vol(16), 512);
-    EXPECT_EQ(vol(32), 1024);
-    EXPECT_EQ(vol(33), 1018);   // (65536 − 341) >> 6
-    EXPECT_EQ(vol(127), 517);   // (65536 − 95 · 341) >> 6; a slope of −342 would give 516
-    EXPECT_EQ(vol(128), 512);   // the point itself: 32 · 16
-    EXPECT_EQ(vol(129), 508);
-    EXPECT_EQ(vol(256), 0);
-    EXPECT_EQ(vol(300), 0);
-    // Panning table at 1274: 512 − 8x, then 16 per tick, then slope −32768/52 = −630.
-    auto pan = [&](int x) { return s16(1274 + 2 * x); };
-    EXPECT_EQ(pan(0), 512);
-    EXPECT_EQ(pan(32), 256);
-    EXPECT_EQ(pan(64), 0);
-    EXPECT_EQ(pan(96), 512);
-    EXPECT_EQ(pan(128), 1024);
-    EXPECT_EQ(pan(129), 1014);  // (65536 − 630) >> 6
-    EXPECT_EQ(pan(154), 768);   // (65536 − 26 · 630) >> 6
-    EXPECT_EQ(pan(180), 512);
-    EXPECT_EQ(pan(181), 0);
+    // Volume table at 250: 32 per tick up to 1024, then slope −65536/96 = −341 (toward zero):
+    // x 33 is (65536 − 341) >> 6, x 127 is (65536 − 95 · 341) >> 6 (−342 would give 516).
+    for (auto [x, want] : {std::pair{0, 0}, {16, 512}, {32, 1024}, {33, 1018}, {127, 517}, {128, 512}, {129, 508},
+                           {256, 0}, {300, 0}}) {
+        EXPECT_EQ(s16(250 + 2 * x), want) << "volume " << x;
+    }
+    // Panning table at 1274: 512 − 8x, then 16 per tick, then slope −32768/52 = −630:
+    // x 129 is (65536 − 630) >> 6, x 154 is (65536 − 26 · 630) >> 6.
+    for (auto [x, want] : {std::pair{0, 512}, {32, 256}, {64, 0}, {96, 512}, {128, 1024}, {129, 1014}, {154, 768},
+                           {180, 512}, {181, 0}}) {
+        EXPECT_EQ(s16(1274 + 2 * x), want) << "panning " << x;
+    }
 }
 
 TEST_F(SamplerTest, EnvelopeTablesStopAtPointsGoingBack) {
@@ -224,11 +200,9 @@ TEST_F(SamplerTest, EnvelopeTablesStopAtPointsGoingBack) {
     EXPECT_EQ(in->volume_table[10], 512);
     for (int x = 11; x < 512; x++) ASSERT_EQ(in->volume_table[x], 0) << x;  // x going back ends the build
     // Equal x: a flat step, then the point's own value.
-    EXPECT_EQ(in->panning_table[4], 512);
-    EXPECT_EQ(in->panning_table[8], 0);
-    EXPECT_EQ(in->panning_table[12], 512);
-    EXPECT_EQ(in->panning_table[16], 1024);
-    EXPECT_EQ(in->panning_table[17], 0);
+    for (auto [x, want] : {std::pair{4, 512}, {8, 0}, {12, 512}, {16, 1024}, {17, 0}}) {
+        EXPECT_EQ(in->panning_table[x], want) << x;
+    }
 
     in->volume_points_num = 1;  // fewer than two points: all zero
     psynth_sampler_build_envelope_tables(in);
@@ -298,12 +272,8 @@ TEST_F(SamplerTest, FloatSamplesRoundHalfAwayFromZero) {
     set_ctl(PSYNTH_SAMPLER_CTL_SAMPLE_INTERP, 1);
     net.sampling_rate = 2 * kRateBase;  // half a frame per frame
     note_on(0, 2, 48);
-    // Frame 1 sits halfway between 0.5 and −0.25: (−0.25 · 16384 + 0.5 · 16383) / 32768 · 2048.
-    std::vector<int> got = left(3);
-    EXPECT_EQ(got[0], 1024);  // 0.5 · 32767/32768 · 2048 = 1023.97
-    EXPECT_EQ(got[1], (int)std::lround((-0.25 * 16384 + 0.5 * 16383) / 32768 * 2048));
-    EXPECT_EQ(got[1], 256);
-    EXPECT_EQ(got[2], -512);
+    // 0.5 · 32767/32768 · 2048 = 1023.97; halfway, (−0.25 · 16384 + 0.5 · 16383) / 32768 · 2048 = 255.97.
+    EXPECT_EQ(left(3), (std::vector<int>{1024, 256, -512}));
 }
 
 // Steps of 98308/65536 (8363 Hz at 5575 frames per second): whole frames and
@@ -313,6 +283,12 @@ constexpr int kRateOddStep = 5575;
 struct frame_pos {
     int i, next, frac;
 };
+// What the linear blend of s[i] and s[next] by frac plays at every position, at full volume.
+std::vector<int> blends(const std::vector<int16_t>& s, std::initializer_list<frame_pos> positions) {
+    std::vector<int> v;
+    for (const frame_pos& p : positions) v.push_back(mix(kFull, lerp(s[p.i], s[p.next], p.frac)));
+    return v;
+}
 
 TEST_F(SamplerTest, ForwardLoopWrapsAndBlendsIntoTheLoopStart) {
     add_sampler(kRateOddStep);
@@ -321,13 +297,8 @@ TEST_F(SamplerTest, ForwardLoopWrapsAndBlendsIntoTheLoopStart) {
     h->loop_start = 2;
     h->loop_length = 4;  // loop end = 6 = the sample's end
     note_on(0, 1, 48);
-    const frame_pos want[11] = {{0, 1, 0},    {1, 2, 32772}, {3, 4, 8},     {4, 5, 32780},
-                                {2, 3, 16},   {3, 4, 32788}, {5, 2, 24},    {2, 3, 32796},
-                                {4, 5, 32},   {5, 2, 32804}, {3, 4, 40}};
-    std::vector<int> got = left(11);
-    for (int k = 0; k < 11; k++) {
-        EXPECT_EQ(got[k], mix(kFull, lerp(s[want[k].i], s[want[k].next], want[k].frac))) << "frame " << k;
-    }
+    EXPECT_EQ(left(11), blends(s, {{0, 1, 0}, {1, 2, 32772}, {3, 4, 8}, {4, 5, 32780}, {2, 3, 16}, {3, 4, 32788},
+                                   {5, 2, 24}, {2, 3, 32796}, {4, 5, 32}, {5, 2, 32804}, {3, 4, 40}}));
 }
 
 TEST_F(SamplerTest, PingPongMirrorsWithTheFractionNegated) {
@@ -340,13 +311,9 @@ TEST_F(SamplerTest, PingPongMirrorsWithTheFractionNegated) {
     // Frame 4: position 6 + 16/65536 passes the end and becomes 5 + 65520/65536 going down;
     // at the loop end's edge the current frame blends with itself. Frame 7: 1 + 32740/65536
     // is 32796/65536 below the start and folds to 2 + 32796/65536 going up.
-    const frame_pos want[13] = {{0, 1, 0},     {1, 2, 32772}, {3, 4, 8},     {4, 5, 32780}, {5, 5, 65520},
-                                {4, 5, 32748}, {2, 3, 65512}, {2, 3, 32796}, {4, 5, 32},    {5, 5, 32804},
-                                {4, 5, 65496}, {3, 4, 32724}, {2, 3, 48}};
-    std::vector<int> got = left(13);
-    for (int k = 0; k < 13; k++) {
-        EXPECT_EQ(got[k], mix(kFull, lerp(s[want[k].i], s[want[k].next], want[k].frac))) << "frame " << k;
-    }
+    EXPECT_EQ(left(13), blends(s, {{0, 1, 0}, {1, 2, 32772}, {3, 4, 8}, {4, 5, 32780}, {5, 5, 65520},
+                                   {4, 5, 32748}, {2, 3, 65512}, {2, 3, 32796}, {4, 5, 32}, {5, 5, 32804},
+                                   {4, 5, 65496}, {3, 4, 32724}, {2, 3, 48}}));
 
     // A one-frame loop: every step crosses an edge, and the distance below the start is
     // counted with its fraction (0.50 → turns up; 1.0004 → a whole pass, still going down).
@@ -451,10 +418,8 @@ TEST_F(SamplerTest, ReleaseWithoutEnvelopeEndsAtTheNextTick) {
     add_sample(0, kInt16 | kForward, std::vector<int16_t>(16, 1600))->loop_length = 16;
     note_on(0, 7, 48);
     queue(PS_CMD_NOTE_OFF, 130, 7);
-    std::vector<int> got = left(300);
     // Ticks at 0, 100, 200: the one at 200 finds the key released and ends the voice.
-    EXPECT_EQ(std::vector<int>(got.begin(), got.begin() + 200), std::vector<int>(200, 100));
-    EXPECT_EQ(std::vector<int>(got.begin() + 200, got.end()), std::vector<int>(100, 0));
+    EXPECT_EQ(left(300), runs({{200, 100}, {100, 0}}));
     EXPECT_EQ(send(PS_CMD_NOTE_OFF, 7), 1);  // no longer owned: still 1
 
     // Ticks of 100 + 50/256 frames start at frames ⌈k · 25650 / 256⌉: 0, 101, 201.
@@ -463,9 +428,7 @@ TEST_F(SamplerTest, ReleaseWithoutEnvelopeEndsAtTheNextTick) {
     psynth_sampler(mod, &e, &net);
     note_on(0, 8, 48);
     queue(PS_CMD_NOTE_OFF, 150, 8);
-    got = left(300);
-    EXPECT_EQ(std::vector<int>(got.begin(), got.begin() + 201), std::vector<int>(201, 100));
-    EXPECT_EQ(std::vector<int>(got.begin() + 201, got.end()), std::vector<int>(99, 0));
+    EXPECT_EQ(left(300), runs({{201, 100}, {99, 0}}));
 }
 
 TEST_F(SamplerTest, StealsTheVoiceAfterTheCursorNotTheOldest) {
@@ -542,9 +505,8 @@ TEST_F(SamplerTest, VolumeEnvelopeRampsAcrossEachTick) {
         ASSERT_EQ(got[99 + k], (int)((((int64_t)volume >> 7) * 16384) >> 18)) << k;
     }
     EXPECT_EQ(got[199], 512);  // 1048652 after the last step: a little above 256 · 4096
-    for (int k = 200; k < 400; k++) ASSERT_EQ(got[k], 512) << k;  // ticks 2, 3 start at the exact target
-    // Tick 4 stands on the last point with 0 and no loop: the voice ends there.
-    EXPECT_EQ(std::vector<int>(got.begin() + 400, got.end()), std::vector<int>(100, 0));
+    // Ticks 2, 3 start at the exact target; tick 4 stands on the last point, 0 without a loop: the end.
+    EXPECT_EQ(std::vector<int>(got.begin() + 200, got.end()), runs({{200, 512}, {100, 0}}));
 
     send(PS_CMD_CLEAN, -1);
     set_ctl(PSYNTH_SAMPLER_CTL_VOLUME_INTERP, 0);
@@ -614,88 +576,63 @@ TEST_F(SamplerTest, VolumeChainAndPanningControllers) {
     ins()->volume = 32;
     set_ctl(PSYNTH_SAMPLER_CTL_VOLUME, 384);
     note_on(0, 1, 48, 200);
+    // The first frame of a tick, left and right.
+    auto first = [&] { stereo_out o = render(kTick); return std::pair{o.l[0], o.r[0]}; };
     // e = 1024 · 32 >> 6 = 512; 512 · 512 >> 10 = 256; · 48 >> 6 = 192; · 384 >> 8 = 288; · 200 >> 8 = 225.
-    stereo_out o = render(kTick);
-    EXPECT_EQ(o.l[0], mix(225, 16384));
-    EXPECT_EQ(o.l[0], 450);
-    EXPECT_EQ(o.r[0], 450);
+    EXPECT_EQ(first(), std::pair(450, 450));
 
     // Local panning 32768 → 256: pan = 128 + 128 + 256 − 384 + 128 = 256, hard right.
     // (Changes between buffers meet the tick that ended the last one: they count a tick later.)
     EXPECT_EQ(send(PS_CMD_SET_LOCAL_CONTROLLER, 1, PSYNTH_SAMPLER_LOCAL_CTL_PAN, 32768), 1);
     EXPECT_EQ(send(PS_CMD_SET_LOCAL_CONTROLLER, 1, 0, 32768), 0);   // not a local controller
     EXPECT_EQ(send(PS_CMD_SET_LOCAL_CONTROLLER, 99, PSYNTH_SAMPLER_LOCAL_CTL_PAN, 0), 0);  // no such voice
-    EXPECT_EQ(left(kTick)[0], 450);
-    o = render(kTick);
-    EXPECT_EQ(o.l[0], 0);
-    EXPECT_EQ(o.r[0], 450);
+    EXPECT_EQ(first(), std::pair(450, 450));
+    EXPECT_EQ(first(), std::pair(0, 450));
     // Local 64 (8192 >> 7) with sample panning 128 and "Panning" 128: pan 64 →
     // left min(192 · 4, 512) = 512, right 256.
     send(PS_CMD_SET_LOCAL_CONTROLLER, 1, PSYNTH_SAMPLER_LOCAL_CTL_PAN, 8192);
     render(kTick);
-    o = render(kTick);
-    EXPECT_EQ(o.l[0], 450);
-    EXPECT_EQ(o.r[0], 224);  // side ((((256 · 512 >> 10) · 48 >> 6) · 384 >> 8) · 200 >> 8) = 112
+    EXPECT_EQ(first(), std::pair(450, 224));  // side ((((256 · 512 >> 10) · 48 >> 6) · 384 >> 8) · 200 >> 8) = 112
     // Below 0: all left at 512.
     set_ctl(PSYNTH_SAMPLER_CTL_PANNING, 0);
     h->panning = 0;
     render(kTick);
-    o = render(kTick);
-    EXPECT_EQ(o.l[0], 450);
-    EXPECT_EQ(o.r[0], 0);
+    EXPECT_EQ(first(), std::pair(450, 0));
 }
 
 TEST_F(SamplerTest, AutoVibratoStartsWithTheFirstTick) {
     add_sampler(kRateBase, 10);
     set_ctl(PSYNTH_SAMPLER_CTL_SAMPLE_INTERP, 0);
     add_sample(0, kInt16, ramp16(128));
-    psynth_sampler_instrument* in = ins();
-    // Ramp down, depth 192, rate 64: s = ((−v) >> 1) · 192 >> 4 gives 0, −768, 1536, 768, 0
-    // for v = 0, 128, −256, −128, 0: the first tick keeps the note's step, the second plays
-    // an octave up, then two octaves and one octave down, in ticks of 10 frames.
-    in->vibrato_type = 1;
-    in->vibrato_depth = 192;
-    in->vibrato_rate = 64;
-    note_on(0, 1, 48);
-    std::vector<int> got = left(50);
-    std::vector<int> want;
-    int64_t p = 0;
-    const int64_t steps[5] = {ref_step(18432, kRateBase), ref_step(18432 - 3072, kRateBase),
-                              ref_step(18432 + 6144, kRateBase), ref_step(18432 + 3072, kRateBase),
-                              ref_step(18432, kRateBase)};
-    EXPECT_EQ(steps[0], 65536);
-    EXPECT_EQ(steps[1], 131072);
-    for (int t = 0; t < 5; t++) {
-        for (int k = 0; k < 10; k++, p += steps[t]) want.push_back((int)(p >> 16));
-    }
-    EXPECT_EQ(got, want);
-
-    // Square (type 2): s = 16 · 127 >> 4 = 127 already on the first tick, before any frame.
-    send(PS_CMD_CLEAN, -1);
-    in->vibrato_type = 2;
-    in->vibrato_depth = 16;
-    in->vibrato_rate = 0;
-    note_on(0, 2, 48);
-    got = left(20);
-    int64_t step = ref_step(18432 + 4 * 127, kRateBase);
-    ASSERT_LT(step, 65536 * 9 / 10);
-    for (int k = 0; k < 20; k++) EXPECT_EQ(got[k], (int)(k * step >> 16)) << k;
-
-    // Sine with sweep 4: s scales by 0, 2/4, 4/4 over the ticks; v = 0, 128, −256, −128.
-    send(PS_CMD_CLEAN, -1);
-    in->vibrato_type = 0;
-    in->vibrato_depth = 255;
-    in->vibrato_rate = 64;
-    in->vibrato_sweep = 4;
-    note_on(0, 3, 48);
-    got = left(40);
-    // sine[128] = 255: 255 · 255 >> 8 = 254, negated for v > 0, then · 2 / 4 = −127;
-    // v = −256 reads sine[0] = 0; v = −128 gives +254.
-    const int s[4] = {0, -127, 0, 254};
-    p = 0;
-    for (int t = 0; t < 4; t++) {
-        int64_t st = ref_step(18432 + 4 * s[t], kRateBase);
-        for (int k = 0; k < 10; k++, p += st) EXPECT_EQ(got[10 * t + k], (int)(p >> 16)) << t << ":" << k;
+    // The ramp reads back the whole frame of the position; ticks of 10 frames, each at the
+    // note's pitch plus an offset s (in 1/64 semitone, so 4 · s in 1/256).
+    struct vibrato_case { uint8_t type, depth, rate, sweep; std::vector<int> s; };
+    const vibrato_case cases[3] = {
+        // Ramp down: s = ((−v) >> 1) · 192 >> 4 for v = 0, 128, −256, −128, 0: the first tick
+        // keeps the note's step, then an octave up, two octaves and one octave down.
+        {1, 192, 64, 0, {0, -768, 1536, 768, 0}},
+        // Square: s = 16 · 127 >> 4 = 127 already on the first tick, before any frame.
+        {2, 16, 0, 0, {127, 127}},
+        // Sine with sweep 4: s scales by 0, 2/4, 4/4; sine[128] = 255: 255 · 255 >> 8 = 254,
+        // negated for v > 0, · 2 / 4 = −127; v = −256 reads sine[0] = 0; v = −128 gives +254.
+        {0, 255, 64, 4, {0, -127, 0, 254}},
+    };
+    EXPECT_EQ(ref_step(18432 - 3072, kRateBase), 131072);
+    ASSERT_LT(ref_step(18432 + 4 * 127, kRateBase), 65536 * 9 / 10);  // the square's offset shows at once
+    for (int c = 0; c < 3; c++) {
+        SCOPED_TRACE(c);
+        send(PS_CMD_CLEAN, -1);
+        psynth_sampler_instrument* in = ins();
+        in->vibrato_type = cases[c].type, in->vibrato_depth = cases[c].depth;
+        in->vibrato_rate = cases[c].rate, in->vibrato_sweep = cases[c].sweep;
+        note_on(0, c + 1, 48);
+        std::vector<int> want;
+        int64_t p = 0;
+        for (int offset : cases[c].s) {
+            int64_t step = ref_step(18432 + 4 * offset, kRateBase);
+            for (int k = 0; k < 10; k++, p += step) want.push_back((int)(p >> 16));
+        }
+        EXPECT_EQ(left((int)want.size()), want);
     }
 }
 
@@ -713,11 +650,11 @@ TEST_F(SamplerTest, SampleOffsetsAndCommandsWhileIdle) {
     note_on(0, 1, 48);
     queue(PS_CMD_SET_SAMPLE_OFFSET, 2, 1, 0, 0, 5);
     EXPECT_EQ(left(6), (std::vector<int>{0, 1, 5, 6, 7, 0}));
-    EXPECT_EQ(send(PS_CMD_SET_FREQ, 99), 1);  // unknown ids: 1 for these three
-    EXPECT_EQ(send(PS_CMD_SET_VELOCITY, 99), 1);
-    EXPECT_EQ(send(PS_CMD_NOTE_OFF, 99), 1);
-    EXPECT_EQ(send(PS_CMD_SET_SAMPLE_OFFSET, 99), 0);  // and 0 for the offsets
-    EXPECT_EQ(send(PS_CMD_SET_SAMPLE_OFFSET2, 99), 0);
+    // Unknown ids: 1 for these three, 0 for the offsets.
+    for (auto [command, want] : {std::pair{PS_CMD_SET_FREQ, 1}, {PS_CMD_SET_VELOCITY, 1}, {PS_CMD_NOTE_OFF, 1},
+                                 {PS_CMD_SET_SAMPLE_OFFSET, 0}, {PS_CMD_SET_SAMPLE_OFFSET2, 0}}) {
+        EXPECT_EQ(send(command, 99), want) << psynth_command_name(command);
+    }
 
     note_on(0, 2, 48);
     queue(PS_CMD_SET_SAMPLE_OFFSET, 1, 2, 0, 0, 1000);  // beyond the end: the last frame
