@@ -65,12 +65,9 @@ protected:
             for (const ev& e : all) {
                 if (e.frame < from || e.frame >= to) continue;
                 psynth_event x = {};
-                x.command = e.command;
-                x.id = e.id;
-                x.offset = e.frame - from;
+                x.command = e.command, x.id = e.id, x.offset = e.frame - from, x.pitch = e.pitch;
                 x.note = (int16_t)(e.command == PS_CMD_SET_LOCAL_CONTROLLER ? e.pitch : (30720 - e.pitch) / 256);
                 x.velocity = (uint16_t)e.value;
-                x.pitch = e.pitch;
                 psynth_add_event(gen, &x, &net);
             }
             render_buffer(&net, to - from);
@@ -93,6 +90,11 @@ protected:
         return std::vector<int>(x.begin() + 2 * kPeriod, x.end());
     }
 
+    void square_lq() {
+        set(WAVEFORM, SQUARE);
+        set(MODE, LQ);
+    }
+
     bool silent_last_buffer() { return net.modules[gen].output_start[0] == net.frames; }
 
     int gen = -1;
@@ -106,33 +108,15 @@ TEST_F(GeneratorTest, DescribesItselfItsControllersAndTheDrawnWave) {
     EXPECT_EQ(m.flags & ~(PSYNTH_FLAG_EXISTS | PSYNTH_FLAG_INITIALIZED), PSYNTH_FLAG_GENERATOR);
     EXPECT_EQ(m.input_channels, 1);
     EXPECT_EQ(m.output_channels, 2);
-    EXPECT_EQ(m.color[0], 0x00);
-    EXPECT_EQ(m.color[1], 0xA0);
-    EXPECT_EQ(m.color[2], 0xFF);
-    struct row { const char* name; const char* units; int min, max, def, type; };
-    const row want[] = {
-        {"Volume", "", 0, 512, 256, 0},
-        {"Waveform", "triangle/saw/square/noise/drawn/sine/half-sine/abs-sine/pulse", 0, 8, 0, 1},
-        {"Panning", "", 0, 256, 128, 0},
-        {"Attack", "ms", 0, 512, 0, 0},
-        {"Release", "ms", 0, 512, 64, 0},
-        {"Polyphony", "ch.", 1, 16, 8, 0},
-        {"Mode", "HQ/HQmono/LQ/LQmono", 0, 3, 0, 1},
-        {"Sustain", "off/on", 0, 1, 1, 1},
-        {"Freq.modulation input", "", 0, 256, 0, 0},
-        {"Duty cycle", "", 0, 1024, 512, 0},
-    };
-    ASSERT_EQ(m.ctls_count, 10);
-    for (int i = 0; i < 10; i++) {
-        const psynth_ctl& c = m.ctls[i];
-        EXPECT_STREQ(c.name, want[i].name);
-        EXPECT_STREQ(c.units, want[i].units) << c.name;
-        EXPECT_EQ(c.min, want[i].min) << c.name;
-        EXPECT_EQ(c.max, want[i].max) << c.name;
-        EXPECT_EQ(c.def, want[i].def) << c.name;
-        EXPECT_EQ(*c.value, want[i].def) << c.name;
-        EXPECT_EQ(c.type, want[i].type) << c.name;
-    }
+    EXPECT_EQ(m.color[0] << 16 | m.color[1] << 8 | m.color[2], 0x00A0FF);
+    EXPECT_EQ(check_ctls(&net, gen,
+                         {{"Volume", "", 0, 512, 256, 0},
+                          {"Waveform", "triangle/saw/square/noise/drawn/sine/half-sine/abs-sine/pulse", 0, 8, 0, 1},
+                          {"Panning", "", 0, 256, 128, 0}, {"Attack", "ms", 0, 512, 0, 0},
+                          {"Release", "ms", 0, 512, 64, 0}, {"Polyphony", "ch.", 1, 16, 8, 0},
+                          {"Mode", "HQ/HQmono/LQ/LQmono", 0, 3, 0, 1}, {"Sustain", "off/on", 0, 1, 1, 1},
+                          {"Freq.modulation input", "", 0, 256, 0, 0}, {"Duty cycle", "", 0, 1024, 512, 0}}),
+              "");
     // Chunk 0: one period of a sine in 32 signed bytes, 8-bit storage.
     int size = 0, flags = 0;
     ASSERT_EQ(psynth_get_chunk_info(gen, 0, &size, &flags, nullptr, &net), 0);
@@ -224,8 +208,7 @@ TEST_F(GeneratorTest, ShapesAndLevelsAreExact) {
     // Panning 64: the left side stays at unity, the right one is halved; a voice's own
     // panning to the far left glides the right side out within 64 frames.
     set(PANNING, 64);
-    set(WAVEFORM, SQUARE);
-    set(MODE, LQ);
+    square_lq();
     psynth_do_command(gen, PS_CMD_CLEAN, &net);
     std::vector<int> right;
     std::vector<int> left = play({{0, PS_CMD_NOTE_ON, 1, kC5}, {256, PS_CMD_SET_LOCAL_CONTROLLER, 1, 2, 0}},
@@ -276,8 +259,7 @@ TEST_F(GeneratorTest, PiecesAndBuffersDoNotChangeTheSound) {
 }
 
 TEST_F(GeneratorTest, AttackRampsUpFromSilence) {
-    set(WAVEFORM, SQUARE);
-    set(MODE, LQ);
+    square_lq();
     set(ATTACK, 20);  // 669 frames
     std::vector<int> x = play({{0, PS_CMD_NOTE_ON, 1, kC5}}, 1024);
     EXPECT_EQ(x[0], 0);
@@ -304,8 +286,7 @@ TEST_F(GeneratorTest, WithoutSustainANoteDecaysAndFallsSilent) {
     // The starter net's setting: Release 512 ms with Sustain off, then SETUP_FINISHED.
     set(RELEASE, 512);
     set(SUSTAIN, 0);
-    set(WAVEFORM, SQUARE);
-    set(MODE, LQ);
+    square_lq();
     psynth_do_command(gen, PS_CMD_SETUP_FINISHED, &net);
     const int release = kRate * 512 / 1000;  // 17127 frames
     std::vector<int> x = play({{0, PS_CMD_NOTE_ON, 1, kC5}}, 4096);
@@ -329,8 +310,7 @@ TEST_F(GeneratorTest, WithoutSustainANoteDecaysAndFallsSilent) {
 }
 
 TEST_F(GeneratorTest, NoteOffReleasesAndCleanSilencesAtOnce) {
-    set(WAVEFORM, SQUARE);
-    set(MODE, LQ);
+    square_lq();
     set(RELEASE, 10);  // 334 frames from full level
     std::vector<int> x = play({{0, PS_CMD_NOTE_ON, 1, kC5}, {200, PS_CMD_NOTE_OFF, 7}, {300, PS_CMD_NOTE_OFF, 1}}, 1024);
     for (int i = 40; i < 300; i++) ASSERT_EQ(x[i], square_at(i)) << i;  // an unknown id releases nothing
@@ -371,8 +351,7 @@ TEST_F(GeneratorTest, MonoModePlaysOneVoiceLegato) {
 }
 
 TEST_F(GeneratorTest, APolyphonyLimitStealsTheVoiceAfterTheCursor) {
-    set(WAVEFORM, SQUARE);
-    set(MODE, LQ);
+    square_lq();
     set(POLYPHONY, 2);
     set(RELEASE, 1);
     // Notes 1 and 2 take voices 0 and 1 (the cursor on 1); note 3 steals voice 0 from note 1,
@@ -395,13 +374,8 @@ TEST_F(GeneratorTest, TheDrawnWaveformReadsChunkZero) {
     for (int k = 0; k < kPeriod; k++) {
         int a = p[k / 2] * 16, b = p[(k / 2 + 1) % 32] * 16;
         EXPECT_EQ(lq[k], a) << k;  // two frames per point
-        if (k % 2 == 0) {
-            EXPECT_EQ(hq[k], a) << k;
-        } else {
-            EXPECT_GE(hq[k], std::min(a, b)) << k;  // half way to the next point
-            EXPECT_LE(hq[k], std::max(a, b)) << k;
-            EXPECT_NEAR(hq[k], (a + b) / 2.0, 1.0) << k;
-        }
+        // HQ: the point itself, then half way to the next one (neighbours lie 16 or more apart).
+        EXPECT_NEAR(hq[k], k % 2 ? (a + b) / 2.0 : a, k % 2 ? 1.0 : 0.0) << k;
     }
     EXPECT_EQ(lq[0], -2048);
     EXPECT_EQ(lq[10], 2032);
@@ -429,8 +403,7 @@ TEST_F(GeneratorTest, NoiseIsReproducibleAndHeldPerThirtySecondOfAPeriod) {
 }
 
 TEST_F(GeneratorTest, TheInputModulatesThePhaseOnlyWhileLinked) {
-    set(WAVEFORM, SQUARE);
-    set(MODE, LQ);
+    square_lq();
     set(FM, 128);
     int source = add_constant_source(&net, 1024);
     psynth_make_link(gen, source, &net);
