@@ -4,11 +4,11 @@
 // values are multiples of 256, so every depth holds them exactly.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstring>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "psynth/psynth_modules.h"
@@ -26,18 +26,6 @@ std::string le(uint32_t v, int n) {
     std::string s;
     for (int i = 0; i < n; i++) s += (char)(v >> (8 * i));
     return s;
-}
-
-// The finetune of a rate, from the frequency table's definition.
-int reference_finetune(int rate) {
-    int best = 0;
-    double best_distance = 1e18;
-    for (int i = 0; i < 7680; i++) {
-        int p = 7680 - i;
-        double d = std::fabs((double)(((int64_t)std::floor(535232 * std::pow(2.0, -(p % 768) / 768.0)) >> (p / 768)) - rate));
-        if (d < best_distance) best_distance = d, best = i;
-    }
-    return 2 * (best % 64);
 }
 
 class SampleFileTest : public PsynthFixture {
@@ -129,12 +117,15 @@ TEST_F(SampleFileTest, CreationStepBuildsTheInstrumentHeaderAndData) {
     EXPECT_EQ(header(1)->type, 0x20 | 0x40);
     EXPECT_EQ(header(1)->length, 100u);
     EXPECT_EQ(info(1)[1], 4 | 8);
-    for (int rate : {22050, 48000, 9001, 11025, 96000, 1, 0, 1000000}) {
-        EXPECT_EQ(psynth_sample_finetune_for_rate(rate), reference_finetune(rate)) << rate;
+    // 2 × (the table entry nearest the rate mod 64), from the frequency table's definition.
+    for (auto [rate, want] : {std::pair{22050, 100}, {48000, 32}, {9001, 34}, {11025, 100}, {96000, 32}, {1, 0},
+                              {0, 0}, {1000000, 126}}) {
+        EXPECT_EQ(psynth_sample_finetune_for_rate(rate), want) << rate;
     }
-    EXPECT_EQ(psynth_sample_create("x", 10, 24, 1, 44100, 0, mod, &net), nullptr);
-    EXPECT_EQ(psynth_sample_create("x", 10, 16, 3, 44100, 0, mod, &net), nullptr);
-    EXPECT_EQ(psynth_sample_create("x", 10, 16, 1, 44100, 16, mod, &net), nullptr);
+    // 24 bits, 3 channels, slot 16: refused.
+    for (auto [bits, channels, slot] : {std::tuple{24, 1, 0}, {16, 3, 0}, {16, 1, 16}}) {
+        EXPECT_EQ(psynth_sample_create("x", 10, bits, channels, 44100, slot, mod, &net), nullptr) << bits << channels << slot;
+    }
     EXPECT_NE(log_text().find("Can't create the sample\n"), std::string::npos);
     ASSERT_NE(psynth_sample_create("new", 2, 16, 1, 44100, -1, mod, &net), nullptr);
     EXPECT_STREQ(ins()->name, "new");  // slot −1 makes a new instrument record
@@ -204,14 +195,13 @@ TEST_F(SampleFileTest, ReaderErrorsStopTheLoadWithTheirMessages) {
     const std::string good = read("good.wav");
     ASSERT_EQ(good.size(), 44u + 200);
     auto patched = [&](int pos, uint32_t value, int width) { return std::string(good).replace(pos, width, le(value, width)); };
-    write("x.wav", patched(34, 12, 2));
-    expect_failure(load("x.wav"), "12 bits not supported\n");
-    write("x.wav", patched(22, 3, 2));
-    expect_failure(load("x.wav"), "3 channels not supported\n");
-    write("x.wav", patched(40, 244, 4));
-    expect_failure(load("x.wav"), "Incorrect 'data' chunk (244 bytes)\n");
-    write("x.wav", patched(40, 243, 4));  // passes the size check, then the file ends
-    expect_failure(load("x.wav"), "Unexpected end of file\n");
+    // Data size 243 passes the size check, then the file ends.
+    for (auto [pos, value, width, message] :
+         {std::tuple{34, 12, 2, "12 bits not supported\n"}, {22, 3, 2, "3 channels not supported\n"},
+          {40, 244, 4, "Incorrect 'data' chunk (244 bytes)\n"}, {40, 243, 4, "Unexpected end of file\n"}}) {
+        write("x.wav", patched(pos, value, width));
+        expect_failure(load("x.wav"), message);
+    }
     EXPECT_EQ(header(0)->length, 121u);   // what was made stays
     sox("ulaw.wav", 1, "-e u-law");
     expect_failure(load("ulaw.wav"), "Only uncompressed PCM files supported\n");
