@@ -36,6 +36,14 @@ std::vector<int> reference_sine() {
     return x;
 }
 
+// Envelope tables with linear blending between entries (HQ); 256 positions per entry.
+int env_hq(const int* t, int pos) { return (t[pos >> 8] * (256 - (pos & 255)) + t[(pos >> 8) + 1] * (pos & 255)) >> 8; }
+// One frame at sine index idx: modulator (with feedback fb) into carrier, side gain `gain`.
+int fm_frame(const std::vector<int>& sine, int idx, int m_env, int c_env, int fb = 0, int gain = 128) {
+    int m = (m_env * sine[(idx + ((sine[idx & 4095] * fb) >> 8)) & 4095]) >> 15;
+    return (((sine[(m + idx) & 4095] * gain) >> 8) * c_env) >> 18;
+}
+
 struct stereo {
     std::vector<int> l, r;
 };
@@ -86,10 +94,10 @@ TEST_F(FmTest, AnswersItsQuestionsAndRegistersItsControllers) {
     EXPECT_STREQ((const char*)ask(PS_CMD_GET_SYNTH_INFO),
                  "FM Synthesizer.\n(Frequency Modulation)\n\"C\" - carrier\n\"M\" - modulator\nInternal sampling frequency: 44100 Hz");
     EXPECT_STREQ((const char*)ask(PS_CMD_GET_SYNTH_COLOR), "#00E3FF");
-    EXPECT_EQ(ask(PS_CMD_GET_DATA_SIZE), 17136);
-    EXPECT_EQ(ask(PS_CMD_GET_FLAGS), 8);
-    EXPECT_EQ(ask(PS_CMD_GET_OUTPUTS_NUM), 2);
-    EXPECT_EQ(ask(PS_CMD_GET_INPUTS_NUM), 0);
+    for (auto [command, want] : {std::pair{PS_CMD_GET_DATA_SIZE, 17136}, {PS_CMD_GET_FLAGS, 8},
+                                 {PS_CMD_GET_OUTPUTS_NUM, 2}, {PS_CMD_GET_INPUTS_NUM, 0}}) {
+        EXPECT_EQ(ask(command), want) << command;
+    }
 
     int fm = add_fm();
     const psynth_module& m = net.modules[fm];
@@ -102,9 +110,9 @@ TEST_F(FmTest, AnswersItsQuestionsAndRegistersItsControllers) {
     EXPECT_EQ(m.ctls[C_RELEASE].max, 512);
     EXPECT_EQ(*m.ctls[M_VOLUME].value, 48);
     // Commands it leaves alone.
-    EXPECT_EQ(psynth_do_command(fm, PS_CMD_SETUP_FINISHED, &net), 0);
-    EXPECT_EQ(psynth_do_command(fm, PS_CMD_SET_SAMPLE_OFFSET, &net), 0);
-    EXPECT_EQ(psynth_do_command(fm, PS_CMD_SPEED_CHANGED, &net), 0);
+    for (int command : {PS_CMD_SETUP_FINISHED, PS_CMD_SET_SAMPLE_OFFSET, PS_CMD_SPEED_CHANGED}) {
+        EXPECT_EQ(psynth_do_command(fm, command, &net), 0) << command;
+    }
     // A controller event is stored by the net (the module declines it).
     e = {};
     e.command = PS_CMD_SET_GLOBAL_CONTROLLER;
@@ -136,8 +144,6 @@ TEST_F(FmTest, FirstFramesOfAKnownNoteFollowTheOperatorFormulas) {
 
     const std::vector<int> sine = reference_sine();
     const int c_env[5] = {0, 32768, 16384, 0, 0}, m_env[5] = {0, 8192, 4096, 0, 0};
-    auto env = [](const int* t, int pos) { return (t[pos >> 8] * (256 - (pos & 255)) + t[(pos >> 8) + 1] * (pos & 255)) >> 8; };
-    auto env_lq = [](const int* t, int pos) { return t[pos >> 8]; };
     uint32_t phase = 0;
     for (int f = 0; f < 2048; f++, phase += 49712) {
         // Held, both stop at attack + decay = 2 entries (position 512), stepping one past it
@@ -149,14 +155,10 @@ TEST_F(FmTest, FirstFramesOfAKnownNoteFollowTheOperatorFormulas) {
             continue;
         }
         int idx = (int)(phase >> 10);
-        int m = (env(m_env, pos) * sine[(idx + ((sine[idx & 4095] * 40) >> 8)) & 4095]) >> 15;
-        int c = sine[(m + idx) & 4095];
-        int e_c = env(c_env, pos);
-        ASSERT_EQ(s.l[f], (((c * 128) >> 8) * e_c) >> 18) << "frame " << f;
-        ASSERT_EQ(s.r[f], (((c * 64) >> 8) * e_c) >> 18) << "frame " << f;
-        m = (env_lq(m_env, pos) * sine[(idx + ((sine[idx & 4095] * 40) >> 8)) & 4095]) >> 15;
-        c = sine[(m + idx) & 4095];
-        ASSERT_EQ(l.l[f], (((c * 128) >> 8) * env_lq(c_env, pos)) >> 18) << "LQ frame " << f;
+        ASSERT_EQ(s.l[f], fm_frame(sine, idx, env_hq(m_env, pos), env_hq(c_env, pos), 40)) << "frame " << f;
+        ASSERT_EQ(s.r[f], fm_frame(sine, idx, env_hq(m_env, pos), env_hq(c_env, pos), 40, 64)) << "frame " << f;
+        // LQ reads each entry as it is.
+        ASSERT_EQ(l.l[f], fm_frame(sine, idx, m_env[pos >> 8], c_env[pos >> 8], 40)) << "LQ frame " << f;
     }
     // A few of them written out. The in-place passes leave the table a little behind a
     // true sine: entry 0 is −217, and the peak of 32587 is reached at entry 1020.
@@ -184,15 +186,11 @@ TEST_F(FmTest, OneEnvelopeMovesWhileTheOtherStands) {
     render(1024, {&sc, &sm}, {c_moves, m_moves});
     const std::vector<int> sine = reference_sine();
     const int c_env[6] = {0, 16384, 32768, 16384, 0, 0}, m_env[6] = {0, 4096, 8192, 4096, 0, 0};
-    auto env = [](const int* t, int pos) { return (t[pos >> 8] * (256 - (pos & 255)) + t[(pos >> 8) + 1] * (pos & 255)) >> 8; };
     uint32_t phase = 0;
     for (int f = 0; f < 1024; f++, phase += 49712) {
-        int pos = f < 768 ? f : 768;
-        int idx = (int)(phase >> 10);
-        int c = sine[(((4096 * sine[idx & 4095]) >> 15) + idx) & 4095];  // modulator standing at 4096
-        ASSERT_EQ(sc.l[f], (((c * 128) >> 8) * env(c_env, pos)) >> 18) << "frame " << f;
-        c = sine[(((env(m_env, pos) * sine[idx & 4095]) >> 15) + idx) & 4095];
-        ASSERT_EQ(sm.l[f], (((c * 128) >> 8) * 16384) >> 18) << "frame " << f;  // carrier standing at 16384
+        int pos = f < 768 ? f : 768, idx = (int)(phase >> 10);
+        ASSERT_EQ(sc.l[f], fm_frame(sine, idx, 4096, env_hq(c_env, pos))) << "frame " << f;  // modulator standing at 4096
+        ASSERT_EQ(sm.l[f], fm_frame(sine, idx, env_hq(m_env, pos), 16384)) << "frame " << f;  // carrier standing at 16384
     }
 }
 
@@ -270,10 +268,7 @@ TEST_F(FmTest, MonoModesHaveOneOutputAndLqSkipsTheEnvelopeInterpolation) {
         note_on(mods[m], 0);
     }
     render(2048, {&o[0], &o[1], &o[2], &o[3]}, {mods[0], mods[1], mods[2], mods[3]});
-    EXPECT_EQ(psynth_get_number_of_outputs(mods[0], &net), 2);
-    EXPECT_EQ(psynth_get_number_of_outputs(mods[1], &net), 1);
-    EXPECT_EQ(psynth_get_number_of_outputs(mods[2], &net), 2);
-    EXPECT_EQ(psynth_get_number_of_outputs(mods[3], &net), 1);
+    for (int m = 0; m < 4; m++) EXPECT_EQ(psynth_get_number_of_outputs(mods[m], &net), m % 2 ? 1 : 2) << m;
     EXPECT_EQ(o[1].l, o[0].l);  // HQmono is HQ's left channel
     EXPECT_EQ(o[3].l, o[2].l);
     EXPECT_NE(o[2].l, o[0].l);

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <tuple>
 #include <vector>
 
 #include "engine/memory.h"
@@ -70,11 +71,8 @@ protected:
             for (const ev& e : events) {
                 if (e.frame < from || e.frame >= from + n) continue;
                 psynth_event x = {};
-                x.command = e.command;
-                x.id = e.id;
-                x.offset = e.frame - from;
-                x.velocity = (uint16_t)e.velocity;
-                x.pitch = e.pitch;
+                x.command = e.command, x.id = e.id, x.offset = e.frame - from;
+                x.velocity = (uint16_t)e.velocity, x.pitch = e.pitch;
                 psynth_add_event(mod, &x, &net);
             }
             render_buffer(&net, n);
@@ -94,9 +92,7 @@ TEST_F(VorbisPlayerTest, PlaysTheToneAtItsPitchAndLevel) {
     load(tone("a441", 441, 1.0));
     psynth_vorbis_info info;
     ASSERT_EQ(psynth_vorbis_player_get_info(mod, &info, &net), 0);
-    EXPECT_EQ(info.frames, kRate);
-    EXPECT_EQ(info.channels, 1);
-    EXPECT_EQ(info.rate, kRate);
+    EXPECT_EQ(std::tuple(info.frames, info.channels, info.rate), std::tuple(kRate, 1, kRate));
     int size = 0, rate = 0;
     ASSERT_EQ(psynth_get_chunk_info(mod, PSYNTH_VORBIS_FILE_CHUNK, &size, nullptr, &rate, &net), 0);
     EXPECT_GT(size, 1000);
@@ -133,8 +129,7 @@ TEST_F(VorbisPlayerTest, PlaysOnceOrRepeatsAndFallsSilent) {
     EXPECT_EQ(peak(out, 4411, 8192), 0) << "silent after the end";
     // The module says so: its outputs start at the end of the buffer.
     render_buffer(&net, 512);
-    EXPECT_EQ(net.modules[mod].output_start[0], 512);
-    EXPECT_EQ(net.modules[mod].output_start[1], 512);
+    EXPECT_EQ(std::pair(net.modules[mod].output_start[0], net.modules[mod].output_start[1]), std::pair(512, 512));
 
     // From the middle (a sample offset of half the length) half the file is left.
     out = play({{0, PS_CMD_NOTE_ON, 1}, {0, PS_CMD_SET_SAMPLE_OFFSET2, 1, kC5, 16384}}, 4096);
