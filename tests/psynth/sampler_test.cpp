@@ -46,12 +46,15 @@ class SamplerTest : public PsynthFixture {
 protected:
     int mod = -1;
 
-    void add_sampler(int rate = kRateBase, int tick_frames = kTick) {
+    // Interpolation settings as the controllers: sample off/linear/cubic, volume off/linear.
+    void add_sampler(int rate = kRateBase, int tick_frames = kTick, int sample_interp = 2, int volume_interp = 1) {
         net.sampling_rate = rate;
         mod = psynth_add_synth(-1, psynth_sampler, nullptr, 0, 0, 0, 125, 6, &net);
         ASSERT_GE(mod, 0);
         speed(tick_frames);
         psynth_do_command(mod, PS_CMD_SETUP_FINISHED, &net);
+        set_ctl(PSYNTH_SAMPLER_CTL_SAMPLE_INTERP, sample_interp);
+        set_ctl(PSYNTH_SAMPLER_CTL_VOLUME_INTERP, volume_interp);
     }
     void speed(int tick_frames) {
         psynth_event e = {};
@@ -193,11 +196,8 @@ TEST_F(SamplerTest, EnvelopeTablesStopAtPointsGoingBack) {
     memcpy(in->panning_points, same_x, sizeof(same_x));
     in->panning_points_num = 4;
     psynth_sampler_build_envelope_tables(in);
-    // (0,64)→(10,32): slope −3276 (toward zero), v starts at 65536.
-    EXPECT_EQ(in->volume_table[0], 1024);
-    EXPECT_EQ(in->volume_table[1], 972);   // (65536 − 3276) >> 6 = 972.8
-    EXPECT_EQ(in->volume_table[9], 563);   // (65536 − 9 · 3276) >> 6 = 563.3
-    EXPECT_EQ(in->volume_table[10], 512);
+    // (0,64)→(10,32): slope −3276 (toward zero) from 65536: x 1 is 972.8, x 9 is 563.3 (>> 6).
+    for (auto [x, want] : {std::pair{0, 1024}, {1, 972}, {9, 563}, {10, 512}}) EXPECT_EQ(in->volume_table[x], want) << x;
     for (int x = 11; x < 512; x++) ASSERT_EQ(in->volume_table[x], 0) << x;  // x going back ends the build
     // Equal x: a flat step, then the point's own value.
     for (auto [x, want] : {std::pair{4, 512}, {8, 0}, {12, 512}, {16, 1024}, {17, 0}}) {
@@ -210,10 +210,9 @@ TEST_F(SamplerTest, EnvelopeTablesStopAtPointsGoingBack) {
 }
 
 TEST_F(SamplerTest, SixteenBitAtTheBaseNoteAndAnOctaveUp) {
-    add_sampler();
+    add_sampler(kRateBase, kTick, 0);
     const std::vector<int16_t> s = {1600, -3200, 4800, 32767, -32768, 160, 0, 800};
     add_sample(0, kInt16, s);
-    set_ctl(PSYNTH_SAMPLER_CTL_SAMPLE_INTERP, 0);
     note_on(0, 1, 48);  // 8363 Hz at 8363 frames per second: one frame per frame
     stereo_out o = render(12);
     // Centre pan, full volumes: side 512, so every value is divided by 16 (rounding down).
@@ -260,8 +259,7 @@ TEST_F(SamplerTest, EightBitAndStereoAtHalfSpeedBlendNeighbours) {
 }
 
 TEST_F(SamplerTest, FloatSamplesRoundHalfAwayFromZero) {
-    add_sampler();
-    set_ctl(PSYNTH_SAMPLER_CTL_SAMPLE_INTERP, 0);
+    add_sampler(kRateBase, kTick, 0);
     // At side 512 a float value v adds round(16384 · v · 0.125) = round(2048 · v).
     const std::vector<float> s = {0.5f, -0.25f, 2.5f / 2048, -2.5f / 2048, 1.0f, 0.75f};
     add_sample(0, kFloat, s);
@@ -353,8 +351,7 @@ TEST_F(SamplerTest, SampleInterpolationTwoSoundsLikeOne) {
 }
 
 TEST_F(SamplerTest, PitchFollowsRelativeNotesFinetuneBendAndSetFreq) {
-    add_sampler();
-    set_ctl(PSYNTH_SAMPLER_CTL_SAMPLE_INTERP, 0);
+    add_sampler(kRateBase, kTick, 0);
     psynth_sampler_sample* h = add_sample(0, kInt16, ramp16(200));  // value i · 16 reads back as i
     auto steps = [](int per_frame, int frames, int from = 0) {
         std::vector<int> v(frames);
@@ -400,8 +397,7 @@ TEST_F(SamplerTest, PitchFollowsRelativeNotesFinetuneBendAndSetFreq) {
 }
 
 TEST_F(SamplerTest, NoteAboveTheMapUsesEntry95ButKeepsItsPitch) {
-    add_sampler(32 * kRateBase);  // note 108 (five octaves above 48) steps one frame per frame
-    set_ctl(PSYNTH_SAMPLER_CTL_SAMPLE_INTERP, 0);
+    add_sampler(32 * kRateBase, kTick, 0);  // note 108 (five octaves above 48) steps one frame per frame
     add_sample(0, kInt16, std::vector<int16_t>(64, 1600));
     add_sample(1, kInt16, ramp16(64));
     memset(ins()->sample_map, 0, 95);  // only entry 95 names sample 1
@@ -413,8 +409,7 @@ TEST_F(SamplerTest, NoteAboveTheMapUsesEntry95ButKeepsItsPitch) {
 }
 
 TEST_F(SamplerTest, ReleaseWithoutEnvelopeEndsAtTheNextTick) {
-    add_sampler();
-    set_ctl(PSYNTH_SAMPLER_CTL_SAMPLE_INTERP, 0);
+    add_sampler(kRateBase, kTick, 0);
     add_sample(0, kInt16 | kForward, std::vector<int16_t>(16, 1600))->loop_length = 16;
     note_on(0, 7, 48);
     queue(PS_CMD_NOTE_OFF, 130, 7);
@@ -432,8 +427,7 @@ TEST_F(SamplerTest, ReleaseWithoutEnvelopeEndsAtTheNextTick) {
 }
 
 TEST_F(SamplerTest, StealsTheVoiceAfterTheCursorNotTheOldest) {
-    add_sampler();
-    set_ctl(PSYNTH_SAMPLER_CTL_SAMPLE_INTERP, 0);
+    add_sampler(kRateBase, kTick, 0);
     set_ctl(PSYNTH_SAMPLER_CTL_POLYPHONY, 4);
     // Sample k holds 16 · 2^k, so each sounding note adds its own bit to the output.
     for (int k = 0; k < 6; k++) add_sample(k, kInt16 | kForward, std::vector<int16_t>(8, (int16_t)(16 << k)))->loop_length = 8;
@@ -455,9 +449,7 @@ TEST_F(SamplerTest, StealsTheVoiceAfterTheCursorNotTheOldest) {
 }
 
 TEST_F(SamplerTest, RetriggeredIdFadesOutWhileTheNewVoiceStarts) {
-    add_sampler();
-    set_ctl(PSYNTH_SAMPLER_CTL_SAMPLE_INTERP, 0);
-    set_ctl(PSYNTH_SAMPLER_CTL_VOLUME_INTERP, 0);
+    add_sampler(kRateBase, kTick, 0, 0);
     add_sample(0, kInt16 | kForward, std::vector<int16_t>(8, 4096))->loop_length = 8;
     add_sample(1, kInt16 | kForward, std::vector<int16_t>(8, 256))->loop_length = 8;
     ins()->sample_map[0] = 0;
@@ -487,8 +479,7 @@ TEST_F(SamplerTest, RetriggeredIdFadesOutWhileTheNewVoiceStarts) {
 }
 
 TEST_F(SamplerTest, VolumeEnvelopeRampsAcrossEachTick) {
-    add_sampler();
-    set_ctl(PSYNTH_SAMPLER_CTL_SAMPLE_INTERP, 0);
+    add_sampler(kRateBase, kTick, 0);
     add_sample(0, kInt16 | kForward, std::vector<int16_t>(8, 16384))->loop_length = 8;
     ins()->volume_type = PSYNTH_SAMPLER_ENV_ON;
     const psynth_sampler_env_point pts[4] = {{0, 64}, {1, 32}, {3, 32}, {4, 0}};
@@ -517,9 +508,7 @@ TEST_F(SamplerTest, VolumeEnvelopeRampsAcrossEachTick) {
 }
 
 TEST_F(SamplerTest, EnvelopeLoopSustainAndPanning) {
-    add_sampler(kRateBase, 10);
-    set_ctl(PSYNTH_SAMPLER_CTL_SAMPLE_INTERP, 0);
-    set_ctl(PSYNTH_SAMPLER_CTL_VOLUME_INTERP, 0);
+    add_sampler(kRateBase, 10, 0, 0);
     add_sample(0, kInt16 | kForward, std::vector<int16_t>(8, 16384))->loop_length = 8;
     psynth_sampler_instrument* in = ins();
     const psynth_sampler_env_point pts[3] = {{0, 64}, {2, 0}, {4, 64}};  // table 1024, 512, 0, 512, 1024
@@ -567,9 +556,7 @@ TEST_F(SamplerTest, EnvelopeLoopSustainAndPanning) {
 }
 
 TEST_F(SamplerTest, VolumeChainAndPanningControllers) {
-    add_sampler();
-    set_ctl(PSYNTH_SAMPLER_CTL_SAMPLE_INTERP, 0);
-    set_ctl(PSYNTH_SAMPLER_CTL_VOLUME_INTERP, 0);
+    add_sampler(kRateBase, kTick, 0, 0);
     psynth_sampler_sample* h = add_sample(0, kInt16 | kForward, std::vector<int16_t>(8, 16384));
     h->loop_length = 8;
     h->volume = 48;
@@ -601,8 +588,7 @@ TEST_F(SamplerTest, VolumeChainAndPanningControllers) {
 }
 
 TEST_F(SamplerTest, AutoVibratoStartsWithTheFirstTick) {
-    add_sampler(kRateBase, 10);
-    set_ctl(PSYNTH_SAMPLER_CTL_SAMPLE_INTERP, 0);
+    add_sampler(kRateBase, 10, 0);
     add_sample(0, kInt16, ramp16(128));
     // The ramp reads back the whole frame of the position; ticks of 10 frames, each at the
     // note's pitch plus an offset s (in 1/64 semitone, so 4 · s in 1/256).
@@ -637,8 +623,7 @@ TEST_F(SamplerTest, AutoVibratoStartsWithTheFirstTick) {
 }
 
 TEST_F(SamplerTest, SampleOffsetsAndCommandsWhileIdle) {
-    add_sampler();
-    set_ctl(PSYNTH_SAMPLER_CTL_SAMPLE_INTERP, 0);
+    add_sampler(kRateBase, kTick, 0);
     add_sample(0, kInt16, ramp16(8));
     // Nothing has sounded yet: these do nothing and answer 0.
     for (int command : {PS_CMD_SET_FREQ, PS_CMD_SET_VELOCITY, PS_CMD_SET_SAMPLE_OFFSET, PS_CMD_SET_SAMPLE_OFFSET2,
@@ -682,9 +667,7 @@ TEST_F(SamplerTest, SampleOffsetsAndCommandsWhileIdle) {
 }
 
 TEST_F(SamplerTest, AllNotesOffReleasesAndForgetsIds) {
-    add_sampler();
-    set_ctl(PSYNTH_SAMPLER_CTL_SAMPLE_INTERP, 0);
-    set_ctl(PSYNTH_SAMPLER_CTL_VOLUME_INTERP, 0);
+    add_sampler(kRateBase, kTick, 0, 0);
     add_sample(0, kInt16 | kForward, std::vector<int16_t>(8, 16384))->loop_length = 8;
     ins()->volume_type = PSYNTH_SAMPLER_ENV_ON | PSYNTH_SAMPLER_ENV_SUSTAIN;
     ins()->volume_sustain = 1;  // default points: held at x 32, 1024
@@ -701,8 +684,7 @@ TEST_F(SamplerTest, AllNotesOffReleasesAndForgetsIds) {
 }
 
 TEST_F(SamplerTest, MissingDataAndBusyMutexSkipTheVoice) {
-    add_sampler();
-    set_ctl(PSYNTH_SAMPLER_CTL_SAMPLE_INTERP, 0);
+    add_sampler(kRateBase, kTick, 0);
     add_sample(0, kInt16, ramp16(64));
     note_on(0, 1, 48);
     EXPECT_EQ(left(4), (std::vector<int>{0, 1, 2, 3}));
