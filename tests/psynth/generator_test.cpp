@@ -120,8 +120,7 @@ TEST_F(GeneratorTest, DescribesItselfItsControllersAndTheDrawnWave) {
     // Chunk 0: one period of a sine in 32 signed bytes, 8-bit storage.
     int size = 0, flags = 0;
     ASSERT_EQ(psynth_get_chunk_info(gen, 0, &size, &flags, nullptr, &net), 0);
-    EXPECT_EQ(size, 32);
-    EXPECT_EQ(flags, 1);
+    EXPECT_EQ(std::pair(size, flags), std::pair(32, 1));
     const int8_t* p = (const int8_t*)psynth_get_chunk(gen, 0, &net);
     for (int i = 0; i < 32; i++) EXPECT_NEAR(p[i], 127 * std::sin(2 * kPi * i / 32), 1.0) << i;
     EXPECT_EQ(p[8], 127);
@@ -304,9 +303,7 @@ TEST_F(GeneratorTest, WithoutSustainANoteDecaysAndFallsSilent) {
 
     net.modules[gen].render_offset = 0;
     net.modules[gen].render_frames = 256;
-    psynth_event render = {};
-    render.command = PS_CMD_RENDER_REPLACE;
-    EXPECT_EQ(psynth_generator(gen, &render, &net), 0);
+    EXPECT_EQ(psynth_do_command(gen, PS_CMD_RENDER_REPLACE, &net), 0);  // a silent render answers 0
 }
 
 TEST_F(GeneratorTest, NoteOffReleasesAndCleanSilencesAtOnce) {

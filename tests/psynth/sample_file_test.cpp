@@ -294,18 +294,13 @@ TEST_F(SampleFileTest, XiInstrumentsLoadWithTheirRecordAndDecodedDeltas) {
         ASSERT_EQ(load("t.xi"), 0) << psynth_sample_load_error();
         const psynth_sampler_instrument* i = ins();
         EXPECT_STREQ(i->name, "Test instrument XI");
-        EXPECT_EQ(i->samples_num, 2);
-        EXPECT_EQ(i->sample_map[95], 1);
-        EXPECT_EQ(i->volume_points[1].x, 10);
-        EXPECT_EQ(i->volume_points_num, 3);
-        EXPECT_EQ(i->volume_type, 3);
-        EXPECT_EQ(i->vibrato_rate, 4);
-        EXPECT_EQ(i->volume_fadeout, 0x1234);
-        EXPECT_EQ(i->volume_table[10], 32 * 16);  // tables built from the file's points
-        EXPECT_EQ(i->volume, pp ? 50 : 64);
-        EXPECT_EQ(i->finetune, pp ? -20 : 0);
-        EXPECT_EQ(i->panning, pp ? 60 : 128);
-        EXPECT_EQ(i->relative_note, pp ? -3 : 0);
+        // Samples, map, envelope points, type, vibrato rate, fade-out; the tables built from the points.
+        EXPECT_EQ(std::tuple(i->samples_num, i->sample_map[95], i->volume_points[1].x, i->volume_points_num,
+                             i->volume_type, i->vibrato_rate, i->volume_fadeout, i->volume_table[10]),
+                  std::tuple(2, 1, 10, 3, 3, 4, 0x1234, 32 * 16));
+        // Volume, finetune, panning and relative note: the five extra bytes, or the defaults.
+        EXPECT_EQ(std::tuple(i->volume, i->finetune, i->panning, i->relative_note),
+                  pp ? std::tuple(50, -20, 60, -3) : std::tuple(64, 0, 128, 0));
         const psynth_sampler_sample* h0 = header(0);
         EXPECT_EQ(h0->length * 100 + h0->loop_start * 10 + h0->loop_length, 1026u);  // 10 frames, loop 2 + 6
         EXPECT_EQ(h0->volume + h0->finetune + h0->relative_note + h0->panning, 40 - 16 + 12 + 200);
