@@ -99,13 +99,9 @@ TEST_F(SampleFileTest, CreationStepBuildsTheInstrumentHeaderAndData) {
     EXPECT_EQ(ins()->volume, 64);
     EXPECT_EQ(ins()->volume_table[32], 1024);  // the default envelope, its table built
     const psynth_sampler_sample* h = header(0);
-    EXPECT_EQ(h->length, 1000u);  // 4000 bytes of 16-bit stereo frames
-    EXPECT_EQ(h->loop_start + h->loop_length, 0u);
-    EXPECT_EQ(h->volume, 64);
-    EXPECT_EQ(h->panning, 128);
-    EXPECT_EQ(h->finetune, 100);  // 44100 Hz
-    EXPECT_EQ(h->relative_note, 0);
-    EXPECT_EQ(h->type, 0x10 | 0x40);
+    // 4000 bytes of 16-bit stereo frames, no loop, full volume, centre, finetune of 44100 Hz.
+    EXPECT_EQ(std::tuple(h->length, h->loop_start, h->loop_length, h->volume, h->panning, h->finetune, h->relative_note, h->type),
+              std::tuple(1000u, 0u, 0u, 64, 128, 100, 0, 0x10 | 0x40));
     EXPECT_EQ(info(0), (std::vector<int>{4000, 2 | 8, 44100}));
 
     ASSERT_NE(psynth_sample_create("eight", 301, 8, 1, 8363, 3, mod, &net), nullptr);
