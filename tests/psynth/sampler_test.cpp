@@ -437,9 +437,7 @@ TEST_F(SamplerTest, StealsTheVoiceAfterTheCursorNotTheOldest) {
     queue(PS_CMD_NOTE_OFF, 0, 11);  // voice 1 ends at the next tick
     EXPECT_EQ(left(kTick), std::vector<int>(kTick, 0b1111));
     note_on(50, 14, 4);  // the search from the cursor finds voice 1 free
-    std::vector<int> got = left(kTick);
-    EXPECT_EQ(got[49], 0b1101);
-    EXPECT_EQ(got[50], 0b11101);
+    EXPECT_EQ(left(kTick), runs({{50, 0b1101}, {50, 0b11101}}));
     note_on(0, 15, 5);  // all busy: voice 2, after the cursor, gives way (the oldest is voice 0)
     EXPECT_EQ(left(kTick), std::vector<int>(kTick, 0b111001));
     // SET_VELOCITY and SET_FREQ look only among the first Polyphony voices.
@@ -549,10 +547,8 @@ TEST_F(SamplerTest, EnvelopeLoopSustainAndPanning) {
     psynth_sampler_build_envelope_tables(in);
     note_on(0, 3, 48);
     stereo_out o = render(20);
-    EXPECT_EQ(o.l[0], 1024);  // pan 0: left gain 512 (as at the centre), right 0
-    EXPECT_EQ(o.r[0], 0);
-    EXPECT_EQ(o.l[10], 0);
-    EXPECT_EQ(o.r[10], 1024);
+    EXPECT_EQ(std::pair(o.l[0], o.r[0]), std::pair(1024, 0));  // pan 0: left gain 512 (as at the centre), right 0
+    EXPECT_EQ(std::pair(o.l[10], o.r[10]), std::pair(0, 1024));
 }
 
 TEST_F(SamplerTest, VolumeChainAndPanningControllers) {
@@ -743,8 +739,7 @@ TEST_F(SamplerTest, SetupFinishedGrowsOldChunksAndSetsStorageFlags) {
     const int want_flags[3] = {1, 2 | 8, 4};
     for (int s = 0; s < 3; s++) {
         psynth_get_chunk_info(mod, 2 * s + 2, nullptr, &flags, &rate, &net);
-        EXPECT_EQ(flags, want_flags[s]) << s;
-        EXPECT_EQ(rate, 22050) << s;
+        EXPECT_EQ(std::pair(flags, rate), std::pair(want_flags[s], 22050)) << s;
     }
     psynth_get_chunk_info(mod, 10, nullptr, &flags, nullptr, &net);
     EXPECT_EQ(flags, 77);  // no header: left alone
