@@ -1,23 +1,14 @@
 // Undo manager tests: sizing, groups, ring overflow, the redo tail, the budget, resets on
 // failure (read back from the log file), and random sequences checked against a model.
 // The test application swaps doc[par1] with the int at the start of the action's data.
-#include <gtest/gtest.h>
-
-#include "engine_test_env.h"
-
-#include <cstdlib>
 #include <cstring>
 #include <deque>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <utility>
 
-#include "engine/log.h"
-#include "engine/memory.h"
 #include "engine/random.h"
 #include "engine/undo.h"
+#include "engine_test_env.h"
 
 namespace {
 
