@@ -79,10 +79,8 @@ int swells(int c, int t) {
     return (((t * 37 + c * 11) % 401) - 200) * amp / 200;
 }
 int quiet_saw(int c, int t) { return ((t * 7 + c * 500) % 3000) - 1500; }
-int constant_8000(int, int) { return 8000; }
-int constant_8192(int, int) { return 8192; }
-int constant_7800(int, int) { return 7800; }
-int constant_6144(int, int) { return 6144; }
+template <int V>
+int constant(int, int) { return V; }
 int pad(int c, int t) { return ((t * 13 + c * 100) % 1001) - 500; }
 int kicks(int c, int t) { return (t % 3000) < 600 ? ((t * 29 + c) % 2001 - 1000) * 12 : 0; }
 int pad_plus_kicks(int c, int t) { return pad(c, t) + kicks(c, t); }
@@ -91,16 +89,16 @@ typedef int (*signal2)(int, int);
 
 // Renders buffers of `sizes` through the module and the reference (heard, measured);
 // before buffer b, settings(b, ref) may change controllers of both. "" or the first difference.
-template <class Settings>
+auto no_changes = [](int, compressor_reference*) {};
+template <class Settings = decltype(no_changes)>
 std::string compare_with_reference(psynth_net* net, int fx, compressor_reference* ref, signal2 heard,
-                                   signal2 measured, std::initializer_list<int> sizes, Settings settings) {
+                                   signal2 measured, std::initializer_list<int> sizes,
+                                   Settings settings = no_changes) {
     return compare_render(net, fx, sizes, [&](int b) { settings(b, ref); }, [&](int t, int want[2]) {
         int h[2] = {heard(0, t), heard(1, t)}, m[2] = {measured(0, t), measured(1, t)};
         ref->frame(h, m, want);
     });
 }
-
-auto no_changes = [](int, compressor_reference*) {};
 
 struct setting { int ctl, value; };
 
@@ -173,7 +171,7 @@ TEST_F(CompressorTest, OutputIsAlwaysDelayedByOneMillisecond) {
 }
 
 TEST_F(CompressorTest, AttackZeroFollowsRisingInputAtOnce) {
-    const psynth_sample* out = compress_constant(&net, constant_8000, 100, 0);
+    const psynth_sample* out = compress_constant(&net, constant<8000>, 100, 0);
     // By hand, 44100 Hz: a period is 11289/256 frames, the first one ends after frame 44.
     // Its level 8000/4096 = 1.953125 is taken whole, g = 1 − 0.953125 = 0.046875, the
     // target 786432 and the increment (786432 − 2^24) / 44 = −363426 from frame 45 on.
@@ -187,7 +185,7 @@ TEST_F(CompressorTest, AttackZeroFollowsRisingInputAtOnce) {
 
     // With "Attack" 1 ms the level only reaches 1 − e^−1 of the step in the first period.
     restart_net(&net);
-    int fx = add_effect(&net, psynth_compressor, add_signal_source(&net, constant_8000));
+    int fx = add_effect(&net, psynth_compressor, add_signal_source(&net, constant<8000>));
     render_buffer(&net, 1024);
     EXPECT_GT(net.modules[fx].output_buffers[0][46], 7900);
 }
@@ -195,19 +193,19 @@ TEST_F(CompressorTest, AttackZeroFollowsRisingInputAtOnce) {
 TEST_F(CompressorTest, SlopeSetsTheLevelThatIsSilenced) {
     // "Slope" 100, level 2.0: g = (1 − 2) × 1 + 1 = 0, step −2^24 / 44 = −381300. 43 steps
     // leave 381316 (>> 12 = 93: 8192 × 93 >> 12 = 186); the 44th leaves 16, a multiplier of 0.
-    const psynth_sample* out = compress_constant(&net, constant_8192, 100, 1);
+    const psynth_sample* out = compress_constant(&net, constant<8192>, 100, 1);
     EXPECT_EQ(out[45], 8192);
     EXPECT_EQ(out[88], 186);
     EXPECT_EQ(check_frames(out, 89, 4096, [](int) { return 0; }), "");
     // Just below twice the threshold something is left.
-    EXPECT_GT(compress_constant(&net, constant_7800, 100, 1)[4095], 0);
+    EXPECT_GT(compress_constant(&net, constant<7800>, 100, 1)[4095], 0);
 
     // "Slope" 200, level 1.5: g = (1 − 1.5) × 200 % + 1 = 0, the same glide: 6144 × 93 >> 12.
-    out = compress_constant(&net, constant_6144, 200, 0);
+    out = compress_constant(&net, constant<6144>, 200, 0);
     EXPECT_EQ(out[88], 139);
     EXPECT_EQ(check_frames(out, 89, 4096, [](int) { return 0; }), "");
     // "Slope" 100 only halves the same level: g = 0.5, 2^23 after the glide.
-    EXPECT_EQ(compress_constant(&net, constant_6144, 100, 0)[4095], 3072);
+    EXPECT_EQ(compress_constant(&net, constant<6144>, 100, 0)[4095], 3072);
 }
 
 // Side chain n ≥ 3 (beyond the two linked modules) measures what is heard.
@@ -219,9 +217,7 @@ TEST_F(CompressorTest, SideChainBeyondTheLinkedModulesActsAsZero) {
         psynth_make_link(fx, b, &net);
         compressor_reference ref(44100);
         apply(&net, fx, {{SIDE_CHAIN, n}, {THRESHOLD, 100}}, &ref);
-        EXPECT_EQ(compare_with_reference(&net, fx, &ref, pad_plus_kicks, pad_plus_kicks, {4096, 3001, 4096},
-                                         no_changes),
-                  "")
+        EXPECT_EQ(compare_with_reference(&net, fx, &ref, pad_plus_kicks, pad_plus_kicks, {4096, 3001, 4096}), "")
             << "side chain " << n;
     }
 }
@@ -233,7 +229,7 @@ TEST_F(CompressorTest, SideChainMeasuresTheChosenModuleAndLeavesItUnheard) {
     psynth_make_link(fx, b, &net);
     compressor_reference ref(44100);
     apply(&net, fx, {{THRESHOLD, 100}, {SLOPE, 150}, {RELEASE, 1}, {SIDE_CHAIN, 2}}, &ref);
-    EXPECT_EQ(compare_with_reference(&net, fx, &ref, pad, kicks, {4096, 4096, 777, 4096}, no_changes), "");
+    EXPECT_EQ(compare_with_reference(&net, fx, &ref, pad, kicks, {4096, 4096, 777, 4096}), "");
     // The pad ducks under the kicks: its peak in a kick is far below its peak between them.
     render_buffer(&net, 4096);  // frames 13065..17160: a kick at 15000..15599
     int in_kick = 0, between = 0;
@@ -253,8 +249,7 @@ TEST_F(CompressorTest, SideChainMeasuresTheChosenModuleAndLeavesItUnheard) {
     compressor_reference ref2(44100);
     apply(&net, fx, {{SIDE_CHAIN, 1}, {THRESHOLD, 10}, {ATTACK, 0}}, &ref2);
     auto kicks_until_8192 = [](int c, int t) { return t < 8192 ? kicks(c, t) : 0; };
-    EXPECT_EQ(compare_with_reference(&net, fx, &ref2, kicks_until_8192, pad, {4096, 4096, 4096, 4096}, no_changes),
-              "");
+    EXPECT_EQ(compare_with_reference(&net, fx, &ref2, kicks_until_8192, pad, {4096, 4096, 4096, 4096}), "");
 }
 
 // The side chain alone wakes the module, and in RMS mode its silent frames still count.
@@ -292,14 +287,13 @@ TEST_F(CompressorTest, RmsRenderMatchesTheReferenceAtOtherRates) {
         int fx = add_effect(&net, psynth_compressor, add_signal_source(&net, swells));
         compressor_reference ref(rate);
         apply(&net, fx, {{MODE, 1}, {THRESHOLD, 150}, {ATTACK, 3}, {RELEASE, 40}, {SLOPE, 80}}, &ref);
-        EXPECT_EQ(compare_with_reference(&net, fx, &ref, swells, swells, {4096, 4096, 1111, 4096, 4096}, no_changes),
-                  "")
+        EXPECT_EQ(compare_with_reference(&net, fx, &ref, swells, swells, {4096, 4096, 1111, 4096, 4096}), "")
             << "rate " << rate;
     }
 }
 
 TEST_F(CompressorTest, SilentUntilInputAndCleanRestoresUnityGain) {
-    int src = add_signal_source(&net, constant_8192, 2, 0);
+    int src = add_signal_source(&net, constant<8192>, 2, 0);
     int fx = add_effect(&net, psynth_compressor, src);
     render_buffer(&net, 512);
     EXPECT_EQ(net.modules[fx].output_start[0], 512);  // nothing sounded: taken as silent
