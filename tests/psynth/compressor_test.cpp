@@ -182,12 +182,6 @@ TEST_F(CompressorTest, AttackZeroFollowsRisingInputAtOnce) {
     EXPECT_EQ(out[88], 546);   // 43 steps: 1149898 >> 12 = 280
     // The level stays, the gain stops at 786472 (>> 12 = 192): 8000 × 192 >> 12 = 375.
     EXPECT_EQ(check_frames(out, 89, 4096, [](int) { return 375; }), "");
-
-    // With "Attack" 1 ms the level only reaches 1 − e^−1 of the step in the first period.
-    restart_net(&net);
-    int fx = add_effect(&net, psynth_compressor, add_signal_source(&net, constant<8000>));
-    render_buffer(&net, 1024);
-    EXPECT_GT(net.modules[fx].output_buffers[0][46], 7900);
 }
 
 TEST_F(CompressorTest, SlopeSetsTheLevelThatIsSilenced) {
