@@ -1,21 +1,11 @@
 // Memory manager tests: header layout, resizing, counters, failures, the shutdown
 // report read back from a real log file in a fresh temporary directory, and the helpers.
-#include <gtest/gtest.h>
-
-#include "engine_test_env.h"
-
 #include <climits>
-#include <cstdlib>
+#include <cstdio>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
-#include <string>
 
-#include "engine/file.h"
-#include "engine/log.h"
-#include "engine/memory.h"
 #include "engine/thread.h"
+#include "engine_test_env.h"
 
 namespace {
 

@@ -43,23 +43,21 @@ const std::string kLayout =
     "audiodriver\tdsound\r\n"
     "long \"two\nlines\" tail\n"
     "frequency -48000x";
+const char* const kLayoutKeys[] = {"buffer", "windowname", "flag", "path", "audiodriver", "long", "frequency"};
 
 TEST_F(ProfileTest, LoadReadsKeysValuesAndLineNumbers) {
     load(kLayout);
     ASSERT_EQ(p_.num, 7);
-    const char* keys[] = {"buffer", "windowname", "flag", "path", "audiodriver", "long", "frequency"};
+    const char* const* keys = kLayoutKeys;
     const int lines[] = {1, 3, 4, 5, 6, 8, 10};  // "\r\n" counts as two line ends
     for (int i = 0; i < 7; i++) {
         EXPECT_STREQ(p_.keys[i].key, keys[i]);
         EXPECT_EQ(p_.keys[i].line, lines[i]) << keys[i];
     }
-    EXPECT_EQ(profile_get_int_value("buffer", 0, &p_), 2048);
-    EXPECT_STREQ(str("windowname"), "My / Window");
+    const char* values[] = {"2048", "My / Window", "(none)", "(none)", "dsound", "two\nlines", "-48000x"};
+    for (int i = 0; i < 7; i++) EXPECT_STREQ(str(keys[i]), values[i]) << keys[i];
     EXPECT_EQ(p_.keys[2].value, nullptr);
-    EXPECT_STREQ(str("flag"), "(none)");
-    EXPECT_STREQ(str("path"), "(none)");
-    EXPECT_STREQ(str("audiodriver"), "dsound");
-    EXPECT_STREQ(str("long"), "two\nlines");
+    EXPECT_EQ(profile_get_int_value("buffer", 0, &p_), 2048);
     EXPECT_EQ(profile_get_int_value("frequency", 0, &p_), -48000);
     EXPECT_EQ(profile_get_int_value("audiodriver", 77, &p_), 77);
     EXPECT_EQ(profile_get_int_value("Buffer", 5, &p_), 5);  // keys are case-sensitive
@@ -98,13 +96,8 @@ TEST_F(ProfileTest, UnchangedSaveKeepsEveryByte) {
 
 TEST_F(ProfileTest, ChangedValuesAreRewrittenInPlaceAndQuotedWhenNeeded) {
     load(kLayout);
-    profile_set_str_value("buffer", "4096", &p_);
-    profile_set_str_value("windowname", "Two Words", &p_);
-    profile_set_str_value("flag", "1", &p_);
-    profile_set_str_value("path", "/home/me", &p_);
-    profile_set_str_value("audiodriver", "", &p_);
-    profile_set_str_value("long", "one", &p_);
-    profile_set_str_value("frequency", nullptr, &p_);
+    const char* values[] = {"4096", "Two Words", "1", "/home/me", "", "one", nullptr};
+    for (int i = 0; i < 7; i++) profile_set_str_value(kLayoutKeys[i], values[i], &p_);
     EXPECT_EQ(saved(),
               "// Zelfon settings\n"
               "buffer 4096 // device buffer\n"
@@ -115,11 +108,9 @@ TEST_F(ProfileTest, ChangedValuesAreRewrittenInPlaceAndQuotedWhenNeeded) {
               "audiodriver \"\"\r\n"
               "long one tail\n"
               "frequency");
-    EXPECT_EQ(profile_load("1:/cfg.txt", &p_), 0);
-    EXPECT_STREQ(str("windowname"), "Two Words");
-    EXPECT_STREQ(str("path"), "/home/me");
-    EXPECT_STREQ(str("audiodriver"), "");
-    EXPECT_STREQ(str("long"), "one");
+    EXPECT_EQ(profile_load("1:/cfg.txt", &p_), 0);  // the quoted values read back as set
+    EXPECT_EQ(std::string(str("windowname")) + "|" + str("path") + "|" + str("audiodriver") + "|" + str("long"),
+              "Two Words|/home/me||one");
     EXPECT_EQ(p_.num, 7);
 }
 

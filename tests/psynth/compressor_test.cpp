@@ -79,10 +79,8 @@ int swells(int c, int t) {
     return (((t * 37 + c * 11) % 401) - 200) * amp / 200;
 }
 int quiet_saw(int c, int t) { return ((t * 7 + c * 500) % 3000) - 1500; }
-int constant_8000(int, int) { return 8000; }
-int constant_8192(int, int) { return 8192; }
-int constant_7800(int, int) { return 7800; }
-int constant_6144(int, int) { return 6144; }
+template <int V>
+int constant(int, int) { return V; }
 int pad(int c, int t) { return ((t * 13 + c * 100) % 1001) - 500; }
 int kicks(int c, int t) { return (t % 3000) < 600 ? ((t * 29 + c) % 2001 - 1000) * 12 : 0; }
 int pad_plus_kicks(int c, int t) { return pad(c, t) + kicks(c, t); }
@@ -91,35 +89,36 @@ typedef int (*signal2)(int, int);
 
 // Renders buffers of `sizes` through the module and the reference (heard, measured);
 // before buffer b, settings(b, ref) may change controllers of both. "" or the first difference.
-template <class Settings>
+auto no_changes = [](int, compressor_reference*) {};
+template <class Settings = decltype(no_changes)>
 std::string compare_with_reference(psynth_net* net, int fx, compressor_reference* ref, signal2 heard,
-                                   signal2 measured, std::initializer_list<int> sizes, Settings settings) {
-    int t = 0, b = 0;
-    for (int n : sizes) {
-        settings(b, ref);
-        render_buffer(net, n);
-        for (int k = 0; k < n; k++) {
-            int h[2] = {heard(0, t + k), heard(1, t + k)};
-            int m[2] = {measured(0, t + k), measured(1, t + k)};
-            int want[2];
-            ref->frame(h, m, want);
-            for (int c = 0; c < 2; c++) {
-                const psynth_module* mod = &net->modules[fx];
-                int got = mod->output_start[c] <= k ? mod->output_buffers[c][k] : 0;
-                if (got != want[c]) {
-                    return "buffer " + std::to_string(b) + " channel " + std::to_string(c) + " frame " +
-                           std::to_string(t + k) + ": " + std::to_string(got) + " instead of " +
-                           std::to_string(want[c]);
-                }
-            }
-        }
-        t += n;
-        b++;
-    }
-    return "";
+                                   signal2 measured, std::initializer_list<int> sizes,
+                                   Settings settings = no_changes) {
+    return compare_render(net, fx, sizes, [&](int b) { settings(b, ref); }, [&](int t, int want[2]) {
+        int h[2] = {heard(0, t), heard(1, t)}, m[2] = {measured(0, t), measured(1, t)};
+        ref->frame(h, m, want);
+    });
 }
 
-auto no_changes = [](int, compressor_reference*) {};
+struct setting { int ctl, value; };
+
+// Sets controllers of the module and, when given, the same ones of the reference.
+void apply(psynth_net* net, int fx, std::initializer_list<setting> settings, compressor_reference* ref = nullptr) {
+    for (const setting& s : settings) {
+        set_ctl(net, fx, s.ctl, s.value);
+        if (ref) ref->ctl[s.ctl] = s.value;
+    }
+}
+
+// A fresh net with a constant source through a compressor of "Attack" 0 and `slope`,
+// rendered for 4096 frames; returns the compressor's output channel `c`.
+const psynth_sample* compress_constant(psynth_net* net, signal2 fn, int slope, int c) {
+    restart_net(net);
+    int fx = add_effect(net, psynth_compressor, add_signal_source(net, fn));
+    apply(net, fx, {{ATTACK, 0}, {SLOPE, slope}});
+    render_buffer(net, 4096);
+    return net->modules[fx].output_buffers[c];
+}
 
 TEST_F(CompressorTest, AnswersItsIdentityAndControllers) {
     int fx = add_effect(&net, psynth_compressor, -1);
@@ -138,15 +137,11 @@ TEST_F(CompressorTest, AnswersItsIdentityAndControllers) {
 }
 
 TEST_F(CompressorTest, IntegerSquareRootIsTheFloorOfTheRoot) {
-    EXPECT_EQ(psynth_isqrt64(0), 0u);
-    EXPECT_EQ(psynth_isqrt64(1), 1u);
-    EXPECT_EQ(psynth_isqrt64(3), 1u);
-    EXPECT_EQ(psynth_isqrt64(4), 2u);
-    EXPECT_EQ(psynth_isqrt64(1073741823), 32767u);  // 32768² − 1
-    EXPECT_EQ(psynth_isqrt64(1073741824), 32768u);
-    EXPECT_EQ(psynth_isqrt64(UINT64_MAX), 4294967295u);
-    EXPECT_EQ(psynth_isqrt64(18446744065119617025ull), 4294967295u);  // (2³² − 1)²
-    EXPECT_EQ(psynth_isqrt64(18446744065119617024ull), 4294967294u);
+    struct { uint64_t v, root; } cases[] = {
+        {0, 0}, {1, 1}, {3, 1}, {4, 2}, {1073741823, 32767} /* 32768² − 1 */, {1073741824, 32768},
+        {UINT64_MAX, 4294967295u}, {18446744065119617025ull, 4294967295u} /* (2³² − 1)² */,
+        {18446744065119617024ull, 4294967294u}};
+    for (const auto& k : cases) EXPECT_EQ(psynth_isqrt64(k.v), k.root) << k.v;
     for (uint64_t r = 1; r < 200000; r += 997) {
         EXPECT_EQ(psynth_isqrt64(r * r), r);
         EXPECT_EQ(psynth_isqrt64(r * r - 1), r - 1);
@@ -156,10 +151,8 @@ TEST_F(CompressorTest, IntegerSquareRootIsTheFloorOfTheRoot) {
 
 TEST_F(CompressorTest, OutputIsAlwaysDelayedByOneMillisecond) {
     for (int rate : {44100, 48000, 22050, 9001}) {
-        psynth_close(&net);
-        psynth_init(0, rate, 125, 6, &net);
-        int src = add_signal_source(&net, quiet_saw, 2, 5000);
-        int fx = add_effect(&net, psynth_compressor, src);
+        restart_net(&net, rate);
+        int fx = add_effect(&net, psynth_compressor, add_signal_source(&net, quiet_saw, 2, 5000));
         const int delay = rate / 1000;
         int t = 0;
         for (int n : {1000, 37, 4096, 100}) {  // the source is silent from the fourth (5133)
@@ -178,11 +171,7 @@ TEST_F(CompressorTest, OutputIsAlwaysDelayedByOneMillisecond) {
 }
 
 TEST_F(CompressorTest, AttackZeroFollowsRisingInputAtOnce) {
-    int src = add_signal_source(&net, constant_8000);
-    int fx = add_effect(&net, psynth_compressor, src);
-    set_ctl(&net, fx, ATTACK, 0);
-    render_buffer(&net, 1024);
-    const psynth_sample* out = net.modules[fx].output_buffers[0];
+    const psynth_sample* out = compress_constant(&net, constant<8000>, 100, 0);
     // By hand, 44100 Hz: a period is 11289/256 frames, the first one ends after frame 44.
     // Its level 8000/4096 = 1.953125 is taken whole, g = 1 − 0.953125 = 0.046875, the
     // target 786432 and the increment (786432 − 2^24) / 44 = −363426 from frame 45 on.
@@ -192,76 +181,37 @@ TEST_F(CompressorTest, AttackZeroFollowsRisingInputAtOnce) {
     EXPECT_EQ(out[46], 7826);  // gain 16413790 >> 12 = 4007; 8000 × 4007 >> 12
     EXPECT_EQ(out[88], 546);   // 43 steps: 1149898 >> 12 = 280
     // The level stays, the gain stops at 786472 (>> 12 = 192): 8000 × 192 >> 12 = 375.
-    EXPECT_EQ(check_frames(out, 89, 1024, [](int) { return 375; }), "");
-
-    // With "Attack" 1 ms the level only reaches 1 − e^−1 of the step in the first period.
-    psynth_close(&net);
-    psynth_init(0, 44100, 125, 6, &net);
-    src = add_signal_source(&net, constant_8000);
-    fx = add_effect(&net, psynth_compressor, src);
-    render_buffer(&net, 1024);
-    EXPECT_GT(net.modules[fx].output_buffers[0][46], 7900);
+    EXPECT_EQ(check_frames(out, 89, 4096, [](int) { return 375; }), "");
 }
 
-TEST_F(CompressorTest, Slope100SilencesTwiceTheThreshold) {
-    int src = add_signal_source(&net, constant_8192);
-    int fx = add_effect(&net, psynth_compressor, src);
-    set_ctl(&net, fx, ATTACK, 0);
-    render_buffer(&net, 4096);
-    const psynth_sample* out = net.modules[fx].output_buffers[1];
-    // Level 2.0: g = (1 − 2) × 1 + 1 = 0, step −2^24 / 44 = −381300. 43 steps leave
-    // 381316 (>> 12 = 93: 8192 × 93 >> 12 = 186); the 44th leaves 16, a multiplier of 0.
+TEST_F(CompressorTest, SlopeSetsTheLevelThatIsSilenced) {
+    // "Slope" 100, level 2.0: g = (1 − 2) × 1 + 1 = 0, step −2^24 / 44 = −381300. 43 steps
+    // leave 381316 (>> 12 = 93: 8192 × 93 >> 12 = 186); the 44th leaves 16, a multiplier of 0.
+    const psynth_sample* out = compress_constant(&net, constant<8192>, 100, 1);
     EXPECT_EQ(out[45], 8192);
     EXPECT_EQ(out[88], 186);
     EXPECT_EQ(check_frames(out, 89, 4096, [](int) { return 0; }), "");
-
     // Just below twice the threshold something is left.
-    psynth_close(&net);
-    psynth_init(0, 44100, 125, 6, &net);
-    src = add_signal_source(&net, constant_7800);
-    fx = add_effect(&net, psynth_compressor, src);
-    set_ctl(&net, fx, ATTACK, 0);
-    render_buffer(&net, 4096);
-    EXPECT_GT(net.modules[fx].output_buffers[1][4095], 0);
-}
+    EXPECT_GT(compress_constant(&net, constant<7800>, 100, 1)[4095], 0);
 
-TEST_F(CompressorTest, Slope200SilencesOneAndAHalfTimesTheThreshold) {
-    int src = add_signal_source(&net, constant_6144);
-    int fx = add_effect(&net, psynth_compressor, src);
-    set_ctl(&net, fx, ATTACK, 0);
-    set_ctl(&net, fx, SLOPE, 200);
-    render_buffer(&net, 4096);
-    const psynth_sample* out = net.modules[fx].output_buffers[0];
-    // Level 1.5: g = (1 − 1.5) × 200 % + 1 = 0, the same glide as above: 6144 × 93 >> 12.
+    // "Slope" 200, level 1.5: g = (1 − 1.5) × 200 % + 1 = 0, the same glide: 6144 × 93 >> 12.
+    out = compress_constant(&net, constant<6144>, 200, 0);
     EXPECT_EQ(out[88], 139);
     EXPECT_EQ(check_frames(out, 89, 4096, [](int) { return 0; }), "");
-
     // "Slope" 100 only halves the same level: g = 0.5, 2^23 after the glide.
-    psynth_close(&net);
-    psynth_init(0, 44100, 125, 6, &net);
-    src = add_signal_source(&net, constant_6144);
-    fx = add_effect(&net, psynth_compressor, src);
-    set_ctl(&net, fx, ATTACK, 0);
-    render_buffer(&net, 4096);
-    EXPECT_EQ(net.modules[fx].output_buffers[0][4095], 3072);
+    EXPECT_EQ(compress_constant(&net, constant<6144>, 100, 0)[4095], 3072);
 }
 
+// Side chain n ≥ 3 (beyond the two linked modules) measures what is heard.
 TEST_F(CompressorTest, SideChainBeyondTheLinkedModulesActsAsZero) {
     for (int n : {3, 32}) {
-        psynth_close(&net);
-        psynth_init(0, 44100, 125, 6, &net);
-        int a = add_signal_source(&net, pad);
+        restart_net(&net);
         int b = add_signal_source(&net, kicks);
-        int fx = add_effect(&net, psynth_compressor, a);
+        int fx = add_effect(&net, psynth_compressor, add_signal_source(&net, pad));
         psynth_make_link(fx, b, &net);
-        set_ctl(&net, fx, SIDE_CHAIN, n);
-        set_ctl(&net, fx, THRESHOLD, 100);
         compressor_reference ref(44100);
-        ref.ctl[SIDE_CHAIN] = n;
-        ref.ctl[THRESHOLD] = 100;
-        EXPECT_EQ(compare_with_reference(&net, fx, &ref, pad_plus_kicks, pad_plus_kicks, {4096, 3001, 4096},
-                                         no_changes),
-                  "")
+        apply(&net, fx, {{SIDE_CHAIN, n}, {THRESHOLD, 100}}, &ref);
+        EXPECT_EQ(compare_with_reference(&net, fx, &ref, pad_plus_kicks, pad_plus_kicks, {4096, 3001, 4096}), "")
             << "side chain " << n;
     }
 }
@@ -271,15 +221,9 @@ TEST_F(CompressorTest, SideChainMeasuresTheChosenModuleAndLeavesItUnheard) {
     int b = add_signal_source(&net, kicks);
     int fx = add_effect(&net, psynth_compressor, a);
     psynth_make_link(fx, b, &net);
-    set_ctl(&net, fx, THRESHOLD, 100);
-    set_ctl(&net, fx, SLOPE, 150);
-    set_ctl(&net, fx, RELEASE, 1);
-    set_ctl(&net, fx, SIDE_CHAIN, 2);
     compressor_reference ref(44100);
-    ref.ctl[THRESHOLD] = 100;
-    ref.ctl[SLOPE] = 150;
-    ref.ctl[RELEASE] = 1;
-    EXPECT_EQ(compare_with_reference(&net, fx, &ref, pad, kicks, {4096, 4096, 777, 4096}, no_changes), "");
+    apply(&net, fx, {{THRESHOLD, 100}, {SLOPE, 150}, {RELEASE, 1}, {SIDE_CHAIN, 2}}, &ref);
+    EXPECT_EQ(compare_with_reference(&net, fx, &ref, pad, kicks, {4096, 4096, 777, 4096}), "");
     // The pad ducks under the kicks: its peak in a kick is far below its peak between them.
     render_buffer(&net, 4096);  // frames 13065..17160: a kick at 15000..15599
     int in_kick = 0, between = 0;
@@ -291,21 +235,15 @@ TEST_F(CompressorTest, SideChainMeasuresTheChosenModuleAndLeavesItUnheard) {
     EXPECT_LT(in_kick * 4, between);
 
     // The other way round: the kicks are heard, measured on the pad (never above its threshold).
-    psynth_close(&net);
-    psynth_init(0, 44100, 125, 6, &net);
+    restart_net(&net);
     a = add_signal_source(&net, pad);
     b = add_signal_source(&net, kicks, 2, 8192);  // silent buffers: no output at all
     fx = add_effect(&net, psynth_compressor, a);
     psynth_make_link(fx, b, &net);
-    set_ctl(&net, fx, SIDE_CHAIN, 1);
-    set_ctl(&net, fx, THRESHOLD, 10);
-    set_ctl(&net, fx, ATTACK, 0);
     compressor_reference ref2(44100);
-    ref2.ctl[THRESHOLD] = 10;
-    ref2.ctl[ATTACK] = 0;
+    apply(&net, fx, {{SIDE_CHAIN, 1}, {THRESHOLD, 10}, {ATTACK, 0}}, &ref2);
     auto kicks_until_8192 = [](int c, int t) { return t < 8192 ? kicks(c, t) : 0; };
-    EXPECT_EQ(compare_with_reference(&net, fx, &ref2, kicks_until_8192, pad, {4096, 4096, 4096, 4096}, no_changes),
-              "");
+    EXPECT_EQ(compare_with_reference(&net, fx, &ref2, kicks_until_8192, pad, {4096, 4096, 4096, 4096}), "");
 }
 
 // The side chain alone wakes the module, and in RMS mode its silent frames still count.
@@ -313,14 +251,8 @@ TEST_F(CompressorTest, SideChainAloneWakesItAndItsSilenceCountsInRms) {
     int side = add_signal_source(&net, pad, 2, 8192);  // silent from the third buffer
     int heard = add_signal_source(&net, swells);        // runs unheard until linked in the second buffer
     int fx = add_effect(&net, psynth_compressor, side);
-    set_ctl(&net, fx, SIDE_CHAIN, 1);
-    set_ctl(&net, fx, MODE, 1);
-    set_ctl(&net, fx, THRESHOLD, 20);
-    set_ctl(&net, fx, ATTACK, 0);
     compressor_reference ref(44100);
-    ref.ctl[MODE] = 1;
-    ref.ctl[THRESHOLD] = 20;
-    ref.ctl[ATTACK] = 0;
+    apply(&net, fx, {{SIDE_CHAIN, 1}, {MODE, 1}, {THRESHOLD, 20}, {ATTACK, 0}}, &ref);
     auto heard_from_4096 = [](int c, int t) { return t < 4096 ? 0 : swells(c, t); };
     auto pad_until_8192 = [](int c, int t) { return t < 8192 ? pad(c, t) : 0; };
     EXPECT_EQ(compare_with_reference(&net, fx, &ref, heard_from_4096, pad_until_8192, {4096, 4096, 4096, 4096},
@@ -331,48 +263,31 @@ TEST_F(CompressorTest, SideChainAloneWakesItAndItsSilenceCountsInRms) {
 }
 
 TEST_F(CompressorTest, PeakRenderMatchesTheFrameByFrameReference) {
-    int src = add_signal_source(&net, swells, 2, 30000);
-    int fx = add_effect(&net, psynth_compressor, src);
+    int fx = add_effect(&net, psynth_compressor, add_signal_source(&net, swells, 2, 30000));
     compressor_reference ref(44100);
     auto swells_until_30000 = [](int c, int t) { return t < 30000 ? swells(c, t) : 0; };
+    const setting steps[] = {{THRESHOLD, 128}, {SLOPE, 60},   {ATTACK, 5},      {VOLUME, 300},
+                             {RELEASE, 20},    {SLOPE, 200},  {VOLUME, 77},     {ATTACK, 0},
+                             {THRESHOLD, 400}, {RELEASE, 1000}, {VOLUME, 512}};
     EXPECT_EQ(compare_with_reference(&net, fx, &ref, swells_until_30000, swells_until_30000,
                                      {4096, 1000, 3, 4096, 2777, 4096, 4096, 4096, 517, 4096, 4096},
-                                     [&](int b, compressor_reference* r) {
-                                         struct { int ctl, value; } steps[] = {
-                                             {THRESHOLD, 128}, {SLOPE, 60},   {ATTACK, 5},    {VOLUME, 300},
-                                             {RELEASE, 20},    {SLOPE, 200},  {VOLUME, 77},   {ATTACK, 0},
-                                             {THRESHOLD, 400}, {RELEASE, 1000}, {VOLUME, 512}};
-                                         set_ctl(&net, fx, steps[b].ctl, steps[b].value);
-                                         r->ctl[steps[b].ctl] = steps[b].value;
-                                     }),
+                                     [&](int b, compressor_reference* r) { apply(&net, fx, {steps[b]}, r); }),
               "");
 }
 
 TEST_F(CompressorTest, RmsRenderMatchesTheReferenceAtOtherRates) {
     for (int rate : {44100, 48000, 22050, 9001, 96000}) {
-        psynth_close(&net);
-        psynth_init(0, rate, 125, 6, &net);
-        int src = add_signal_source(&net, swells);
-        int fx = add_effect(&net, psynth_compressor, src);
-        set_ctl(&net, fx, MODE, 1);
-        set_ctl(&net, fx, THRESHOLD, 150);
-        set_ctl(&net, fx, ATTACK, 3);
-        set_ctl(&net, fx, RELEASE, 40);
-        set_ctl(&net, fx, SLOPE, 80);
+        restart_net(&net, rate);
+        int fx = add_effect(&net, psynth_compressor, add_signal_source(&net, swells));
         compressor_reference ref(rate);
-        ref.ctl[MODE] = 1;
-        ref.ctl[THRESHOLD] = 150;
-        ref.ctl[ATTACK] = 3;
-        ref.ctl[RELEASE] = 40;
-        ref.ctl[SLOPE] = 80;
-        EXPECT_EQ(compare_with_reference(&net, fx, &ref, swells, swells, {4096, 4096, 1111, 4096, 4096}, no_changes),
-                  "")
+        apply(&net, fx, {{MODE, 1}, {THRESHOLD, 150}, {ATTACK, 3}, {RELEASE, 40}, {SLOPE, 80}}, &ref);
+        EXPECT_EQ(compare_with_reference(&net, fx, &ref, swells, swells, {4096, 4096, 1111, 4096, 4096}), "")
             << "rate " << rate;
     }
 }
 
 TEST_F(CompressorTest, SilentUntilInputAndCleanRestoresUnityGain) {
-    int src = add_signal_source(&net, constant_8192, 2, 0);
+    int src = add_signal_source(&net, constant<8192>, 2, 0);
     int fx = add_effect(&net, psynth_compressor, src);
     render_buffer(&net, 512);
     EXPECT_EQ(net.modules[fx].output_start[0], 512);  // nothing sounded: taken as silent

@@ -6,6 +6,7 @@
 #include <climits>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "test_modules.h"
@@ -67,6 +68,9 @@ inline int add_effect(psynth_net* net, psynth_handler handler, int src) {
 }
 
 inline void set_ctl(psynth_net* net, int m, int ctl, int value) { *net->modules[m].ctls[ctl].value = value; }
+inline void set_ctls(psynth_net* net, int m, std::initializer_list<std::pair<int, int>> ctl_values) {
+    for (auto [ctl, value] : ctl_values) set_ctl(net, m, ctl, value);
+}
 
 struct effect_identity {
     int data_size;  // 0: the module's own choice, not checked
@@ -120,4 +124,36 @@ inline std::vector<std::vector<int>> render_outputs(psynth_net* net, int fx, int
         }
     }
     return out;
+}
+
+// Renders buffers of `sizes` and compares the outputs of `fx` frame by frame with
+// expect(t, want) (t the absolute frame, called once per frame in order); before(b) runs
+// before buffer b. "" or the first difference.
+template <class Before, class Expect>
+std::string compare_render(psynth_net* net, int fx, std::initializer_list<int> sizes, Before before, Expect expect) {
+    int t = 0, b = 0;
+    for (int n : sizes) {
+        before(b);
+        render_buffer(net, n);
+        const psynth_module* mod = &net->modules[fx];
+        for (int k = 0; k < n; k++, t++) {
+            int want[2];
+            expect(t, want);
+            for (int c = 0; c < mod->output_channels; c++) {
+                int got = mod->output_start[c] <= k ? mod->output_buffers[c][k] : 0;
+                if (got != want[c]) {
+                    return "buffer " + std::to_string(b) + " channel " + std::to_string(c) + " frame " +
+                           std::to_string(t) + ": " + std::to_string(got) + " instead of " + std::to_string(want[c]);
+                }
+            }
+        }
+        b++;
+    }
+    return "";
+}
+
+// Starts the net afresh at `rate`.
+inline void restart_net(psynth_net* net, int rate = 44100) {
+    psynth_close(net);
+    psynth_init(0, rate, 125, 6, net);
 }

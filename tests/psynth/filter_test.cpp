@@ -1,8 +1,8 @@
 // Filter: identity, a straightforward reference of the filter for every type and mode,
 // the Response extremes, Mix 0 with frozen states, one second of tail, the one-shot
 // Impulse, the LFO swing bounds and the "Set LFO phase" event.
-#include <cstdint>
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 #include <vector>
 
@@ -90,16 +90,9 @@ TEST_F(FilterTest, EveryTypeAndModeMatchesTheReference) {
     for (int mode = 0; mode < 4; mode++) {
         for (int type = 0; type < 4; type++) {
             SCOPED_TRACE("mode " + std::to_string(mode) + " type " + std::to_string(type));
-            psynth_close(&net);
-            psynth_init(0, 44100, 125, 6, &net);
-            int src = add_signal_source(&net, square);
-            int fx = add_effect(&net, psynth_filter, src);
-            set_ctl(&net, fx, FREQ, 3000);
-            set_ctl(&net, fx, RESONANCE, 900);
-            set_ctl(&net, fx, TYPE, type);
-            set_ctl(&net, fx, MODE, mode);
-            set_ctl(&net, fx, MIX, 200);
-            set_ctl(&net, fx, VOLUME, 256);
+            restart_net(&net);
+            int fx = add_effect(&net, psynth_filter, add_signal_source(&net, square));
+            set_ctls(&net, fx, {{FREQ, 3000}, {RESONANCE, 900}, {TYPE, type}, {MODE, mode}, {MIX, 200}});
             // The first control step still runs at 14000 Hz and resonance 0.
             svf_reference ref;
             bool hq = mode < 2;
@@ -121,12 +114,8 @@ TEST_F(FilterTest, EveryTypeAndModeMatchesTheReference) {
 }
 
 TEST_F(FilterTest, ResponseZeroFreezesFrequencyButARisingVolumeStillJumps) {
-    int src = add_signal_source(&net, square);
-    int fx = add_effect(&net, psynth_filter, src);
-    set_ctl(&net, fx, RESPONSE, 0);
-    set_ctl(&net, fx, FREQ, 500);
-    set_ctl(&net, fx, RESONANCE, 700);
-    set_ctl(&net, fx, VOLUME, 100);
+    int fx = add_effect(&net, psynth_filter, add_signal_source(&net, square));
+    set_ctls(&net, fx, {{RESPONSE, 0}, {FREQ, 500}, {RESONANCE, 700}, {VOLUME, 100}});
     render_buffer(&net, 1000);
     EXPECT_EQ(raw(&net, fx)[RAW_FREQ], 14000 * 256);
     EXPECT_EQ(raw(&net, fx)[RAW_RES], 0);
@@ -139,34 +128,28 @@ TEST_F(FilterTest, ResponseZeroFreezesFrequencyButARisingVolumeStillJumps) {
     EXPECT_EQ(raw(&net, fx)[RAW_FREQ], 500 * 256);  // 14000 Hz per step: within one
     EXPECT_EQ(raw(&net, fx)[RAW_RES], 700 * 256);
     EXPECT_EQ(raw(&net, fx)[RAW_VOLUME], 100 * 256);
-    set_ctl(&net, fx, RESPONSE, 1);
-    set_ctl(&net, fx, FREQ, 1000);
-    set_ctl(&net, fx, VOLUME, 99);
+    set_ctls(&net, fx, {{RESPONSE, 1}, {FREQ, 1000}, {VOLUME, 99}});
     render_buffer(&net, 440);  // two steps of 1 × 14000 and 1 × 256
     EXPECT_EQ(raw(&net, fx)[RAW_FREQ], 500 * 256 + 2 * 14000);
     EXPECT_EQ(raw(&net, fx)[RAW_VOLUME], 99 * 256);
 }
 
 TEST_F(FilterTest, MixZeroPassesTheInputWithVolumeAndFreezesTheStates) {
-    int src = add_signal_source(&net, square);
-    int fx = add_effect(&net, psynth_filter, src);
+    int fx = add_effect(&net, psynth_filter, add_signal_source(&net, square));
     set_ctl(&net, fx, FREQ, 14000);
     svf_reference ref;
     render_buffer(&net, 220);
     for (int k = 0; k < 220; k++) ref.sample(0, square(0, k), 0, true, 14000, 0, 256, 256);
     int32_t saved[6];
     memcpy(saved, raw(&net, fx) + 11, sizeof(saved));
-    set_ctl(&net, fx, MIX, 0);
-    set_ctl(&net, fx, VOLUME, 200);
-    set_ctl(&net, fx, RESPONSE, 256);
+    set_ctls(&net, fx, {{MIX, 0}, {VOLUME, 200}, {RESPONSE, 256}});
     render_buffer(&net, 220);  // volume still 256 in this step
     EXPECT_EQ(check_frames(net.modules[fx].output_buffers[0], 0, 220, [](int k) { return square(0, 220 + k); }), "");
     render_buffer(&net, 220);
     EXPECT_EQ(check_frames(net.modules[fx].output_buffers[0], 0, 220,
                            [](int k) { return square(0, 440 + k) * 200 / 256; }), "");
     EXPECT_EQ(memcmp(saved, raw(&net, fx) + 11, sizeof(saved)), 0);
-    set_ctl(&net, fx, MIX, 256);
-    set_ctl(&net, fx, VOLUME, 256);
+    set_ctls(&net, fx, {{MIX, 256}, {VOLUME, 256}});
     render_buffer(&net, 220);
     render_buffer(&net, 220);  // volume back at 256 from this step on
     for (int k = 0; k < 220; k++) ref.sample(0, square(0, 660 + k), 0, true, 14000, 0, 200, 256);
@@ -196,10 +179,8 @@ TEST_F(FilterTest, SilentUntilInputThenRingsForOneSecond) {
 }
 
 TEST_F(FilterTest, ImpulseThrowsTheCutoffOnce) {
-    int src = add_signal_source(&net, square);
-    int fx = add_effect(&net, psynth_filter, src);
-    set_ctl(&net, fx, RESPONSE, 0);
-    set_ctl(&net, fx, IMPULSE, 700);
+    int fx = add_effect(&net, psynth_filter, add_signal_source(&net, square));
+    set_ctls(&net, fx, {{RESPONSE, 0}, {IMPULSE, 700}});
     render_buffer(&net, 300);
     EXPECT_EQ(*net.modules[fx].ctls[IMPULSE].value, 0);
     EXPECT_EQ(raw(&net, fx)[RAW_FREQ], 700 * 256);
@@ -207,18 +188,15 @@ TEST_F(FilterTest, ImpulseThrowsTheCutoffOnce) {
     EXPECT_EQ(check_frames(net.modules[fx].output_buffers[0], 0, 300, [&](int k) {
         return ref.sample(0, square(0, k), 0, true, 700, 0, 256, 256);
     }), "");
-    set_ctl(&net, fx, RESPONSE, 256);
-    set_ctl(&net, fx, FREQ, 2000);
+    set_ctls(&net, fx, {{RESPONSE, 256}, {FREQ, 2000}});
     render_buffer(&net, 300);
     EXPECT_EQ(raw(&net, fx)[RAW_FREQ], 2000 * 256);  // nothing throws it back to 700
 }
 
 TEST_F(FilterTest, LfoAtFullPowerSwingsBetween28And13972) {
-    int src = add_signal_source(&net, square);
-    int fx = add_effect(&net, psynth_filter, src);
-    set_ctl(&net, fx, FREQ, 0);
-    set_ctl(&net, fx, LFO_POWER, 256);
-    set_ctl(&net, fx, LFO_FREQ, 256);  // 32 steps per period: phases hit 2048 and 6144
+    int fx = add_effect(&net, psynth_filter, add_signal_source(&net, square));
+    // 32 steps per period: phases hit 2048 and 6144.
+    set_ctls(&net, fx, {{FREQ, 0}, {LFO_POWER, 256}, {LFO_FREQ, 256}});
     int lo = 1 << 30, hi = -1;
     for (int s = 0; s < 32; s++) {
         render_buffer(&net, 220);

@@ -51,10 +51,8 @@ TEST_F(PsynthNetTest, InitBuildsOnlyTheOutputModule) {
     psynth_module& out = net.modules[0];
     EXPECT_EQ(out.flags, PSYNTH_FLAG_EXISTS | PSYNTH_FLAG_OUTPUT | PSYNTH_FLAG_INITIALIZED);
     EXPECT_STREQ(out.name, "OUT");
-    EXPECT_EQ(out.x, 896);
-    EXPECT_EQ(out.y, 512);
-    EXPECT_EQ(out.input_channels, 2);
-    EXPECT_EQ(out.output_channels, 2);
+    EXPECT_EQ((std::vector<int>{out.x, out.y, out.input_channels, out.output_channels}),
+              (std::vector<int>{896, 512, 2, 2}));
     for (int c = 0; c < 2; c++) {
         ASSERT_NE(out.input_buffers[c], nullptr);
         EXPECT_EQ(out.input_start[c], PSYNTH_BUFFER_SIZE);
@@ -97,9 +95,8 @@ TEST_F(PsynthNetTest, AddSynthAsksInOrderAndSetsUpChannels) {
             EXPECT_EQ(mem_get_size(mod.scope_rings[c]), 32768 * sizeof(psynth_sample));
         }
     }
-    EXPECT_EQ(mod.midi_out_port, -1);
-    EXPECT_EQ(mod.midi_out_bank, -1);
-    EXPECT_EQ(mod.midi_out_program, -1);
+    EXPECT_EQ((std::vector<int>{mod.midi_out_port, mod.midi_out_bank, mod.midi_out_program}),
+              (std::vector<int>{-1, -1, -1}));
     for (int i = 0; i < PSYNTH_MIDI_HELD_NOTES; i++) EXPECT_EQ(mod.midi_held_ids[i], -1);
 
     // SPEED_CHANGED: ((44100 × 15360) / 125) / 24 in the 32 bits of note and velocity,
@@ -219,8 +216,9 @@ TEST_F(PsynthNetTest, RemoveSynthClosesAndUnlinksBothSides) {
     EXPECT_EQ(mods[b].flags, 0u);
     EXPECT_EQ(mods[b].input_links, nullptr);
     EXPECT_EQ(mods[b].output_links, nullptr);
-    EXPECT_EQ(links(mods[a].output_links, mods[a].output_links_capacity), (std::vector<int>{-1, -1}));
-    EXPECT_EQ(links(mods[c].output_links, mods[c].output_links_capacity), (std::vector<int>{-1, -1}));
+    for (int m : {a, c}) {
+        EXPECT_EQ(links(mods[m].output_links, mods[m].output_links_capacity), (std::vector<int>{-1, -1})) << m;
+    }
     EXPECT_EQ(links(mods[0].input_links, mods[0].input_links_capacity), (std::vector<int>{-1, -1}));
 
     render_buffer(&net, 64);  // nothing left points at the removed module
@@ -360,6 +358,7 @@ TEST_F(PsynthNetTest, MidiOutBytesFollowHeldNotes) {
     EXPECT_EQ(midi_bytes(mod, PS_CMD_SET_LOCAL_CONTROLLER, 2, 127 + 7, 32768), "b3 07 7f b3 27 00");
     EXPECT_EQ(midi_bytes(mod, PS_CMD_SET_GLOBAL_CONTROLLER, -1, 127 + 74, 0x2345), "b3 4a 23");
     EXPECT_EQ(midi_bytes(mod, PS_CMD_SET_GLOBAL_CONTROLLER, -1, 127 + 74, 40000), "b3 4a 7f");
+    EXPECT_EQ(midi_bytes(mod, PS_CMD_SET_GLOBAL_CONTROLLER, -1, 127 + 127, 0x2345), "b3 7f 23");
     EXPECT_EQ(midi_bytes(mod, PS_CMD_SET_GLOBAL_CONTROLLER, -1, 127 + 128, 100), "");
     EXPECT_EQ(midi_bytes(mod, PS_CMD_SET_GLOBAL_CONTROLLER, -1, 126, 100), "");
     EXPECT_EQ(midi_bytes(mod, PS_CMD_SET_VELOCITY, 5, 0, 100), "");
@@ -416,10 +415,8 @@ TEST_F(PsynthNetTest, IndicesOutsideTheTableAndFreeSlotsAreIgnored) {
     }
     psynth_sample* ring = nullptr;
     EXPECT_EQ(psynth_get_scope_position(0, PSYNTH_MAX_CHANNELS, &ring, nullptr, &net), -1);
-    EXPECT_EQ(net.modules[0].input_links, nullptr);
-    EXPECT_EQ(net.modules[0].output_links, nullptr);
-    EXPECT_EQ(net.modules[0].ctls_count, 0);
-    EXPECT_EQ(net.modules[0].input_channels, 2);
+    const psynth_module& out = net.modules[0];  // untouched by any of the calls above
+    EXPECT_TRUE(!out.input_links && !out.output_links && out.ctls_count == 0 && out.input_channels == 2);
     render_buffer(&net, 32);
     EXPECT_EQ(test_trace_count(), 0);
 }

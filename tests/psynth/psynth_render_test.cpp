@@ -7,7 +7,14 @@
 
 namespace {
 
-using PsynthRenderTest = PsynthFixture;
+// Global volume 256 is exactly unity: the mix reaches OUT untouched.
+class PsynthRenderTest : public PsynthFixture {
+protected:
+    void SetUp() override {
+        PsynthFixture::SetUp();
+        net.global_volume = 256;
+    }
+};
 
 int add_ramp(psynth_net* net, int base, int outputs = 1, uint32_t flags = 0) {
     test_module_config cfg;
@@ -25,7 +32,6 @@ auto constant(int value) {
 }
 
 TEST_F(PsynthRenderTest, SilentSourceGetsStartNAndAddsNothing) {
-    net.global_volume = 256;
     int silent = add_ramp(&net, 5000);
     int sound = add_ramp(&net, 10);
     int uninit = add_ramp(&net, 7000);
@@ -51,7 +57,6 @@ TEST_F(PsynthRenderTest, SilentSourceGetsStartNAndAddsNothing) {
 }
 
 TEST_F(PsynthRenderTest, LeadingSilenceAndSilentPiecesAfterSound) {
-    net.global_volume = 256;
     int late = add_ramp(&net, 0);
     int early = add_ramp(&net, 2000);
     psynth_make_link(0, late, &net);
@@ -79,7 +84,6 @@ TEST_F(PsynthRenderTest, LeadingSilenceAndSilentPiecesAfterSound) {
 }
 
 TEST_F(PsynthRenderTest, MonoSourceFeedsBothChannelsOfStereoEffect) {
-    net.global_volume = 256;  // exactly unity: the mix is not touched
     int source = add_ramp(&net, 20000);
     int effect = add_pass_effect(&net, 2);
     psynth_make_link(effect, source, &net);
@@ -95,7 +99,6 @@ TEST_F(PsynthRenderTest, MonoSourceFeedsBothChannelsOfStereoEffect) {
 }
 
 TEST_F(PsynthRenderTest, SourcesSumWithWrapAround) {
-    net.global_volume = 256;
     int delayed = add_constant_source(&net, 30000);
     int full = add_constant_source(&net, 30000);
     int effect = add_pass_effect(&net, 1);
@@ -121,7 +124,7 @@ TEST_F(PsynthRenderTest, SourcesSumWithWrapAround) {
 }
 
 TEST_F(PsynthRenderTest, GlobalVolumeRoundsTowardZero) {
-    EXPECT_EQ(net.global_volume, 52);
+    net.global_volume = 52;  // the default
     int source = add_ramp(&net, -200);  // -200 .. 199
     psynth_make_link(0, source, &net);
     render_buffer(&net, 400);
@@ -134,7 +137,6 @@ TEST_F(PsynthRenderTest, GlobalVolumeRoundsTowardZero) {
 }
 
 TEST_F(PsynthRenderTest, MuteStillRendersButSilencesOutputs) {
-    net.global_volume = 256;
     int muted = add_ramp(&net, 100);
     psynth_make_link(0, muted, &net);
     net.modules[muted].flags |= PSYNTH_FLAG_MUTE;
@@ -220,7 +222,6 @@ TEST_F(PsynthRenderTest, NoInputMixingComputesStartsOnly) {
 }
 
 TEST_F(PsynthRenderTest, UnfedEffectInputsAreCleared) {
-    net.global_volume = 256;
     int source = add_ramp(&net, 40);
     int effect = add_pass_effect(&net, 1);
     psynth_make_link(effect, source, &net);
@@ -239,7 +240,6 @@ TEST_F(PsynthRenderTest, UnfedEffectInputsAreCleared) {
 }
 
 TEST_F(PsynthRenderTest, CycleRendersEveryModuleOnce) {
-    net.global_volume = 256;
     int source = add_ramp(&net, 1);
     int a = add_pass_effect(&net, 1);
     int b = add_pass_effect(&net, 1);
@@ -266,7 +266,6 @@ TEST_F(PsynthRenderTest, CycleRendersEveryModuleOnce) {
 }
 
 TEST_F(PsynthRenderTest, ScopeRingsAndCaptureFollowThePass) {
-    net.global_volume = 256;
     int m = add_ramp(&net, 0, 2);
     psynth_make_link(0, m, &net);
     psynth_set_capture_module(m, &net);
