@@ -19,6 +19,14 @@ std::vector<int64_t> frames_of(const std::vector<logged_event>& events) {
     return out;
 }
 
+// One field of every event, e.g. values_of(on, &psynth_event::note).
+template <class T>
+std::vector<int> values_of(const std::vector<logged_event>& events, T psynth_event::*field) {
+    std::vector<int> out;
+    for (const logged_event& e : events) out.push_back((int)(e.event.*field));
+    return out;
+}
+
 TEST_F(SongPlaybackTest, LinesStartAtExactFramesFromTheFirstStep) {
     EXPECT_EQ(psynth_tick_length(44100, 125), 225792);
     int mod = add_logger();
@@ -27,12 +35,10 @@ TEST_F(SongPlaybackTest, LinesStartAtExactFramesFromTheFirstStep) {
     play();
     render(3 * kLine + 10, 1000);
     std::vector<logged_event> notes = events_of(mod, PS_CMD_NOTE_ON);
-    ASSERT_EQ(notes.size(), 3u);
     EXPECT_EQ(frames_of(notes), (std::vector<int64_t>{0, kLine, 2 * kLine}));
-    EXPECT_EQ(notes[0].event.note, 48);
-    EXPECT_EQ(notes[0].event.pitch, (120 - 48) * 256);
-    EXPECT_EQ(notes[0].event.velocity, 256);
-    EXPECT_EQ(notes[0].event.id, (slot << 16) | 0);
+    ASSERT_EQ(notes.size(), 3u);
+    EXPECT_EQ((std::vector<int>{notes[0].event.note, notes[0].event.pitch, notes[0].event.velocity, notes[0].event.id}),
+              (std::vector<int>{48, (120 - 48) * 256, 256, (slot << 16) | 0}));
 }
 
 TEST_F(SongPlaybackTest, TickKStartsAtCeilingOfKTimesTickLength) {
@@ -125,13 +131,8 @@ TEST_F(SongPlaybackTest, DelayRetriggerAndCutCountTicks) {
     cell(slot, 2, 3) = note_cell(0, 0, 0, 0x1C, 0);         // cut with x = 0
     play();
     render(4 * kLine);
-    std::vector<logged_event> on = events_of(mod, PS_CMD_NOTE_ON);
-    ASSERT_EQ(on.size(), 5u);
-    EXPECT_EQ(on[0].frame, 2 * kTick);
-    EXPECT_EQ(on[1].frame, kLine);
-    EXPECT_EQ(on[2].frame, kLine + 2 * kTick);
-    EXPECT_EQ(on[3].frame, kLine + 4 * kTick);
-    EXPECT_EQ(on[4].frame, 2 * kLine);
+    EXPECT_EQ(frames_of(events_of(mod, PS_CMD_NOTE_ON)),
+              (std::vector<int64_t>{2 * kTick, kLine, kLine + 2 * kTick, kLine + 4 * kTick, 2 * kLine}));
     std::vector<logged_event> off = events_of(mod, PS_CMD_NOTE_OFF);
     ASSERT_FALSE(off.empty());
     EXPECT_EQ(off.back().frame, 3 * kLine);
@@ -155,10 +156,8 @@ TEST_F(SongPlaybackTest, ProbabilityEffectsFollowTheSeed) {
     int r2 = tarvik_random(&s);
     int r3 = tarvik_random(&s);
     std::vector<logged_event> on = events_of(mod, PS_CMD_NOTE_ON);
-    ASSERT_EQ(on.size(), 2u);
-    EXPECT_EQ(on[0].event.note, 49);
-    EXPECT_EQ(on[0].event.velocity, (r2 >> 8) * 2);
-    EXPECT_EQ(on[1].event.velocity, ((r3 * 10) >> 15) * 2);
+    EXPECT_EQ(values_of(on, &psynth_event::note), (std::vector<int>{49, 50}));
+    EXPECT_EQ(values_of(on, &psynth_event::velocity), (std::vector<int>{(r2 >> 8) * 2, ((r3 * 10) >> 15) * 2}));
 }
 
 TEST_F(SongPlaybackTest, PatternsAtOneLinePlayShorterFirst) {
@@ -170,10 +169,8 @@ TEST_F(SongPlaybackTest, PatternsAtOneLinePlayShorterFirst) {
     play();
     render(100);
     std::vector<logged_event> on = events_of(mod, PS_CMD_NOTE_ON);
-    ASSERT_EQ(on.size(), 2u);
-    EXPECT_EQ(on[0].event.note, 60);
-    EXPECT_EQ(on[0].event.id, shorter << 16);
-    EXPECT_EQ(on[1].event.note, 48);
+    EXPECT_EQ(values_of(on, &psynth_event::note), (std::vector<int>{60, 48}));
+    EXPECT_EQ(values_of(on, &psynth_event::id), (std::vector<int>{shorter << 16, longer << 16}));
 }
 
 TEST_F(SongPlaybackTest, EndOfSongJumpReleasesSoundingTracks) {
@@ -182,21 +179,15 @@ TEST_F(SongPlaybackTest, EndOfSongJumpReleasesSoundingTracks) {
     cell(slot, 0, 0) = note_cell(49, mod + 1);
     play();
     render(2 * kLine + 10);
-    std::vector<logged_event> off = events_of(mod, PS_CMD_NOTE_OFF);
-    std::vector<logged_event> on = events_of(mod, PS_CMD_NOTE_ON);
-    ASSERT_EQ(off.size(), 1u);
-    ASSERT_EQ(on.size(), 2u);
-    EXPECT_EQ(off[0].frame, 2 * kLine);
-    EXPECT_EQ(on[1].frame, 2 * kLine);
+    EXPECT_EQ(frames_of(events_of(mod, PS_CMD_NOTE_OFF)), (std::vector<int64_t>{2 * kLine}));
+    EXPECT_EQ(frames_of(events_of(mod, PS_CMD_NOTE_ON)), (std::vector<int64_t>{0, 2 * kLine}));
     // The note-off reaches the module before the restarted note.
-    logger_data* data = logger(mod);
-    int off_index = -1, on_index = -1;
-    for (int i = 0; i < data->count; i++) {
-        if (data->events[i].frame != 2 * kLine) continue;
-        if (data->events[i].event.command == PS_CMD_NOTE_OFF && off_index < 0) off_index = i;
-        if (data->events[i].event.command == PS_CMD_NOTE_ON && on_index < 0) on_index = i;
+    std::vector<int> at_end;
+    for (int i = 0; i < logger(mod)->count; i++) {
+        const logged_event& e = logger(mod)->events[i];
+        if (e.frame == 2 * kLine && (e.event.command == PS_CMD_NOTE_OFF || e.event.command == PS_CMD_NOTE_ON)) at_end.push_back(e.event.command);
     }
-    EXPECT_LT(off_index, on_index);
+    EXPECT_EQ(at_end, (std::vector<int>{PS_CMD_NOTE_OFF, PS_CMD_NOTE_ON}));
 }
 
 TEST_F(SongPlaybackTest, ATrackMovingToAnotherModuleReleasesTheFirst) {
@@ -208,12 +199,9 @@ TEST_F(SongPlaybackTest, ATrackMovingToAnotherModuleReleasesTheFirst) {
     cell(slot, 0, 2) = note_cell(ZELFON_NOTE_OFF);
     play();
     render(3 * kLine + 10);
-    std::vector<logged_event> off_first = events_of(first, PS_CMD_NOTE_OFF);
-    ASSERT_EQ(off_first.size(), 1u);
-    EXPECT_EQ(off_first[0].frame, kLine);
-    std::vector<logged_event> off_second = events_of(second, PS_CMD_NOTE_OFF);
-    ASSERT_EQ(off_second.size(), 1u);  // the note-off goes to the module the track last played
-    EXPECT_EQ(off_second[0].frame, 2 * kLine);
+    EXPECT_EQ(frames_of(events_of(first, PS_CMD_NOTE_OFF)), (std::vector<int64_t>{kLine}));
+    // The note-off goes to the module the track last played.
+    EXPECT_EQ(frames_of(events_of(second, PS_CMD_NOTE_OFF)), (std::vector<int64_t>{2 * kLine}));
 }
 
 TEST_F(SongPlaybackTest, StopAtEndRunsOnSilently) {
@@ -255,16 +243,12 @@ TEST_F(SongPlaybackTest, ControllersAreLocalWithANoteAndGlobalOtherwise) {
     play();
     render(kLine + 10);
     std::vector<logged_event> local = events_of(mod, PS_CMD_SET_LOCAL_CONTROLLER);
-    std::vector<logged_event> global = events_of(mod, PS_CMD_SET_GLOBAL_CONTROLLER);
     ASSERT_EQ(local.size(), 1u);
-    ASSERT_EQ(global.size(), 1u);
     EXPECT_EQ(local[0].event.note, 2);
     EXPECT_EQ(local[0].event.velocity, 1000);
-    EXPECT_EQ(global[0].event.velocity, 2000);
-    std::vector<logged_event> vel = events_of(mod, PS_CMD_SET_VELOCITY);
-    ASSERT_EQ(vel.size(), 1u);
-    EXPECT_EQ(vel[0].event.velocity, 100);
-    EXPECT_EQ(vel[0].frame, kLine);
+    EXPECT_EQ(values_of(events_of(mod, PS_CMD_SET_GLOBAL_CONTROLLER), &psynth_event::velocity), (std::vector<int>{2000}));
+    EXPECT_EQ(values_of(events_of(mod, PS_CMD_SET_VELOCITY), &psynth_event::velocity), (std::vector<int>{100}));
+    EXPECT_EQ(frames_of(events_of(mod, PS_CMD_SET_VELOCITY)), (std::vector<int64_t>{kLine}));
 }
 
 TEST_F(SongPlaybackTest, ArpeggioCyclesThreePitchesThenReturns) {
@@ -273,14 +257,12 @@ TEST_F(SongPlaybackTest, ArpeggioCyclesThreePitchesThenReturns) {
     cell(slot, 0, 0) = note_cell(49, mod + 1, 0, 0x08, 0x0407);
     play();
     render(kLine + 10);
+    // Six arpeggio ticks, then the base pitch once.
     std::vector<logged_event> freqs = events_of(mod, PS_CMD_SET_FREQ);
-    ASSERT_EQ(freqs.size(), 7u);  // six arpeggio ticks, then the base pitch once
     const int base = (120 - 48) * 256;
-    const int want[] = {base, base - 4 * 256, base - 7 * 256, base, base - 4 * 256, base - 7 * 256, base};
-    for (int i = 0; i < 7; i++) {
-        EXPECT_EQ(freqs[i].event.pitch, want[i]) << i;
-        EXPECT_EQ(freqs[i].frame, i * kTick) << i;
-    }
+    EXPECT_EQ(values_of(freqs, &psynth_event::pitch),
+              (std::vector<int>{base, base - 4 * 256, base - 7 * 256, base, base - 4 * 256, base - 7 * 256, base}));
+    EXPECT_EQ(frames_of(freqs), (std::vector<int64_t>{0, kTick, 2 * kTick, 3 * kTick, 4 * kTick, 5 * kTick, 6 * kTick}));
 }
 
 TEST_F(SongPlaybackTest, OutputFormatsScaleAndSaturate) {
@@ -313,9 +295,7 @@ TEST_F(SongPlaybackTest, LiveInputUsesItsOwnIdsAndRingsDropWhenFull) {
     render(64);
     std::vector<logged_event> notes = events_of(mod, PS_CMD_NOTE_ON);
     ASSERT_EQ(notes.size(), 1u);
-    EXPECT_EQ(notes[0].event.id, (0xFFFF << 16) | 0);
-    EXPECT_EQ(notes[0].event.note, 60);
-    EXPECT_EQ(notes[0].event.velocity, 198);
+    EXPECT_EQ((std::vector<int>{notes[0].event.id, notes[0].event.note, notes[0].event.velocity}), (std::vector<int>{(0xFFFF << 16) | 0, 60, 198}));
     EXPECT_EQ(events_of(mod, PS_CMD_NOTE_OFF).size(), 1u);
 
     zelfon_cell c = note_cell(49, mod + 1);
