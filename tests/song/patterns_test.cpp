@@ -104,12 +104,7 @@ TEST_F(SongPatternTest, MoreTracksRestrideEveryCellAndStorageNeverShrinks) {
 
 TEST_F(SongPatternTest, HolesClosedThenRestoredGiveBackTheSameSlots) {
     // Slots: 0 A, 1 -, 2 B, 3 -, 4 -, 5 clone of B, 6 C, then empty to the end.
-    make(0);
-    make(2);
-    make(6);
-    make(1);
-    make(3);
-    make(4);
+    for (int slot : {0, 2, 6, 1, 3, 4}) make(slot);
     ASSERT_EQ(zelfon_clone_pattern(2, 0, 0, &song), 5);
     for (int slot : {1, 3, 4}) zelfon_remove_pattern(slot, &song);
     song.editor_pats = (int*)mem_new(MEM_DYNAMIC, 4 * sizeof(int), "test");
@@ -126,10 +121,7 @@ TEST_F(SongPatternTest, HolesClosedThenRestoredGiveBackTheSameSlots) {
     ASSERT_EQ(holes_size, 4 * (int)sizeof(int));
     EXPECT_EQ(mem_get_size(holes), 16 * 2 * sizeof(int));  // room for 16 pairs
     EXPECT_EQ((std::vector<int>(holes, holes + 4)), (std::vector<int>{1, 1, 2, 2}));
-    EXPECT_EQ(song.pats[1], before[2]);
-    EXPECT_EQ(song.pats[2], before[5]);
-    EXPECT_EQ(song.pats[3], before[6]);
-    EXPECT_EQ(song.pats[4], nullptr);
+    EXPECT_EQ((std::vector<zelfon_pattern*>(song.pats, song.pats + 5)), (std::vector<zelfon_pattern*>{before[0], before[2], before[5], before[6], nullptr}));
     EXPECT_EQ(song.pats_info[2].parent, 1);
     EXPECT_EQ((std::vector<int>(song.editor_pats, song.editor_pats + 4)), (std::vector<int>{1, 2, 3, 0}));
     EXPECT_EQ(song.current_pattern, 1);
