@@ -362,7 +362,8 @@ TEST_F(SongFileTest, AbsurdSizesAndCountsFailWithoutHugeAllocations) {
 TEST_F(SongFileTest, BadLinksTempoAndVolumeAreTamedWhenLoading) {
     add_module(psynth_generator, nullptr, 0, 0);
     bytes file = save();
-    const chunk_view* slnk = find_id(chunks_of(file), "SLNK");
+    auto chunks = chunks_of(file);
+    const chunk_view* slnk = find_id(chunks, "SLNK");
     // OUT's input list: a repeated module, a module that does not exist and a negative number;
     // tempo and volume that the render would divide or overflow by: BPM 0 in one short byte.
     bytes damaged = cat({bytes(file.begin(), file.begin() + (long)slnk->offset),
