@@ -11,7 +11,14 @@ namespace {
 constexpr int kTick = 882;   // frames per tick at 125 BPM, 44100 Hz
 constexpr int kLine = 5292;  // six ticks
 
-class SongPlaybackTest : public SongFixture {};
+class SongPlaybackTest : public SongFixture {
+protected:
+    void SetUp() override {
+        SongFixture::SetUp();
+        mod = add_logger();
+    }
+    int mod = -1;  // a logger linked into OUT
+};
 
 std::vector<int64_t> frames_of(const std::vector<logged_event>& events) {
     std::vector<int64_t> out;
@@ -29,7 +36,6 @@ std::vector<int> values_of(const std::vector<logged_event>& events, T psynth_eve
 
 TEST_F(SongPlaybackTest, LinesStartAtExactFramesFromTheFirstStep) {
     EXPECT_EQ(psynth_tick_length(44100, 125), 225792);
-    int mod = add_logger();
     int slot = add_pattern(0, 8);
     for (int line = 0; line < 3; line++) cell(slot, 0, line) = note_cell(49 + line, mod + 1);
     play();
@@ -44,7 +50,6 @@ TEST_F(SongPlaybackTest, LinesStartAtExactFramesFromTheFirstStep) {
 TEST_F(SongPlaybackTest, TickKStartsAtCeilingOfKTimesTickLength) {
     song.bpm = 130;  // T = 217107, not a whole number of frames
     song.speed = 1;
-    int mod = add_logger();
     int slot = add_pattern(0, 40, 1);
     for (int line = 0; line < 40; line++) cell(slot, 0, line) = note_cell(60, mod + 1);
     play();
@@ -75,7 +80,7 @@ TEST_F(SongPlaybackTest, RequestAndPieceSizesNeverChangeTheOutput) {
     for (int request : {8192, 4096, 1000, 64, 1}) {
         SCOPED_TRACE("request " + std::to_string(request));
         restart();
-        int mod = add_logger();
+        mod = add_logger();
         build_busy_song(*this, mod, add_pattern(0, 8));
         play();
         std::vector<int16_t> out = render(9 * kLine, request);
@@ -92,7 +97,7 @@ TEST_F(SongPlaybackTest, SetPlayingSpeedEffect) {
     for (Case c : {Case{0, 125, 1}, Case{1, 125, 1}, Case{31, 125, 31}, Case{32, 32, 6},
                    Case{20000, 16000, 6}, Case{40000, 16000, 6}}) {
         restart();
-        int mod = add_logger();
+        mod = add_logger();
         cell(add_pattern(0, 4), 0, 0) = note_cell(0, mod + 1, 0, 0x0F, c.value);
         play();
         render(100);
@@ -107,7 +112,6 @@ TEST_F(SongPlaybackTest, SetPlayingSpeedEffect) {
 }
 
 TEST_F(SongPlaybackTest, SlideToNoteDoesNotRetrigger) {
-    int mod = add_logger();
     int slot = add_pattern(0, 4);
     cell(slot, 0, 0) = note_cell(49, mod + 1);
     cell(slot, 0, 1) = note_cell(51, mod + 1, 0, 0x03, 64);  // 256 per tick: one semitone a tick
@@ -123,7 +127,6 @@ TEST_F(SongPlaybackTest, SlideToNoteDoesNotRetrigger) {
 }
 
 TEST_F(SongPlaybackTest, DelayRetriggerAndCutCountTicks) {
-    int mod = add_logger();
     int slot = add_pattern(0, 4);
     cell(slot, 0, 0) = note_cell(49, mod + 1, 0, 0x1D, 2);  // delayed by 2 ticks
     cell(slot, 1, 1) = note_cell(50, mod + 1, 0, 0x19, 2);  // every 2 ticks
@@ -143,7 +146,6 @@ TEST_F(SongPlaybackTest, ProbabilityEffectsFollowTheSeed) {
     uint32_t seed = 1;
     int first = tarvik_random(&seed);
     ASSERT_EQ(first, 16838);
-    int mod = add_logger();
     int slot = add_pattern(0, 4);
     song.random_seed = 1;
     cell(slot, 0, 0) = note_cell(49, mod + 1, 0, 0x20, 16838);  // r = 16838 ≥ x: dropped
@@ -161,7 +163,6 @@ TEST_F(SongPlaybackTest, ProbabilityEffectsFollowTheSeed) {
 }
 
 TEST_F(SongPlaybackTest, PatternsAtOneLinePlayShorterFirst) {
-    int mod = add_logger();
     int longer = add_pattern(0, 8, 1);
     int shorter = add_pattern(0, 4, 1);
     cell(longer, 0, 0) = note_cell(49, mod + 1);
@@ -174,7 +175,6 @@ TEST_F(SongPlaybackTest, PatternsAtOneLinePlayShorterFirst) {
 }
 
 TEST_F(SongPlaybackTest, EndOfSongJumpReleasesSoundingTracks) {
-    int mod = add_logger();
     int slot = add_pattern(0, 2, 1);
     cell(slot, 0, 0) = note_cell(49, mod + 1);
     play();
@@ -191,7 +191,7 @@ TEST_F(SongPlaybackTest, EndOfSongJumpReleasesSoundingTracks) {
 }
 
 TEST_F(SongPlaybackTest, ATrackMovingToAnotherModuleReleasesTheFirst) {
-    int first = add_logger();
+    int first = mod;
     int second = add_logger();
     int slot = add_pattern(0, 4, 1);
     cell(slot, 0, 0) = note_cell(49, first + 1);
@@ -205,7 +205,6 @@ TEST_F(SongPlaybackTest, ATrackMovingToAnotherModuleReleasesTheFirst) {
 }
 
 TEST_F(SongPlaybackTest, StopAtEndRunsOnSilently) {
-    int mod = add_logger();
     int slot = add_pattern(0, 2, 1);
     cell(slot, 0, 0) = note_cell(49, mod + 1);
     zelfon_set_stop_at_end(1, &song);
@@ -217,7 +216,6 @@ TEST_F(SongPlaybackTest, StopAtEndRunsOnSilently) {
 }
 
 TEST_F(SongPlaybackTest, PatternLoopMovesToTheNextLoopedPattern) {
-    int mod = add_logger();
     int a = add_pattern(0, 2, 1);
     int b = add_pattern(8, 1, 1);
     cell(a, 0, 0) = note_cell(49, mod + 1);
@@ -235,7 +233,6 @@ TEST_F(SongPlaybackTest, PatternLoopMovesToTheNextLoopedPattern) {
 }
 
 TEST_F(SongPlaybackTest, ControllersAreLocalWithANoteAndGlobalOtherwise) {
-    int mod = add_logger();
     int slot = add_pattern(0, 4, 2);
     cell(slot, 0, 0) = zelfon_cell{49, 0, (uint16_t)(mod + 1), 0, 3, 1000};
     cell(slot, 1, 0) = zelfon_cell{0, 0, (uint16_t)(mod + 1), 0, 3, 2000};
@@ -252,7 +249,6 @@ TEST_F(SongPlaybackTest, ControllersAreLocalWithANoteAndGlobalOtherwise) {
 }
 
 TEST_F(SongPlaybackTest, ArpeggioCyclesThreePitchesThenReturns) {
-    int mod = add_logger();
     int slot = add_pattern(0, 4, 1);
     cell(slot, 0, 0) = note_cell(49, mod + 1, 0, 0x08, 0x0407);
     play();
@@ -266,7 +262,6 @@ TEST_F(SongPlaybackTest, ArpeggioCyclesThreePitchesThenReturns) {
 }
 
 TEST_F(SongPlaybackTest, OutputFormatsScaleAndSaturate) {
-    int mod = add_logger();
     for (int level : {5000, -5000, 1234, -1}) {
         logger(mod)->level = level;
         std::vector<int16_t> ints = render(10, 10);
@@ -286,7 +281,6 @@ TEST_F(SongPlaybackTest, OutputFormatsScaleAndSaturate) {
 }
 
 TEST_F(SongPlaybackTest, LiveInputUsesItsOwnIdsAndRingsDropWhenFull) {
-    int mod = add_logger();
     zelfon_live_midi_event on{60, 99, (uint16_t)mod, ZELFON_LIVE_NOTE_ON, 0, tarvik_time_ticks()};
     ASSERT_EQ(zelfon_handle_midi_event(&on, &song), 0);
     zelfon_live_midi_event off = on;
@@ -307,7 +301,6 @@ TEST_F(SongPlaybackTest, LiveInputUsesItsOwnIdsAndRingsDropWhenFull) {
 }
 
 TEST_F(SongPlaybackTest, StopWithoutRenderThreadGivesUp) {
-    add_logger();
     add_pattern(0, 4);
     EXPECT_EQ(zelfon_stop(&song), 1);  // not playing: cleans, returns at once
     play();
@@ -318,7 +311,6 @@ TEST_F(SongPlaybackTest, StopWithoutRenderThreadGivesUp) {
 }
 
 TEST_F(SongPlaybackTest, SteadyPlaybackDoesNotAllocate) {
-    int mod = add_logger();
     int slot = add_pattern(0, 16, 8);
     for (int line = 0; line < 16; line++) {
         for (int t = 0; t < 8; t++) cell(slot, t, line) = note_cell(37 + line + t, mod + 1, 0, line % 2 ? 0x08 : 0x01, 0x0203);
