@@ -20,15 +20,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const fs::path& temp_root() {
-    static const fs::path root = fs::temp_directory_path();
-    return root;
-}
-
 class CommandLineTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        dir = temp_root() / ("zelfon_cli_test_" + std::to_string(getpid()));
+        static const fs::path root = fs::temp_directory_path();  // before any test points TMPDIR at its own folder
+        dir = root / ("zelfon_cli_test_" + std::to_string(getpid()));
         fs::create_directories(dir);
         setenv("TMPDIR", dir.c_str(), 1);
         mem_init();
@@ -49,6 +45,12 @@ protected:
         std::vector<char*> argv;
         for (std::string& a : args) argv.push_back(a.data());
         return zelfon_command_line((int)argv.size(), argv.data());
+    }
+    // What the program printed while exiting with `code`.
+    std::string stdout_of(std::vector<std::string> args, int code) {
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(run(std::move(args)), code);
+        return testing::internal::GetCapturedStdout();
     }
     std::string path(const char* name) const { return (dir / name).string(); }
     static std::string read(const std::string& p) {
@@ -137,15 +139,11 @@ TEST_F(CommandLineTest, SampleInfoDescribesWhatAFileLoadsAs) {
     std::ofstream(path("in.raw"), std::ios::binary) << raw;
     std::string cmd = "sox -t raw -r 22050 -e signed -b 16 -c 2 '" + path("in.raw") + "' '" + path("t.wav") + "'";
     ASSERT_EQ(std::system(cmd.c_str()), 0);
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(run({"sample-info", path("t.wav")}), 0);
-    std::string out = testing::internal::GetCapturedStdout();
+    std::string out = stdout_of({"sample-info", path("t.wav")}, 0);
     EXPECT_NE(out.find("Type: WAV\n"), std::string::npos) << out;
     EXPECT_NE(out.find("Sample 0 \"t.wav\": 16-bit stereo, 22050 Hz, 500 frames, loop off"), std::string::npos) << out;
 
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(run({"sample-info", path("in.raw"), "--raw", "uint8", "--channels", "2"}), 0);
-    out = testing::internal::GetCapturedStdout();
+    out = stdout_of({"sample-info", path("in.raw"), "--raw", "uint8", "--channels", "2"}, 0);
     EXPECT_NE(out.find("Type: RAW\n"), std::string::npos) << out;
     EXPECT_NE(out.find("8-bit stereo, 44100 Hz, 1000 frames"), std::string::npos) << out;
 

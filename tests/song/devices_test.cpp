@@ -90,20 +90,17 @@ TEST_F(SongDevicesTest, KeyboardPlaysTheChosenModuleLive) {
     const unsigned char other_channel[3] = {0x90, 62, 100}, on[3] = {0x93, 60, 100}, off[3] = {0x93, 60, 0};
     keys.sendMessage(other_channel, 3);
     keys.sendMessage(on, 3);
-    ASSERT_TRUE(wait_until([&] {
-        zelfon_poll_midi_keyboard(&song);
-        return !taken_events(mod, PS_CMD_NOTE_ON).empty();
-    }));
+    auto poll_until = [&](int command) {
+        return wait_until([&] { return zelfon_poll_midi_keyboard(&song), !taken_events(mod, command).empty(); });
+    };
+    ASSERT_TRUE(poll_until(PS_CMD_NOTE_ON));
     std::vector<logged_event> ons = taken_events(mod, PS_CMD_NOTE_ON);
     ASSERT_EQ(ons.size(), 1u);  // the note on channel 1 was not taken
     EXPECT_EQ(ons[0].event.note, 48);  // MIDI note 60 is semitone 48 from C0
     EXPECT_EQ(ons[0].event.pitch, (120 - 48) * 256);
     EXPECT_EQ(ons[0].event.velocity, 200);
     keys.sendMessage(off, 3);  // velocity 0: a note-off
-    ASSERT_TRUE(wait_until([&] {
-        zelfon_poll_midi_keyboard(&song);
-        return !taken_events(mod, PS_CMD_NOTE_OFF).empty();
-    }));
+    ASSERT_TRUE(poll_until(PS_CMD_NOTE_OFF));
     EXPECT_EQ(taken_events(mod, PS_CMD_NOTE_OFF)[0].event.id, ons[0].event.id);
     EXPECT_EQ(song.live_voices, 0u);
 }
@@ -130,32 +127,31 @@ TEST_F(SongDevicesTest, ModuleMidiOutSendsProgramNotesControllersAndReleasesOnRe
     ASSERT_EQ(psynth_open_midi_out(mod, "zsink:in", 3, song.net), 0);
     ASSERT_GE(song.net->modules[mod].midi_out_port, 0);
     psynth_set_midi_prog(mod, 300, 5, song.net);  // bank 300 = MSB 2, LSB 44
-    std::vector<unsigned char> expected = {0xB3, 0, 2, 0xB3, 0x20, 44, 0xC3, 5};
-    ASSERT_TRUE(wait_until([&] { return sink.taken().size() >= expected.size(); })) << hex(sink.taken());
+    std::vector<unsigned char> expected;
+    // Waits until the port got `more` after what it got so far, and checks it all.
+    auto expect_more = [&](std::initializer_list<unsigned char> more) {
+        expected.insert(expected.end(), more);
+        ASSERT_TRUE(wait_until([&] { return sink.taken().size() >= expected.size(); })) << hex(sink.taken());
+        EXPECT_EQ(sink.taken(), expected);
+    };
+    expect_more({0xB3, 0, 2, 0xB3, 0x20, 44, 0xC3, 5});
     zelfon_attach_sound(0, &song);
     // Cell note 61 is semitone 60 (MIDI 72); velocity byte 101 is 200 in the net (MIDI 100).
     zelfon_cell note = {61, 101, (uint16_t)(mod + 1), 0, 0, 0};
     zelfon_cell controller = {0, 0, (uint16_t)(mod + 1), 0, 135, 0x4A80};  // MIDI controller 7
     ASSERT_EQ(zelfon_send_live_cell(&note, 0, &song), 0);
     ASSERT_EQ(zelfon_send_live_cell(&controller, 1, &song), 0);
-    expected.insert(expected.end(), {0x93, 72, 100, 0xB3, 7, 0x4A, 0xB3, 39, 0x40});
-    ASSERT_TRUE(wait_until([&] { return sink.taken().size() >= expected.size(); })) << hex(sink.taken());
-    EXPECT_EQ(sink.taken(), expected);
+    expect_more({0x93, 72, 100, 0xB3, 7, 0x4A, 0xB3, 39, 0x40});
     zelfon_cell off = {ZELFON_NOTE_OFF, 0, (uint16_t)(mod + 1), 0, 0, 0};
     zelfon_send_live_cell(&off, 0, &song);
-    expected.insert(expected.end(), {0x83, 72, 0x7F});
-    ASSERT_TRUE(wait_until([&] { return sink.taken().size() >= expected.size(); }));
-    EXPECT_EQ(sink.taken(), expected);
+    expect_more({0x83, 72, 0x7F});
     // A note still held when the module goes away is released.
     zelfon_send_live_cell(&note, 0, &song);
-    expected.insert(expected.end(), {0x93, 72, 100});
-    ASSERT_TRUE(wait_until([&] { return sink.taken().size() >= expected.size(); }));
+    expect_more({0x93, 72, 100});
     sound_stream_lock();
     psynth_remove_synth(mod, song.net);
     sound_stream_unlock();
-    expected.insert(expected.end(), {0x83, 72, 0x7F});
-    ASSERT_TRUE(wait_until([&] { return sink.taken().size() >= expected.size(); }));
-    EXPECT_EQ(sink.taken(), expected);
+    expect_more({0x83, 72, 0x7F});
 }
 
 TEST_F(SongDevicesTest, LoadingWhileTheStreamPlaysTheSong) {

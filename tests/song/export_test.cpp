@@ -84,15 +84,15 @@ public:
     }
 };
 
-std::vector<int16_t> int16_data(const std::vector<uint8_t>& file) {
-    std::vector<int16_t> out((file.size() - 44) / 2);
-    memcpy(out.data(), file.data() + 44, out.size() * 2);
-    return out;
-}
-
-std::vector<float> float_data(const std::vector<uint8_t>& file) {
-    std::vector<float> out((file.size() - 44) / 4);
-    memcpy(out.data(), file.data() + 44, out.size() * 4);
+// The samples of a stereo WAV file written by the export, 16-bit (tag 1) or float (tag 3).
+std::vector<double> wav_samples(const std::vector<uint8_t>& file) {
+    std::vector<double> out;
+    for (size_t at = 44; file[20] == 1 && at + 2 <= file.size(); at += 2) out.push_back((int16_t)(file[at] | file[at + 1] << 8));
+    for (size_t at = 44; file[20] == 3 && at + 4 <= file.size(); at += 4) {
+        float f;
+        memcpy(&f, &file[at], 4);
+        out.push_back(f);
+    }
     return out;
 }
 
@@ -131,41 +131,32 @@ TEST_F(SongExportTest, HeaderSizesEqualTheBytesWritten) {
     }
 }
 
-TEST_F(SongExportTest, Int16SamplesAreTheOutputTimesEightSaturated) {
-    int mod = add_constant("C", 300, -9000);
-    add_pattern(0, 1);
-    song.net->global_volume = 128;  // the mix is scaled; a module's own file is not
-    ASSERT_EQ(export_wav("3:/mix.wav", ZELFON_EXPORT_INT16, ZELFON_EXPORT_ONE_FILE), ZELFON_EXPORT_OK);
-    ASSERT_EQ(export_wav("3:/mods.wav", ZELFON_EXPORT_INT16, ZELFON_EXPORT_PER_MODULE), ZELFON_EXPORT_OK);
-    ASSERT_EQ(mod, 1);
-    std::vector<int16_t> mix = int16_data(read_bytes(real("mix.wav")));
-    std::vector<int16_t> own = int16_data(read_bytes(real("mods_01_C.wav")));
-    ASSERT_EQ(mix.size(), 2u * kLine);
-    ASSERT_EQ(own.size(), 2u * kLine);
-    for (int i = 0; i < kLine; i++) {
-        ASSERT_EQ(mix[2 * i], 150 * 8) << "frame " << i;
-        ASSERT_EQ(mix[2 * i + 1], -32767) << "frame " << i;  // -4500 × 8 saturates symmetrically
-        ASSERT_EQ(own[2 * i], 300 * 8) << "frame " << i;
-        ASSERT_EQ(own[2 * i + 1], -32767) << "frame " << i;
-    }
-    EXPECT_EQ(read_bytes(real("mods.wav")), read_bytes(real("mix.wav"))) << "module 0's file is the mix";
-}
-
-TEST_F(SongExportTest, Float32SamplesAreTheOutputOver4096) {
-    add_constant("C", 300, -9000);
+TEST_F(SongExportTest, SamplesAreTheOutputTimesEightSaturatedOrOver4096) {
+    ASSERT_EQ(add_constant("C", 300, -9000), 1);
     add_pattern(0, 2);
-    song.net->global_volume = 128;
-    ASSERT_EQ(export_wav("3:/mix.wav", ZELFON_EXPORT_FLOAT32, ZELFON_EXPORT_ONE_FILE), ZELFON_EXPORT_OK);
-    ASSERT_EQ(export_wav("3:/m.wav", ZELFON_EXPORT_FLOAT32, ZELFON_EXPORT_PER_OUT_LINK), ZELFON_EXPORT_OK);
-    std::vector<float> mix = float_data(read_bytes(real("mix.wav")));
-    std::vector<float> own = float_data(read_bytes(real("m_01_C.wav")));
-    ASSERT_EQ(mix.size(), 4u * kLine);
-    ASSERT_EQ(own.size(), 4u * kLine);
-    for (int i = 0; i < 2 * kLine; i++) {
-        ASSERT_EQ(mix[2 * i], 0.03662109375f) << "frame " << i;  // 150 / 4096
-        ASSERT_EQ(mix[2 * i + 1], -1.0986328125f) << "frame " << i;  // -4500 / 4096: no saturation
-        ASSERT_EQ(own[2 * i], 0.0732421875f) << "frame " << i;
-        ASSERT_EQ(own[2 * i + 1], -2.197265625f) << "frame " << i;
+    song.net->global_volume = 128;  // the mix is scaled; a module's own file is not
+    struct row {
+        int format, mode;
+        double mix_left, mix_right, own_left, own_right;
+    };
+    // 16-bit: -4500 × 8 saturates symmetrically; float: no saturation.
+    for (row r : {row{ZELFON_EXPORT_INT16, ZELFON_EXPORT_PER_MODULE, 150 * 8, -32767, 300 * 8, -32767},
+                  row{ZELFON_EXPORT_FLOAT32, ZELFON_EXPORT_PER_OUT_LINK, 0.03662109375, -1.0986328125, 0.0732421875, -2.197265625}}) {
+        SCOPED_TRACE("format " + std::to_string(r.format));
+        ASSERT_EQ(export_wav("3:/mix.wav", r.format, ZELFON_EXPORT_ONE_FILE), ZELFON_EXPORT_OK);
+        ASSERT_EQ(export_wav("3:/m.wav", r.format, r.mode), ZELFON_EXPORT_OK);
+        std::vector<double> mix = wav_samples(read_bytes(real("mix.wav"))), own = wav_samples(read_bytes(real("m_01_C.wav")));
+        ASSERT_EQ(mix.size(), 4u * kLine);
+        ASSERT_EQ(own.size(), 4u * kLine);
+        for (int i = 0; i < 2 * kLine; i++) {
+            ASSERT_EQ(mix[2 * i], r.mix_left) << "frame " << i;
+            ASSERT_EQ(mix[2 * i + 1], r.mix_right) << "frame " << i;
+            ASSERT_EQ(own[2 * i], r.own_left) << "frame " << i;
+            ASSERT_EQ(own[2 * i + 1], r.own_right) << "frame " << i;
+        }
+        if (r.mode == ZELFON_EXPORT_PER_MODULE) {
+            EXPECT_EQ(read_bytes(real("m.wav")), read_bytes(real("mix.wav"))) << "module 0's file is the mix";
+        }
     }
 }
 
@@ -178,7 +169,7 @@ TEST_F(SongExportTest, ExportPlaysFromLineZeroEvenAfterAStrayStop) {
     zelfon_cell stop = note_cell(ZELFON_NOTE_STOP);
     ASSERT_EQ(zelfon_send_live_cell(&stop, 0, &song), 0);
     ASSERT_EQ(export_wav("3:/line0.wav", ZELFON_EXPORT_INT16, ZELFON_EXPORT_ONE_FILE), ZELFON_EXPORT_OK);
-    std::vector<int16_t> mix = int16_data(read_bytes(real("line0.wav")));
+    std::vector<double> mix = wav_samples(read_bytes(real("line0.wav")));
     ASSERT_EQ(mix.size(), 2u * 4 * kLine);
     for (int i = 0; i < 4 * kLine; i++) {
         int want = i < 2 * kLine ? 256 * 8 : 0;
@@ -208,11 +199,8 @@ TEST_F(SongExportTest, FileNamesPerModule) {
     for (const std::string& name : files()) EXPECT_EQ(read_bytes(real(name)).size(), 44u + 4 * kLine) << name;
 
     ASSERT_EQ(export_wav("3:/fx.x", ZELFON_EXPORT_INT16, ZELFON_EXPORT_PER_EFFECT), ZELFON_EXPORT_OK);
-    std::vector<std::string> all = files();
-    std::vector<std::string> fx;
-    for (const std::string& name : all) {
-        if (name.rfind("fx", 0) == 0) fx.push_back(name);
-    }
+    std::vector<std::string> fx = files();
+    std::erase_if(fx, [](const std::string& name) { return name.rfind("fx", 0) != 0; });
     EXPECT_EQ(fx, (std::vector<std::string>{"fx_02_M.wav", "fx_0B_M.wav"}));
 }
 
@@ -265,7 +253,7 @@ TEST_F(SongExportTest, SameSongExportedTwiceGivesIdenticalFiles) {
         ASSERT_EQ(a.size(), 44u + 16 * 4 * kLine) << suffix;
         EXPECT_TRUE(a == b) << suffix << " differs between the two exports";
     }
-    std::vector<int16_t> logger_out = int16_data(read_bytes(real("a_02_Logger.wav")));
+    std::vector<double> logger_out = wav_samples(read_bytes(real("a_02_Logger.wav")));
     int sounding = 0;
     for (size_t i = 0; i < logger_out.size(); i += 2) sounding += logger_out[i] != 0;
     EXPECT_GT(sounding, 0) << "some probable notes play";
@@ -284,20 +272,16 @@ void record_progress(void* data, int value) {
     if (log->abort) zelfon_export_abort(log->song);
 }
 
-TEST_F(SongExportTest, ProgressFollowsTheFramesDone) {
-    add_constant("A", 10, 10);
-    add_pattern(0, 40);  // 211680 frames, in 26 pieces
-    progress_log log{{}, &song, false};
-    ASSERT_EQ(zelfon_export_to_wav("3:/p.wav", ZELFON_EXPORT_INT16, 0, record_progress, &log, &song), ZELFON_EXPORT_OK);
-    // Reports after more than 32768 frames: at 40960, 81920, ... frames; value (done & ~255) / (211680 >> 8).
-    EXPECT_EQ(log.values, (std::vector<int>{40960 / 826, 81920 / 826, 122880 / 826, 163840 / 826, 204800 / 826}));
-}
-
-TEST_F(SongExportTest, AbortKeepsTheSizesOfTheFullSong) {
+TEST_F(SongExportTest, ProgressFollowsTheFramesDoneAndAbortKeepsTheSizesOfTheFullSong) {
     add_constant("A", 10, 10);
     add_constant("B", 20, 20);
-    add_pattern(0, 40);
-    progress_log log{{}, &song, true};
+    add_pattern(0, 40);  // 211680 frames, in 26 pieces
+    progress_log log{{}, &song, false};
+    ASSERT_EQ(zelfon_export_to_wav("3:/cut.wav", ZELFON_EXPORT_INT16, 0, record_progress, &log, &song), ZELFON_EXPORT_OK);
+    // Reports after more than 32768 frames: at 40960, 81920, ... frames; value (done & ~255) / (211680 >> 8).
+    EXPECT_EQ(log.values, (std::vector<int>{40960 / 826, 81920 / 826, 122880 / 826, 163840 / 826, 204800 / 826}));
+
+    log = {{}, &song, true};
     ASSERT_EQ(zelfon_export_to_wav("3:/cut.wav", ZELFON_EXPORT_INT16, ZELFON_EXPORT_PER_MODULE, record_progress, &log, &song),
               ZELFON_EXPORT_ABORTED);
     EXPECT_EQ(log.values, (std::vector<int>{40960 / 826}));
@@ -324,7 +308,7 @@ TEST_F(SongExportTest, AFileThatCannotBeWrittenLeavesTheOthersComplete) {
         << "no temporary file stays behind";
     EXPECT_TRUE(std::filesystem::is_directory(real("w_01_A.wav")));
     EXPECT_EQ(read_bytes(real("w.wav")).size(), 44u + 3 * kLine * 4);
-    std::vector<int16_t> b = int16_data(read_bytes(real("w_02_B.wav")));
+    std::vector<double> b = wav_samples(read_bytes(real("w_02_B.wav")));
     ASSERT_EQ(b.size(), 2u * 3 * kLine);
     EXPECT_EQ(b.front(), 160);
     EXPECT_EQ(b.back(), 160);
@@ -454,15 +438,8 @@ TEST_F(SongExportMidiTest, EmptySongHasOnlyTheTempoTrack) {
 }
 
 TEST_F(SongExportMidiTest, MidoReadsTheFile) {
-    // The first Python that has mido: the one on the path, or the system's (Debian's python3-mido).
-    std::string python;
-    for (const char* candidate : {"python3", "/usr/bin/python3"}) {
-        if (std::system((std::string(candidate) + " -c 'import mido' >/dev/null 2>&1").c_str()) == 0) {
-            python = candidate;
-            break;
-        }
-    }
-    if (python.empty()) GTEST_SKIP() << "no python3 with mido installed (Debian: python3-mido)";
+    const std::string python = "/usr/bin/python3";  // Debian's python3-mido lives there
+    if (std::system((python + " -c 'import mido' >/dev/null 2>&1").c_str()) != 0) GTEST_SKIP() << "no python3 with mido installed";
     build();
     ASSERT_EQ(zelfon_export_to_midi("3:/tune.mid", &song), ZELFON_EXPORT_OK);
     std::string script =

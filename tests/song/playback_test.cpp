@@ -11,7 +11,14 @@ namespace {
 constexpr int kTick = 882;   // frames per tick at 125 BPM, 44100 Hz
 constexpr int kLine = 5292;  // six ticks
 
-class SongPlaybackTest : public SongFixture {};
+class SongPlaybackTest : public SongFixture {
+protected:
+    void SetUp() override {
+        SongFixture::SetUp();
+        mod = add_logger();
+    }
+    int mod = -1;  // a logger linked into OUT
+};
 
 std::vector<int64_t> frames_of(const std::vector<logged_event>& events) {
     std::vector<int64_t> out;
@@ -19,26 +26,30 @@ std::vector<int64_t> frames_of(const std::vector<logged_event>& events) {
     return out;
 }
 
+// One field of every event, e.g. values_of(on, &psynth_event::note).
+template <class T>
+std::vector<int> values_of(const std::vector<logged_event>& events, T psynth_event::*field) {
+    std::vector<int> out;
+    for (const logged_event& e : events) out.push_back((int)(e.event.*field));
+    return out;
+}
+
 TEST_F(SongPlaybackTest, LinesStartAtExactFramesFromTheFirstStep) {
     EXPECT_EQ(psynth_tick_length(44100, 125), 225792);
-    int mod = add_logger();
     int slot = add_pattern(0, 8);
     for (int line = 0; line < 3; line++) cell(slot, 0, line) = note_cell(49 + line, mod + 1);
     play();
     render(3 * kLine + 10, 1000);
     std::vector<logged_event> notes = events_of(mod, PS_CMD_NOTE_ON);
-    ASSERT_EQ(notes.size(), 3u);
     EXPECT_EQ(frames_of(notes), (std::vector<int64_t>{0, kLine, 2 * kLine}));
-    EXPECT_EQ(notes[0].event.note, 48);
-    EXPECT_EQ(notes[0].event.pitch, (120 - 48) * 256);
-    EXPECT_EQ(notes[0].event.velocity, 256);
-    EXPECT_EQ(notes[0].event.id, (slot << 16) | 0);
+    ASSERT_EQ(notes.size(), 3u);
+    EXPECT_EQ((std::vector<int>{notes[0].event.note, notes[0].event.pitch, notes[0].event.velocity, notes[0].event.id}),
+              (std::vector<int>{48, (120 - 48) * 256, 256, (slot << 16) | 0}));
 }
 
 TEST_F(SongPlaybackTest, TickKStartsAtCeilingOfKTimesTickLength) {
     song.bpm = 130;  // T = 217107, not a whole number of frames
     song.speed = 1;
-    int mod = add_logger();
     int slot = add_pattern(0, 40, 1);
     for (int line = 0; line < 40; line++) cell(slot, 0, line) = note_cell(60, mod + 1);
     play();
@@ -65,31 +76,19 @@ void build_busy_song(SongFixture& f, int mod, int slot) {
 
 TEST_F(SongPlaybackTest, RequestAndPieceSizesNeverChangeTheOutput) {
     std::vector<int16_t> reference;
-    std::vector<int64_t> reference_frames;
+    std::vector<int64_t> reference_events;
     for (int request : {8192, 4096, 1000, 64, 1}) {
-        zelfon_song_close(&song);
-        ASSERT_EQ(zelfon_song_init(0, 44100, &song), 0);
-        song.net->global_volume = 256;
-        int mod = add_logger();
-        int slot = add_pattern(0, 8);
-        build_busy_song(*this, mod, slot);
+        SCOPED_TRACE("request " + std::to_string(request));
+        restart();
+        mod = add_logger();
+        build_busy_song(*this, mod, add_pattern(0, 8));
         play();
         std::vector<int16_t> out = render(9 * kLine, request);
-        std::vector<int64_t> frames;
-        for (int i = 0; i < logger(mod)->count; i++) frames.push_back(logger(mod)->events[i].frame * 64 + logger(mod)->events[i].event.command);
-        if (reference.empty()) {
-            reference = out;
-            reference_frames = frames;
-            continue;
-        }
-        EXPECT_EQ(frames, reference_frames) << "request " << request;
-        ASSERT_EQ(out.size(), reference.size());
-        for (size_t i = 0; i < out.size(); i++) {
-            if (out[i] != reference[i]) {
-                ADD_FAILURE() << "request " << request << ": frame " << i / 2 << " differs";
-                break;
-            }
-        }
+        std::vector<int64_t> events;  // frame and command of every event
+        for (int i = 0; i < logger(mod)->count; i++) events.push_back(logger(mod)->events[i].frame * 64 + logger(mod)->events[i].event.command);
+        if (reference.empty()) reference = out, reference_events = events;
+        EXPECT_EQ(events, reference_events);
+        EXPECT_EQ(first_difference(out, reference), "");
     }
 }
 
@@ -97,11 +96,9 @@ TEST_F(SongPlaybackTest, SetPlayingSpeedEffect) {
     struct Case { int value, bpm, speed; };
     for (Case c : {Case{0, 125, 1}, Case{1, 125, 1}, Case{31, 125, 31}, Case{32, 32, 6},
                    Case{20000, 16000, 6}, Case{40000, 16000, 6}}) {
-        zelfon_song_close(&song);
-        ASSERT_EQ(zelfon_song_init(0, 44100, &song), 0);
-        int mod = add_logger();
-        int slot = add_pattern(0, 4);
-        cell(slot, 0, 0) = note_cell(0, mod + 1, 0, 0x0F, c.value);
+        restart();
+        mod = add_logger();
+        cell(add_pattern(0, 4), 0, 0) = note_cell(0, mod + 1, 0, 0x0F, c.value);
         play();
         render(100);
         EXPECT_EQ(song.play_bpm, c.bpm) << c.value;
@@ -115,7 +112,6 @@ TEST_F(SongPlaybackTest, SetPlayingSpeedEffect) {
 }
 
 TEST_F(SongPlaybackTest, SlideToNoteDoesNotRetrigger) {
-    int mod = add_logger();
     int slot = add_pattern(0, 4);
     cell(slot, 0, 0) = note_cell(49, mod + 1);
     cell(slot, 0, 1) = note_cell(51, mod + 1, 0, 0x03, 64);  // 256 per tick: one semitone a tick
@@ -131,7 +127,6 @@ TEST_F(SongPlaybackTest, SlideToNoteDoesNotRetrigger) {
 }
 
 TEST_F(SongPlaybackTest, DelayRetriggerAndCutCountTicks) {
-    int mod = add_logger();
     int slot = add_pattern(0, 4);
     cell(slot, 0, 0) = note_cell(49, mod + 1, 0, 0x1D, 2);  // delayed by 2 ticks
     cell(slot, 1, 1) = note_cell(50, mod + 1, 0, 0x19, 2);  // every 2 ticks
@@ -139,13 +134,8 @@ TEST_F(SongPlaybackTest, DelayRetriggerAndCutCountTicks) {
     cell(slot, 2, 3) = note_cell(0, 0, 0, 0x1C, 0);         // cut with x = 0
     play();
     render(4 * kLine);
-    std::vector<logged_event> on = events_of(mod, PS_CMD_NOTE_ON);
-    ASSERT_EQ(on.size(), 5u);
-    EXPECT_EQ(on[0].frame, 2 * kTick);
-    EXPECT_EQ(on[1].frame, kLine);
-    EXPECT_EQ(on[2].frame, kLine + 2 * kTick);
-    EXPECT_EQ(on[3].frame, kLine + 4 * kTick);
-    EXPECT_EQ(on[4].frame, 2 * kLine);
+    EXPECT_EQ(frames_of(events_of(mod, PS_CMD_NOTE_ON)),
+              (std::vector<int64_t>{2 * kTick, kLine, kLine + 2 * kTick, kLine + 4 * kTick, 2 * kLine}));
     std::vector<logged_event> off = events_of(mod, PS_CMD_NOTE_OFF);
     ASSERT_FALSE(off.empty());
     EXPECT_EQ(off.back().frame, 3 * kLine);
@@ -156,7 +146,6 @@ TEST_F(SongPlaybackTest, ProbabilityEffectsFollowTheSeed) {
     uint32_t seed = 1;
     int first = tarvik_random(&seed);
     ASSERT_EQ(first, 16838);
-    int mod = add_logger();
     int slot = add_pattern(0, 4);
     song.random_seed = 1;
     cell(slot, 0, 0) = note_cell(49, mod + 1, 0, 0x20, 16838);  // r = 16838 ≥ x: dropped
@@ -169,14 +158,11 @@ TEST_F(SongPlaybackTest, ProbabilityEffectsFollowTheSeed) {
     int r2 = tarvik_random(&s);
     int r3 = tarvik_random(&s);
     std::vector<logged_event> on = events_of(mod, PS_CMD_NOTE_ON);
-    ASSERT_EQ(on.size(), 2u);
-    EXPECT_EQ(on[0].event.note, 49);
-    EXPECT_EQ(on[0].event.velocity, (r2 >> 8) * 2);
-    EXPECT_EQ(on[1].event.velocity, ((r3 * 10) >> 15) * 2);
+    EXPECT_EQ(values_of(on, &psynth_event::note), (std::vector<int>{49, 50}));
+    EXPECT_EQ(values_of(on, &psynth_event::velocity), (std::vector<int>{(r2 >> 8) * 2, ((r3 * 10) >> 15) * 2}));
 }
 
 TEST_F(SongPlaybackTest, PatternsAtOneLinePlayShorterFirst) {
-    int mod = add_logger();
     int longer = add_pattern(0, 8, 1);
     int shorter = add_pattern(0, 4, 1);
     cell(longer, 0, 0) = note_cell(49, mod + 1);
@@ -184,37 +170,28 @@ TEST_F(SongPlaybackTest, PatternsAtOneLinePlayShorterFirst) {
     play();
     render(100);
     std::vector<logged_event> on = events_of(mod, PS_CMD_NOTE_ON);
-    ASSERT_EQ(on.size(), 2u);
-    EXPECT_EQ(on[0].event.note, 60);
-    EXPECT_EQ(on[0].event.id, shorter << 16);
-    EXPECT_EQ(on[1].event.note, 48);
+    EXPECT_EQ(values_of(on, &psynth_event::note), (std::vector<int>{60, 48}));
+    EXPECT_EQ(values_of(on, &psynth_event::id), (std::vector<int>{shorter << 16, longer << 16}));
 }
 
 TEST_F(SongPlaybackTest, EndOfSongJumpReleasesSoundingTracks) {
-    int mod = add_logger();
     int slot = add_pattern(0, 2, 1);
     cell(slot, 0, 0) = note_cell(49, mod + 1);
     play();
     render(2 * kLine + 10);
-    std::vector<logged_event> off = events_of(mod, PS_CMD_NOTE_OFF);
-    std::vector<logged_event> on = events_of(mod, PS_CMD_NOTE_ON);
-    ASSERT_EQ(off.size(), 1u);
-    ASSERT_EQ(on.size(), 2u);
-    EXPECT_EQ(off[0].frame, 2 * kLine);
-    EXPECT_EQ(on[1].frame, 2 * kLine);
+    EXPECT_EQ(frames_of(events_of(mod, PS_CMD_NOTE_OFF)), (std::vector<int64_t>{2 * kLine}));
+    EXPECT_EQ(frames_of(events_of(mod, PS_CMD_NOTE_ON)), (std::vector<int64_t>{0, 2 * kLine}));
     // The note-off reaches the module before the restarted note.
-    logger_data* data = logger(mod);
-    int off_index = -1, on_index = -1;
-    for (int i = 0; i < data->count; i++) {
-        if (data->events[i].frame != 2 * kLine) continue;
-        if (data->events[i].event.command == PS_CMD_NOTE_OFF && off_index < 0) off_index = i;
-        if (data->events[i].event.command == PS_CMD_NOTE_ON && on_index < 0) on_index = i;
+    std::vector<int> at_end;
+    for (int i = 0; i < logger(mod)->count; i++) {
+        const logged_event& e = logger(mod)->events[i];
+        if (e.frame == 2 * kLine && (e.event.command == PS_CMD_NOTE_OFF || e.event.command == PS_CMD_NOTE_ON)) at_end.push_back(e.event.command);
     }
-    EXPECT_LT(off_index, on_index);
+    EXPECT_EQ(at_end, (std::vector<int>{PS_CMD_NOTE_OFF, PS_CMD_NOTE_ON}));
 }
 
 TEST_F(SongPlaybackTest, ATrackMovingToAnotherModuleReleasesTheFirst) {
-    int first = add_logger();
+    int first = mod;
     int second = add_logger();
     int slot = add_pattern(0, 4, 1);
     cell(slot, 0, 0) = note_cell(49, first + 1);
@@ -222,16 +199,12 @@ TEST_F(SongPlaybackTest, ATrackMovingToAnotherModuleReleasesTheFirst) {
     cell(slot, 0, 2) = note_cell(ZELFON_NOTE_OFF);
     play();
     render(3 * kLine + 10);
-    std::vector<logged_event> off_first = events_of(first, PS_CMD_NOTE_OFF);
-    ASSERT_EQ(off_first.size(), 1u);
-    EXPECT_EQ(off_first[0].frame, kLine);
-    std::vector<logged_event> off_second = events_of(second, PS_CMD_NOTE_OFF);
-    ASSERT_EQ(off_second.size(), 1u);  // the note-off goes to the module the track last played
-    EXPECT_EQ(off_second[0].frame, 2 * kLine);
+    EXPECT_EQ(frames_of(events_of(first, PS_CMD_NOTE_OFF)), (std::vector<int64_t>{kLine}));
+    // The note-off goes to the module the track last played.
+    EXPECT_EQ(frames_of(events_of(second, PS_CMD_NOTE_OFF)), (std::vector<int64_t>{2 * kLine}));
 }
 
 TEST_F(SongPlaybackTest, StopAtEndRunsOnSilently) {
-    int mod = add_logger();
     int slot = add_pattern(0, 2, 1);
     cell(slot, 0, 0) = note_cell(49, mod + 1);
     zelfon_set_stop_at_end(1, &song);
@@ -243,7 +216,6 @@ TEST_F(SongPlaybackTest, StopAtEndRunsOnSilently) {
 }
 
 TEST_F(SongPlaybackTest, PatternLoopMovesToTheNextLoopedPattern) {
-    int mod = add_logger();
     int a = add_pattern(0, 2, 1);
     int b = add_pattern(8, 1, 1);
     cell(a, 0, 0) = note_cell(49, mod + 1);
@@ -261,7 +233,6 @@ TEST_F(SongPlaybackTest, PatternLoopMovesToTheNextLoopedPattern) {
 }
 
 TEST_F(SongPlaybackTest, ControllersAreLocalWithANoteAndGlobalOtherwise) {
-    int mod = add_logger();
     int slot = add_pattern(0, 4, 2);
     cell(slot, 0, 0) = zelfon_cell{49, 0, (uint16_t)(mod + 1), 0, 3, 1000};
     cell(slot, 1, 0) = zelfon_cell{0, 0, (uint16_t)(mod + 1), 0, 3, 2000};
@@ -269,36 +240,28 @@ TEST_F(SongPlaybackTest, ControllersAreLocalWithANoteAndGlobalOtherwise) {
     play();
     render(kLine + 10);
     std::vector<logged_event> local = events_of(mod, PS_CMD_SET_LOCAL_CONTROLLER);
-    std::vector<logged_event> global = events_of(mod, PS_CMD_SET_GLOBAL_CONTROLLER);
     ASSERT_EQ(local.size(), 1u);
-    ASSERT_EQ(global.size(), 1u);
     EXPECT_EQ(local[0].event.note, 2);
     EXPECT_EQ(local[0].event.velocity, 1000);
-    EXPECT_EQ(global[0].event.velocity, 2000);
-    std::vector<logged_event> vel = events_of(mod, PS_CMD_SET_VELOCITY);
-    ASSERT_EQ(vel.size(), 1u);
-    EXPECT_EQ(vel[0].event.velocity, 100);
-    EXPECT_EQ(vel[0].frame, kLine);
+    EXPECT_EQ(values_of(events_of(mod, PS_CMD_SET_GLOBAL_CONTROLLER), &psynth_event::velocity), (std::vector<int>{2000}));
+    EXPECT_EQ(values_of(events_of(mod, PS_CMD_SET_VELOCITY), &psynth_event::velocity), (std::vector<int>{100}));
+    EXPECT_EQ(frames_of(events_of(mod, PS_CMD_SET_VELOCITY)), (std::vector<int64_t>{kLine}));
 }
 
 TEST_F(SongPlaybackTest, ArpeggioCyclesThreePitchesThenReturns) {
-    int mod = add_logger();
     int slot = add_pattern(0, 4, 1);
     cell(slot, 0, 0) = note_cell(49, mod + 1, 0, 0x08, 0x0407);
     play();
     render(kLine + 10);
+    // Six arpeggio ticks, then the base pitch once.
     std::vector<logged_event> freqs = events_of(mod, PS_CMD_SET_FREQ);
-    ASSERT_EQ(freqs.size(), 7u);  // six arpeggio ticks, then the base pitch once
     const int base = (120 - 48) * 256;
-    const int want[] = {base, base - 4 * 256, base - 7 * 256, base, base - 4 * 256, base - 7 * 256, base};
-    for (int i = 0; i < 7; i++) {
-        EXPECT_EQ(freqs[i].event.pitch, want[i]) << i;
-        EXPECT_EQ(freqs[i].frame, i * kTick) << i;
-    }
+    EXPECT_EQ(values_of(freqs, &psynth_event::pitch),
+              (std::vector<int>{base, base - 4 * 256, base - 7 * 256, base, base - 4 * 256, base - 7 * 256, base}));
+    EXPECT_EQ(frames_of(freqs), (std::vector<int64_t>{0, kTick, 2 * kTick, 3 * kTick, 4 * kTick, 5 * kTick, 6 * kTick}));
 }
 
 TEST_F(SongPlaybackTest, OutputFormatsScaleAndSaturate) {
-    int mod = add_logger();
     for (int level : {5000, -5000, 1234, -1}) {
         logger(mod)->level = level;
         std::vector<int16_t> ints = render(10, 10);
@@ -318,7 +281,6 @@ TEST_F(SongPlaybackTest, OutputFormatsScaleAndSaturate) {
 }
 
 TEST_F(SongPlaybackTest, LiveInputUsesItsOwnIdsAndRingsDropWhenFull) {
-    int mod = add_logger();
     zelfon_live_midi_event on{60, 99, (uint16_t)mod, ZELFON_LIVE_NOTE_ON, 0, tarvik_time_ticks()};
     ASSERT_EQ(zelfon_handle_midi_event(&on, &song), 0);
     zelfon_live_midi_event off = on;
@@ -327,9 +289,7 @@ TEST_F(SongPlaybackTest, LiveInputUsesItsOwnIdsAndRingsDropWhenFull) {
     render(64);
     std::vector<logged_event> notes = events_of(mod, PS_CMD_NOTE_ON);
     ASSERT_EQ(notes.size(), 1u);
-    EXPECT_EQ(notes[0].event.id, (0xFFFF << 16) | 0);
-    EXPECT_EQ(notes[0].event.note, 60);
-    EXPECT_EQ(notes[0].event.velocity, 198);
+    EXPECT_EQ((std::vector<int>{notes[0].event.id, notes[0].event.note, notes[0].event.velocity}), (std::vector<int>{(0xFFFF << 16) | 0, 60, 198}));
     EXPECT_EQ(events_of(mod, PS_CMD_NOTE_OFF).size(), 1u);
 
     zelfon_cell c = note_cell(49, mod + 1);
@@ -341,7 +301,6 @@ TEST_F(SongPlaybackTest, LiveInputUsesItsOwnIdsAndRingsDropWhenFull) {
 }
 
 TEST_F(SongPlaybackTest, StopWithoutRenderThreadGivesUp) {
-    add_logger();
     add_pattern(0, 4);
     EXPECT_EQ(zelfon_stop(&song), 1);  // not playing: cleans, returns at once
     play();
@@ -351,12 +310,7 @@ TEST_F(SongPlaybackTest, StopWithoutRenderThreadGivesUp) {
     EXPECT_EQ(song.playing.load(), 0);
 }
 
-}  // namespace
-
-namespace {
-
 TEST_F(SongPlaybackTest, SteadyPlaybackDoesNotAllocate) {
-    int mod = add_logger();
     int slot = add_pattern(0, 16, 8);
     for (int line = 0; line < 16; line++) {
         for (int t = 0; t < 8; t++) cell(slot, t, line) = note_cell(37 + line + t, mod + 1, 0, line % 2 ? 0x08 : 0x01, 0x0203);

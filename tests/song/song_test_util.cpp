@@ -64,6 +64,12 @@ void SongFixture::SetUp() {
     song.net->global_volume = 256;
 }
 
+void SongFixture::restart() {
+    zelfon_song_close(&song);
+    ASSERT_EQ(zelfon_song_init(0, 44100, &song), 0);
+    song.net->global_volume = 256;
+}
+
 void SongFixture::TearDown() {
     zelfon_song_close(&song);
     v3_deinit();
@@ -141,4 +147,26 @@ std::vector<logged_event> SongFixture::events_of(int mod, int command) {
 
 zelfon_cell note_cell(int note, int module, int vel, int effect, int value) {
     return zelfon_cell{(uint8_t)note, (uint8_t)vel, (uint16_t)module, (uint8_t)effect, 0, (uint16_t)value};
+}
+
+std::string log_text() {
+    bytes text = file_bytes(TARVIK_LOG_FILE);
+    return std::string(text.begin(), text.end());
+}
+
+std::string first_difference(const std::vector<int16_t>& out, const std::vector<int16_t>& reference) {
+    if (out.size() != reference.size()) return std::to_string(out.size()) + " samples instead of " + std::to_string(reference.size());
+    for (size_t i = 0; i < out.size(); i++) {
+        if (out[i] != reference[i]) {
+            return "frame " + std::to_string(i / 2) + ", channel " + std::to_string(i % 2) + ": " + std::to_string(out[i]) +
+                   " instead of " + std::to_string(reference[i]);
+        }
+    }
+    return "";
+}
+
+int count_loud(const std::vector<int16_t>& samples, int threshold) {
+    int n = 0;
+    for (int16_t v : samples) n += v > threshold || v < -threshold;
+    return n;
 }

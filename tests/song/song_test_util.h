@@ -39,6 +39,8 @@ intptr_t logger_handler(int mod_num, psynth_event* event, psynth_net* net);
 class SongFixture : public ::testing::Test {
 public:
     void SetUp() override;
+    // Closes the song and opens a fresh one, as SetUp leaves it.
+    void restart();
     void TearDown() override;
 
     // A logger module linked into OUT; returns its module number.
@@ -68,3 +70,11 @@ public:
 };
 
 zelfon_cell note_cell(int note, int module = 0, int vel = 0, int effect = 0, int value = 0);
+
+// The text of the log file written so far.
+std::string log_text();
+
+// Where two renders first differ ("frame F, channel C: X instead of Y"); empty when equal.
+std::string first_difference(const std::vector<int16_t>& out, const std::vector<int16_t>& reference);
+// How many samples lie beyond ±threshold.
+int count_loud(const std::vector<int16_t>& samples, int threshold);

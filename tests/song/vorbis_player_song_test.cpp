@@ -22,10 +22,6 @@ public:
         }
         return -1;
     }
-    std::vector<int16_t> play_song(int frames) {
-        play();
-        return render(frames);
-    }
 };
 
 TEST_F(SongVorbisTest, TheFileTravelsInTheSongAndPlaysAfterLoading) {
@@ -52,7 +48,8 @@ TEST_F(SongVorbisTest, TheFileTravelsInTheSongAndPlaysAfterLoading) {
     EXPECT_EQ(info.channels, 2);
     EXPECT_EQ(info.rate, 22050);
     EXPECT_EQ(*song.net->modules[loaded].ctls[PSYNTH_VORBIS_CTL_FINETUNE].value, 37);
-    std::vector<int16_t> after = play_song(30000);
+    play();
+    std::vector<int16_t> after = render(30000);
     int peak = 0;
     for (size_t i = 0; i < after.size(); i += 2) peak = std::max(peak, std::abs((int)after[i]));
     EXPECT_NEAR(peak, 16384, 400) << "the file's level: half of full scale";
