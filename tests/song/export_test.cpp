@@ -374,8 +374,9 @@ bool parse_midi(const std::vector<uint8_t>& b, midi_file* out) {
                 int a = b[pos++];
                 int v = kind == 0xC0 || kind == 0xD0 ? 0 : b[pos++];
                 const char* name = kind == 0x90 && v ? "on" : kind == 0x90 || kind == 0x80 ? "off" : "other";
-                events.push_back(at + name + " ch" + std::to_string(channel) + " " + std::to_string(a) +
-                                 (kind == 0x90 && v ? " " + std::to_string(v) : ""));
+                std::string event = at + name + " ch" + std::to_string(channel) + " " + std::to_string(a);
+                if (kind == 0x90 && v) event.append(" ").append(std::to_string(v));
+                events.push_back(event);
             }
         }
         if (pos != end) return false;
