@@ -73,7 +73,7 @@ intptr_t psynth_multisynth(int mod_num, psynth_event* event, psynth_net* net); /
 intptr_t psynth_ans(int mod_num, psynth_event* event, psynth_net* net);        // ans.cpp
 intptr_t psynth_kicker(int mod_num, psynth_event* event, psynth_net* net);     // kicker.cpp
 intptr_t psynth_drumsynth(int mod_num, psynth_event* event, psynth_net* net);  // drumsynth.cpp
-intptr_t psynth_spectravoice(int mod_num, psynth_event* event, psynth_net* net);  // spectravoice.cpp
+intptr_t psynth_spectravoice(int mod_num, psynth_event* event, psynth_net* net);  // additive_synth.cpp (SpectraVoice)
 
 // The module types that can be created by name (psynth_registry.cpp). Handlers answer
 // GET_SYNTH_NAME for module index −1 without touching the net.
