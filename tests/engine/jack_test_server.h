@@ -1,5 +1,6 @@
-// A private JACK server for the device tests: jackd with the dummy driver, started on
-// demand and stopped after; JACK_DEFAULT_SERVER points every JACK client of the process at it.
+// A private JACK server for the device tests (jackd with the dummy driver, started on
+// demand and stopped after; JACK_DEFAULT_SERVER points every JACK client of the process
+// at it) and a JACK MIDI input that records what the program under test sends.
 //
 // JACK servers of one user share a registry and shared-memory segments, and a server
 // starting or stopping next to another one running can pull the segments from under the
@@ -12,6 +13,7 @@
 #include <gtest/gtest.h>
 #include <fcntl.h>
 #include <jack/jack.h>
+#include <RtMidi.h>
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/prctl.h>
@@ -20,8 +22,10 @@
 
 #include <chrono>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
 // Polls `done` every millisecond until it holds or `seconds` pass. Returns whether it held.
 inline bool wait_until(const std::function<bool()>& done, double seconds = 10.0) {
@@ -115,4 +119,24 @@ private:
     int period_;
     int lock_fd_ = -1;
     pid_t pid_ = -1;
+};
+
+// A JACK MIDI input of the test that keeps every byte it receives.
+struct MidiSink {
+    explicit MidiSink(const char* client) : in(RtMidi::UNIX_JACK, client) {
+        in.setCallback(&MidiSink::received, this);
+        in.openVirtualPort("in");
+    }
+    static void received(double, std::vector<unsigned char>* message, void* data) {
+        MidiSink* self = (MidiSink*)data;
+        std::lock_guard<std::mutex> lock(self->mutex);
+        self->bytes.insert(self->bytes.end(), message->begin(), message->end());
+    }
+    std::vector<unsigned char> taken() {
+        std::lock_guard<std::mutex> lock(mutex);
+        return bytes;
+    }
+    RtMidiIn in;
+    std::mutex mutex;
+    std::vector<unsigned char> bytes;
 };

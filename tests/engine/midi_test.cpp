@@ -3,10 +3,7 @@
 // whole), output of split messages, listing, and the empty-client errors.
 #include <gtest/gtest.h>
 
-#include <RtMidi.h>
-
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "engine/engine_test_env.h"
@@ -14,26 +11,6 @@
 #include "engine/midi.h"
 
 namespace {
-
-// A JACK MIDI input of the test that keeps every byte it receives.
-struct MidiSink {
-    explicit MidiSink(const char* client) : in(RtMidi::UNIX_JACK, client) {
-        in.setCallback(&MidiSink::received, this);
-        in.openVirtualPort("in");
-    }
-    static void received(double, std::vector<unsigned char>* message, void* data) {
-        MidiSink* self = (MidiSink*)data;
-        std::lock_guard<std::mutex> lock(self->mutex);
-        self->bytes.insert(self->bytes.end(), message->begin(), message->end());
-    }
-    std::vector<unsigned char> taken() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return bytes;
-    }
-    RtMidiIn in;
-    std::mutex mutex;
-    std::vector<unsigned char> bytes;
-};
 
 class MidiClientTest : public EngineDirFixture {
 protected:

@@ -3,8 +3,6 @@
 // stream runs. The test's own JACK MIDI clients play the keyboard and listen to the port.
 #include <gtest/gtest.h>
 
-#include <RtMidi.h>
-
 #include <mutex>
 #include <vector>
 
@@ -16,25 +14,6 @@
 #include "song_test_util.h"
 
 namespace {
-
-struct MidiSink {
-    explicit MidiSink(const char* client) : in(RtMidi::UNIX_JACK, client) {
-        in.setCallback(&MidiSink::received, this);
-        in.openVirtualPort("in");
-    }
-    static void received(double, std::vector<unsigned char>* message, void* data) {
-        MidiSink* self = (MidiSink*)data;
-        std::lock_guard<std::mutex> lock(self->mutex);
-        self->bytes.insert(self->bytes.end(), message->begin(), message->end());
-    }
-    std::vector<unsigned char> taken() {
-        std::lock_guard<std::mutex> lock(mutex);
-        return bytes;
-    }
-    RtMidiIn in;
-    std::mutex mutex;
-    std::vector<unsigned char> bytes;
-};
 
 std::string hex(const std::vector<unsigned char>& bytes) {
     std::string s;
