@@ -1,11 +1,12 @@
 // Every module type in song files: each controller, set away from its default, keeps its
 // value through save → load and a second save gives the same bytes; the mono switches
 // still take effect after loading; values outside the ranges, as a damaged file may hold,
-// render without harm.
+// render without harm; and all of them playing at once allocate nothing once warmed up.
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "engine/memory.h"
 #include "psynth/psynth_modules.h"
 #include "song_test_util.h"
 
@@ -72,6 +73,25 @@ TEST_F(ModuleTypesSongTest, ValuesOutsideTheRangesOfADamagedFileRenderSafely) {
             psynth_remove_synth(mod, song.net);
         }
     }
+}
+
+// Every module type playing notes at once: after the warm-up the render allocates nothing.
+TEST_F(ModuleTypesSongTest, EveryModuleTypePlaysWithoutAllocating) {
+    int src = add_logger();
+    logger(src)->level = 3000;
+    const int types = psynth_get_module_types_count();
+    int slot = add_pattern(0, 64, types);  // longer than the render: no end of song in between
+    for (int n = 0; n < types; n++) {
+        int mod = add_module(psynth_get_module_type(n));
+        psynth_make_link(mod, src, song.net);
+        psynth_make_link(0, mod, song.net);
+        for (int line = 0; line < 64; line += 2) cell(slot, n, line) = note_cell(37 + line % 24 + n, mod + 1);
+    }
+    play();
+    render(44100, 512);  // warm-up: event queues reach their working size
+    uint64_t before = mem_get_stats().allocations;
+    render(200 * 512, 512);
+    EXPECT_EQ(mem_get_stats().allocations, before);
 }
 
 }  // namespace
