@@ -1,7 +1,12 @@
-// Zelfon's entry: brings the foundation up (memory, files, log, profile), runs the job
-// the command line asks for, takes everything down in reverse order and ends with the
-// memory manager's report of blocks still held.
+// Zelfon's entry: brings the foundation up (memory, files, log, profile), then opens the
+// studio, or runs the headless job the command line asks for (also when no display can
+// be opened), takes everything down in reverse order and ends with the memory manager's
+// report of blocks still held.
+#include <cstdio>
+#include <cstring>
+
 #include "app/command_line.h"
+#include "app/studio.h"
 #include "engine/file.h"
 #include "engine/log.h"
 #include "engine/memory.h"
@@ -9,6 +14,18 @@
 
 static const char* const PROGRAM_NAME = "Zelfon v1.6.4(Aug  3 2011)";
 static const char* const ENGINE_NAME = "Tarvik Engine";
+
+// The studio's arguments: [SONG] [--script FILE]. Returns 0 when argv holds a sub-command
+// instead (or something the studio does not take).
+static int studio_arguments(int argc, char** argv, const char** song, const char** script) {
+    *song = *script = nullptr;
+    for (int i = 1; i < argc; i++) {
+        if (!strcmp(argv[i], "--script") && i + 1 < argc) *script = argv[++i];
+        else if (argv[i][0] == '-' || *song || zelfon_is_command(argv[i])) return 0;
+        else *song = argv[i];
+    }
+    return 1;
+}
 
 int main(int argc, char** argv) {
     mem_init();
@@ -18,7 +35,18 @@ int main(int argc, char** argv) {
     profile_load(nullptr, nullptr);  // the first default configuration file that exists
     tarvik_log("%s / %s\n", PROGRAM_NAME, ENGINE_NAME);
 
-    int exit_code = zelfon_command_line(argc, argv);
+    const char *song = nullptr, *script = nullptr;
+    int exit_code = STUDIO_NO_DISPLAY;
+    if (studio_arguments(argc, argv, &song, &script)) exit_code = studio_run(song, script);
+    if (exit_code == STUDIO_NO_DISPLAY) {
+        // Without a display: the headless job (with no arguments, the demo's export).
+        if (song || script) {
+            fprintf(stderr, "zelfon: no display: the studio cannot open (the sub-commands work without one: zelfon --help)\n");
+            exit_code = 1;
+        } else {
+            exit_code = zelfon_command_line(argc, argv);
+        }
+    }
 
     profile_close(nullptr);
     v3_deinit();

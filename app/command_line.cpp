@@ -283,6 +283,15 @@ int make_module_song(const options& o) {
 
 }  // namespace
 
+int zelfon_is_command(const char* word) {
+    static const char* const kCommands[] = {"export", "export-midi", "info", "demo", "sample-info", "module",
+                                            "play", "devices", "help", "--help", "-h"};
+    for (const char* c : kCommands) {
+        if (!strcmp(word, c)) return 1;
+    }
+    return 0;
+}
+
 int zelfon_command_line(int argc, char** argv) {
     if (argc < 2) {
         char* demo_args[] = {argv[0], (char*)"export", (char*)kDefaultDemoWav};

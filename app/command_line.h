@@ -6,3 +6,5 @@
 // error on failure. Returns the process exit code (0 on success). Main thread, after
 // the foundation is up.
 int zelfon_command_line(int argc, char** argv);
+// Non-zero when `word` names a sub-command ("export", "info", "--help", ...).
+int zelfon_is_command(const char* word);

@@ -84,6 +84,18 @@ FILE* platform_open(const char* name, const char* mode) {
     return f;
 }
 
+int64_t platform_file_time(const char* name) {
+    wchar_t* w = to_wide(name, true);
+    WIN32_FILE_ATTRIBUTE_DATA a;
+    int64_t t = -1;
+    if (w && GetFileAttributesExW(w, GetFileExInfoStandard, &a)) {
+        uint64_t ft = ((uint64_t)a.ftLastWriteTime.dwHighDateTime << 32) | a.ftLastWriteTime.dwLowDateTime;
+        t = (int64_t)(ft / 10000000ULL) - 11644473600LL;  // 100 ns since 1601 → seconds since 1970
+    }
+    mem_free(w);
+    return t;
+}
+
 int platform_remove(const char* name) {
     wchar_t* w = to_wide(name, true);
     int result = w && DeleteFileW(w) ? 0 : -1;
@@ -208,6 +220,10 @@ FILE* platform_open(const char* name, const char* mode) {
 }
 
 int platform_remove(const char* name) { return unlink(name) == 0 ? 0 : -1; }
+int64_t platform_file_time(const char* name) {
+    struct stat st;
+    return stat(name, &st) == 0 ? (int64_t)st.st_mtime : -1;
+}
 int platform_rename(const char* from, const char* to) { return rename(from, to) == 0 ? 0 : -1; }
 int platform_seek(FILE* f, int64_t offset, int whence) { return fseeko(f, static_cast<off_t>(offset), whence); }
 int64_t platform_tell(FILE* f) { return static_cast<int64_t>(ftello(f)); }
@@ -651,6 +667,15 @@ int64_t v3_get_file_size(const char* path) {
     }
     v3_close(h);
     return size;
+}
+
+int64_t v3_get_file_time(const char* path) {
+    if (!path) return -1;
+    char* name = real_name(path);
+    if (!name) return -1;
+    int64_t t = platform_file_time(name);
+    mem_free(name);
+    return t;
 }
 
 int v3_remove(const char* path) {

@@ -100,6 +100,8 @@ int v3_flush(int h);
 
 // Size of the file at `path` (opened, measured and closed); 0 when it cannot be opened.
 int64_t v3_get_file_size(const char* path);
+// Last change of the file at `path` in seconds since 1970; -1 when it does not exist.
+int64_t v3_get_file_time(const char* path);
 // Deletes the file. Returns 0 on success, non-zero on failure.
 int v3_remove(const char* path);
 // Moves the file `old_path` to `new_path`, replacing an existing file there.

@@ -19,6 +19,8 @@ struct log_state {
     tarvik_mutex mutex;
     char file_name[kNameSize];  // virtual name, e.g. "3:/zelfon_log.txt"
     char message[TARVIK_LOG_MESSAGE_SIZE];
+    tarvik_log_listener listener;
+    void* listener_data;
 };
 
 log_state g_log;
@@ -69,6 +71,7 @@ void tarvik_log_v(const char* format, va_list args) {
     }
     std::printf("%s", g_log.message);
     std::fflush(stdout);
+    if (g_log.listener) g_log.listener(g_log.message, g_log.listener_data);
     t_inside_printer = 0;
     tarvik_mutex_unlock(&g_log.mutex);
 }
@@ -78,4 +81,9 @@ void tarvik_log(const char* format, ...) {
     va_start(args, format);
     tarvik_log_v(format, args);
     va_end(args);
+}
+
+void tarvik_log_set_listener(tarvik_log_listener listener, void* data) {
+    g_log.listener = listener;
+    g_log.listener_data = data;
 }

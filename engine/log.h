@@ -34,3 +34,8 @@ void tarvik_log_disable(int disabled);
 #endif
 void tarvik_log(const char* format, ...) TARVIK_PRINTF_FORMAT;
 void tarvik_log_v(const char* format, va_list args);
+
+// Receives every message after it was written, under the printer's mutex: it must not log
+// and should only copy the text. Null removes it. Main thread, while no other thread logs.
+typedef void (*tarvik_log_listener)(const char* message, void* data);
+void tarvik_log_set_listener(tarvik_log_listener listener, void* data);

@@ -1,0 +1,175 @@
+// The studio: the desktop program around one song. Its record holds the open song, the
+// window, the state of the desktop's panes and dialogs, and the musician's session
+// settings (octave, edit step, edit mode, selections). Every window and editor of the
+// desktop is drawn by one file of app/ from this record.
+//
+// Threads: everything here runs on the main (GUI) thread. The song's render runs on the
+// sound thread in slot 0 of the sound stream; the studio reads its transport fields
+// without locks and takes the net's mutex only for structural changes.
+#pragma once
+
+#include <cstdint>
+
+#include "app/actions.h"
+#include "engine/thread.h"
+#include "gui/gui_file_dialog.h"
+#include "gui/gui_message_box.h"
+#include "gui/gui_meters.h"
+#include "gui/gui_script.h"
+#include "gui/gui_window.h"
+#include "song/song.h"
+
+constexpr int STUDIO_PATH_SIZE = 1024;
+constexpr int STUDIO_RECENT_FILES = 8;
+constexpr int STUDIO_SOUND_SLOT = 0;       // the song's render
+constexpr int STUDIO_TEST_TONE_SLOT = 1;   // the preferences' test tone
+constexpr int STUDIO_SCOPE_FRAMES = 1024;
+constexpr int STUDIO_CPU_HISTORY = 120;    // samples of the CPU monitor, two a second
+constexpr int STUDIO_LOG_LINES = 400;
+constexpr int STUDIO_LOG_LINE_SIZE = 256;
+constexpr int STUDIO_BACKUP_INTERVAL_DEFAULT = 120;  // seconds, profile key "backupinterval"
+constexpr const char* STUDIO_RUNNING_MARK = "2:/zelfon_running";  // present while a studio runs
+
+// What a file dialog was opened for.
+enum studio_file_purpose : int {
+    STUDIO_FILE_NONE,
+    STUDIO_FILE_OPEN_SONG,
+    STUDIO_FILE_SAVE_SONG,
+    STUDIO_FILE_EXPORT,
+    STUDIO_FILE_LOAD_SAMPLE,
+};
+
+// What waits for the answer to "save changes?" (or for a Save As started by it).
+enum studio_pending : int {
+    STUDIO_PENDING_NONE,
+    STUDIO_PENDING_NEW,
+    STUDIO_PENDING_OPEN,       // the file dialog
+    STUDIO_PENDING_OPEN_PATH,  // pending_path
+    STUDIO_PENDING_QUIT,
+};
+
+// Lines of the log, copied by the log printer's listener.
+struct studio_log {
+    tarvik_mutex mutex;
+    char lines[STUDIO_LOG_LINES][STUDIO_LOG_LINE_SIZE];
+    int first;  // oldest line
+    int count;
+    uint32_t added;  // lines ever added, to notice new ones
+    uint32_t shown;  // `added` when the window last scrolled
+};
+
+struct studio_export_dialog {
+    int open;
+    int format;     // ZELFON_EXPORT_INT16 / FLOAT32
+    int mode;       // ZELFON_EXPORT_ONE_FILE...
+    int rate;       // Hz
+    int midi;       // export a MIDI file instead
+    char path[STUDIO_PATH_SIZE];
+    int start;      // the Export button was pressed: runs before the next frame
+    int running;
+    int progress;   // 0..256
+    int cancel;
+    char result[256];
+};
+
+struct studio_preferences {
+    int open;
+    int driver;     // SOUND_DRIVER_*
+    int device;     // −1 default
+    int buffer;
+    int rate;
+    int midi_device;  // index in the port list, −1 none
+    int midi_channel;
+    int theme;
+    int scale_percent;
+    int backup_interval;
+    int undo_size;
+    int capture_action;  // action whose key is being set, −1 none
+    int test_tone_frames;  // frames of test tone left (sound thread counts down)
+    uint32_t test_tone_phase;
+    char message[128];
+};
+
+struct studio {
+    gui_window win;
+    gui_script script;
+    int scripted;
+    int script_frames_after_end;
+
+    zelfon_song* song;  // a memory-manager block
+    char song_path[STUDIO_PATH_SIZE];  // real path, "" for a song never saved
+    uint32_t changes;          // counts every change to the song
+    uint32_t saved_changes;    // `changes` when it was last saved or loaded
+    uint32_t backup_changes;   // `changes` at the last backup
+    uint32_t backup_last_ms;   // SDL ticks of the last backup check
+    int backup_interval;       // seconds
+    int backup_failed;
+
+    int sound_ok;
+    int rate;
+    char status[256];          // the status line's message
+    uint32_t status_until_ms;
+
+    // Session state of the editors.
+    int current_pattern;
+    int cursor_line;
+    int selected_module;
+    int edit_mode;
+    int octave;
+    int edit_step;
+    int follow;
+
+    // Desktop.
+    float split_x, split_y;  // per mille of the window: timeline width, upper panes' height
+    int show_song_properties;
+    int show_cpu_monitor;
+    int show_log;
+    int show_about;
+    studio_export_dialog export_dialog;
+    studio_preferences prefs;
+    gui_message_boxes boxes;
+    gui_file_dialog file_dialog;
+    int file_purpose;
+    char last_folder[5][STUDIO_PATH_SIZE];  // per studio_file_purpose
+    char recent[STUDIO_RECENT_FILES][STUDIO_PATH_SIZE];
+    int pending;
+    char pending_path[STUDIO_PATH_SIZE];
+    int quit;
+    int exit_code;
+    char title[512];
+
+    app_key_binding keys[APP_ACTIONS];
+
+    // Meters.
+    float scope[STUDIO_SCOPE_FRAMES * 2];
+    gui_level_state level;
+    float cpu_history[STUDIO_CPU_HISTORY];
+    int cpu_history_pos;
+    uint32_t cpu_last_ms;
+    int cpu_load;           // per cent of the buffer time
+    uint32_t underruns;
+
+    studio_log log;
+    int redraw_frames;      // frames still to draw before waiting for events
+    int restyle_pending;    // a new scale or theme waits for the next frame
+    float restyle_scale;
+    int restyle_theme;
+};
+
+// Runs the studio: opens the window (when there is a display), the sound stream and the
+// song (`song_path`, or the demo), and loops until the musician quits. `script_path`
+// plays scripted input. Returns the exit code; 100 when no window could be opened (the
+// caller then runs the headless job).
+int studio_run(const char* song_path, const char* script_path);
+constexpr int STUDIO_NO_DISPLAY = 100;
+
+// ---- Shared by the files of app/ ----
+// Counts a change to the song (the title shows it unsaved).
+void studio_song_changed(studio* st);
+// Shows `text` on the status line for a few seconds (and in the log).
+void studio_status(studio* st, const char* format, ...);
+// Queues a message box ("!"-texts and their ";" button lists).
+void studio_message(studio* st, const char* text, const char* buttons, gui_message_answer answer, void* data);
+// The song's playing line, read from the sound thread's field.
+int studio_playing_line(const studio* st);
+int studio_is_playing(const studio* st);

@@ -1,0 +1,75 @@
+// The entry points of the desktop's parts, one file of app/ each: what the action table,
+// the menus and the main loop call.
+#pragma once
+
+#include "app/studio.h"
+
+// ---- studio.cpp ----
+// One turn of the main loop without waiting: the script's step, the waiting events and a
+// frame. For long work on the main thread (export) so the window keeps drawing.
+void studio_frame_during_work(studio* st);
+
+// ---- desktop.cpp: menu bar, transport, panes and status line ----
+void studio_desktop_draw(studio* st);
+
+// ---- transport.cpp ----
+void studio_transport_draw(studio* st);
+void studio_play_song(studio* st);
+void studio_play_from_cursor(studio* st);
+void studio_play_pattern(studio* st);
+void studio_stop(studio* st);
+void studio_play_stop(studio* st);
+// Reads the stream's scope into the meters and refreshes the CPU figures. Once a frame.
+void studio_transport_update(studio* st, float seconds);
+
+// ---- pattern_list.cpp and module_list.cpp: the timeline's and the net's panes ----
+void studio_pattern_list_draw(studio* st);
+void studio_module_list_draw(studio* st);
+
+// ---- song_files.cpp: new, open, save, recent files, backup and restore ----
+void studio_files_new(studio* st);
+void studio_files_open(studio* st);
+void studio_files_open_path(studio* st, const char* path);
+void studio_files_save(studio* st);
+void studio_files_save_as(studio* st);
+void studio_files_quit(studio* st);
+// Writes the backup before a risky operation (`why` for the log). Returns 0, non-zero on failure.
+int studio_files_backup(studio* st, const char* why);
+// The timed backup, once a frame.
+void studio_files_tick(studio* st);
+// After start-up: offers the backup when the last session did not end cleanly.
+void studio_files_check_crash(studio* st);
+// Marks the clean end of the session.
+void studio_files_clean_exit(studio* st);
+// The file dialog's answer for the file kinds handled here. Returns 1 when taken.
+int studio_files_dialog_result(studio* st, int purpose, const char* path);
+// Loads the song at `path` in place of the open one (no questions). Returns 0, or non-zero
+// with a message box shown; the open song then stays as it was.
+int studio_files_load(studio* st, const char* path);
+// Makes `song` (a fresh block) the studio's song: the old one is closed. `path` may be "".
+void studio_files_replace_song(studio* st, zelfon_song* song, const char* path);
+void studio_files_recent_load(studio* st);
+void studio_files_update_title(studio* st);
+// Opens the file dialog for `purpose` with the last folder used for it.
+void studio_files_dialog(studio* st, int purpose, const char* title, const char* mask, int save, const char* name);
+
+// ---- sample_loader.cpp: a sample file into a new Sampler ----
+void studio_load_sample(studio* st);
+void studio_load_sample_path(studio* st, const char* path);
+
+// ---- song_properties.cpp, preferences.cpp, export_dialog.cpp, cpu_monitor.cpp, log_window.cpp ----
+void studio_song_properties_draw(studio* st);
+void studio_preferences_open(studio* st);
+void studio_preferences_draw(studio* st);
+// Opens the sound stream from the profile and attaches the song. Returns 0 when sound runs.
+int studio_sound_open(studio* st);
+void studio_sound_close(studio* st);
+void studio_export_open(studio* st);
+void studio_export_draw(studio* st);
+// Runs an export the dialog asked for (outside a frame). Once a loop turn.
+void studio_export_run(studio* st);
+void studio_cpu_monitor_draw(studio* st);
+void studio_log_init(studio* st);
+void studio_log_close(studio* st);
+void studio_log_draw(studio* st);
+void studio_about_draw(studio* st);
