@@ -145,7 +145,11 @@ void app_keys_store(const app_key_binding keys[APP_ACTIONS]) {
         char key[80], value[128];
         snprintf(key, sizeof key, "key.%s", kActions[a].name);
         app_key_binding_format(&keys[a], value, sizeof value);
-        bool is_default = !memcmp(&defaults, &keys[a], sizeof defaults);
+        bool is_default = true;
+        for (int k = 0; k < APP_KEYS_PER_ACTION; k++) {
+            is_default = is_default && defaults.keys[k].scancode == keys[a].keys[k].scancode &&
+                         defaults.keys[k].mods == keys[a].keys[k].mods;
+        }
         if (!is_default || profile_get_str_value(key, nullptr, nullptr)) profile_set_str_value(key, value, nullptr);
     }
 }

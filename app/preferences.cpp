@@ -73,10 +73,18 @@ int test_tone_render(sound_stream* ss, int slot) {
     return 1;
 }
 
-void set_int(const char* key, int value) {
+// Writes the key only when the value differs from the one in effect (`current`), so that
+// untouched preferences add no lines to the musician's file.
+void store_int(const char* key, int value, int current) {
+    if (value == current) return;
     char text[16];
     snprintf(text, sizeof text, "%d", value);
     profile_set_str_value(key, text, nullptr);
+}
+
+void store_str(const char* key, const char* value, const char* current) {
+    if (!strcmp(value, current)) return;
+    profile_set_str_value(key, value, nullptr);
 }
 
 bool combo_of_ints(const char* label, const char* id, int* value, const int* choices, int count, const char* format) {
@@ -223,17 +231,18 @@ void apply(studio* st) {
                          p->device != profile_get_int_value("audiodevice", -1, nullptr) ||
                          p->buffer != profile_get_int_value("buffer", SOUND_BUFFER_DEFAULT, nullptr) || p->rate != st->rate ||
                          !st->sound_ok;
-    profile_set_str_value("audiodriver", kDriverKeys[p->driver], nullptr);
-    set_int("audiodevice", p->device);
-    set_int("buffer", p->buffer);
-    set_int("frequency", p->rate);
-    if (p->midi_device >= 0 && p->midi_device < g_midi_devices.count) profile_set_str_value("midi_kbd", g_midi_devices.names[p->midi_device], nullptr);
-    else profile_remove_key("midi_kbd", nullptr);
-    set_int("midi_kbd_ch", p->midi_channel);
-    profile_set_str_value("theme", gui_theme_name(p->theme), nullptr);
-    set_int("zoom", p->scale_percent);
-    set_int("backupinterval", p->backup_interval);
-    set_int("undosize", p->undo_size);
+    store_str("audiodriver", kDriverKeys[p->driver], profile_get_str_value("audiodriver", "jack", nullptr));
+    store_int("audiodevice", p->device, profile_get_int_value("audiodevice", -1, nullptr));
+    store_int("buffer", p->buffer, profile_get_int_value("buffer", SOUND_BUFFER_DEFAULT, nullptr));
+    store_int("frequency", p->rate, st->rate);
+    const char* kbd = profile_get_str_value("midi_kbd", "", nullptr);
+    if (p->midi_device >= 0 && p->midi_device < g_midi_devices.count) store_str("midi_kbd", g_midi_devices.names[p->midi_device], kbd);
+    else if (kbd[0]) profile_remove_key("midi_kbd", nullptr);
+    store_int("midi_kbd_ch", p->midi_channel, profile_get_int_value("midi_kbd_ch", profile_get_int_value("midi_in_ch", 1, nullptr), nullptr));
+    store_str("theme", gui_theme_name(p->theme), gui_theme_name(st->win.theme));
+    store_int("zoom", p->scale_percent, (int)(st->win.scale * 100 + 0.5f));
+    store_int("backupinterval", p->backup_interval, st->backup_interval);
+    store_int("undosize", p->undo_size, profile_get_int_value("undosize", kUndoSizeDefault, nullptr));
     app_keys_store(st->keys);
     if (profile_save(nullptr)) {
         studio_message(st, "!The preferences could not be saved: the settings file cannot be written.\n"

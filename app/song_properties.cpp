@@ -5,20 +5,17 @@
 
 #include "app/studio_windows.h"
 #include "engine/memory.h"
+#include "gui/gui_fields.h"
 #include "gui/gui_items.h"
+
 
 namespace {
 
-// An integer field that clamps. Returns 1 when the value changed.
-int clamped_field(const char* label, const char* id, int* value, int min, int max) {
-    int v = *value;
-    ImGui::SetNextItemWidth(ImGui::GetFontSize() * 8);
-    bool edited = ImGui::InputInt(label, &v);
-    gui_item_name(id);
-    v = v < min ? min : v > max ? max : v;
-    if (!edited || v == *value) return 0;
-    *value = v;
-    return 1;
+int labelled_field(const char* label, const char* id, int* value, int min, int max, float width) {
+    int changed = gui_int_field(id, value, min, max, width);
+    ImGui::SameLine();
+    ImGui::TextUnformatted(label);
+    return changed;
 }
 
 }  // namespace
@@ -46,15 +43,16 @@ void studio_song_properties_draw(studio* st) {
     }
     gui_item_name("songprops.name");
     int bpm = song->bpm, speed = song->speed, volume = song->net->global_volume;
-    if (clamped_field("BPM", "songprops.bpm", &bpm, ZELFON_BPM_MIN, ZELFON_BPM_MAX)) {
+    float width = ImGui::GetFontSize() * 8;
+    if (labelled_field("BPM", "songprops.bpm", &bpm, ZELFON_BPM_MIN, ZELFON_BPM_MAX, width)) {
         song->bpm = (uint16_t)bpm;
         studio_song_changed(st);
     }
-    if (clamped_field("Speed (ticks per line)", "songprops.speed", &speed, 1, 31)) {
+    if (labelled_field("Speed (ticks per line)", "songprops.speed", &speed, 1, 31, width)) {
         song->speed = (uint8_t)speed;
         studio_song_changed(st);
     }
-    if (clamped_field("Global volume", "songprops.volume", &volume, 0, 256)) {
+    if (labelled_field("Global volume", "songprops.volume", &volume, 0, 256, width)) {
         song->net->global_volume = volume;
         studio_song_changed(st);
     }

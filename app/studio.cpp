@@ -31,6 +31,8 @@ constexpr const char* kWindowPlacesFile = "2:/zelfon_windows.ini";
 constexpr int kDefaultWidth = 800;
 constexpr int kDefaultHeight = 600;
 constexpr int kDefaultRate = 44100;
+constexpr int kSplitXDefault = 500;  // per mille of the window
+constexpr int kSplitYDefault = 520;
 constexpr int kRedrawFramesAfterInput = 3;  // ImGui settles hover and popups over a few frames
 constexpr int kIdleWaitMs = 500;
 constexpr int kMidiPollMs = 5;              // with a MIDI keyboard open: how often it is read
@@ -62,6 +64,27 @@ void save_window_places() {
 
 // ---- Script commands of the studio (beyond the toolkit's input commands) ----
 
+// "expect WHAT VALUE": playing 0|1, line_at_least N, dirty 0|1, message TEXT (the box on
+// screen starts with TEXT), no_message, modules N, bpm N. Returns 0 when it holds.
+int expect(studio* st, const char* what) {
+    char name[32] = {}, value[512] = {};
+    sscanf(what, "%31s %511[^\n]", name, value);
+    int n = atoi(value);
+    bool holds;
+    if (!strcmp(name, "playing")) holds = (studio_is_playing(st) != 0) == (n != 0);
+    else if (!strcmp(name, "line_at_least")) holds = studio_playing_line(st) >= n;
+    else if (!strcmp(name, "dirty")) holds = (st->changes != st->saved_changes) == (n != 0);
+    else if (!strcmp(name, "message")) holds = st->boxes.count && !strncmp(st->boxes.queue[0].text, value, strlen(value));
+    else if (!strcmp(name, "no_message")) holds = st->boxes.count == 0;
+    else if (!strcmp(name, "bpm")) holds = st->song->bpm == n;
+    else if (!strcmp(name, "modules")) {
+        int count = 0;
+        for (int m = 0; m < st->song->net->slots; m++) count += (st->song->net->modules[m].flags & PSYNTH_FLAG_EXISTS) != 0;
+        holds = count == n;
+    } else return 1;
+    return holds ? 0 : 1;
+}
+
 int script_command(const char* line, void* data) {
     studio* st = (studio*)data;
     char word[64] = {}, arg[STUDIO_PATH_SIZE] = {};
@@ -77,6 +100,7 @@ int script_command(const char* line, void* data) {
         SDL_Delay((uint32_t)atoi(arg));
         return 0;
     }
+    if (!strcmp(word, "expect")) return expect(st, arg);
     if (!strcmp(word, "crash")) {
         // Dies as a crash does: nothing is cleaned up or saved.
         raise(SIGKILL);
@@ -223,8 +247,8 @@ namespace {
 // ---- Start-up and shutdown ----
 
 void read_layout(studio* st) {
-    st->split_x = (float)profile_get_int_value("split_x", 500, nullptr) / 1000.0f;
-    st->split_y = (float)profile_get_int_value("split_y", 520, nullptr) / 1000.0f;
+    st->split_x = (float)profile_get_int_value("split_x", kSplitXDefault, nullptr) / 1000.0f;
+    st->split_y = (float)profile_get_int_value("split_y", kSplitYDefault, nullptr) / 1000.0f;
     st->backup_interval = profile_get_int_value("backupinterval", STUDIO_BACKUP_INTERVAL_DEFAULT, nullptr);
     st->octave = 4;
     st->edit_step = 1;
@@ -242,14 +266,16 @@ void store_layout(studio* st) {
     const struct {
         const char* key;
         int value;
-    } values[] = {{"split_x", (int)(st->split_x * 1000 + 0.5f)}, {"split_y", (int)(st->split_y * 1000 + 0.5f)},
-                  {"window_width", sideways ? h : w}, {"window_height", sideways ? w : h}};
+        int in_effect;
+    } values[] = {{"split_x", (int)(st->split_x * 1000 + 0.5f), kSplitXDefault},
+                  {"split_y", (int)(st->split_y * 1000 + 0.5f), kSplitYDefault},
+                  {"window_width", sideways ? h : w, kDefaultWidth},
+                  {"window_height", sideways ? w : h, kDefaultHeight}};
     bool changed = false;
     for (const auto& v : values) {
+        if (profile_get_int_value(v.key, v.in_effect, nullptr) == v.value) continue;
         char text[16];
         snprintf(text, sizeof text, "%d", v.value);
-        const char* old = profile_get_str_value(v.key, nullptr, nullptr);
-        if (old && !strcmp(old, text)) continue;
         profile_set_str_value(v.key, text, nullptr);
         changed = true;
     }

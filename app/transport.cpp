@@ -9,6 +9,7 @@
 
 #include "app/studio_windows.h"
 #include "engine/sound.h"
+#include "gui/gui_fields.h"
 #include "gui/gui_fonts.h"
 #include "gui/gui_items.h"
 #include "gui/gui_theme.h"
@@ -36,19 +37,6 @@ bool transport_button(const char* label, const char* id, bool active, gui_colour
     if (active) ImGui::PopStyleColor();
     gui_item_name(id);
     return pressed;
-}
-
-// A small integer field with − and + steps. Returns 1 when it changed.
-int int_field(const char* label, const char* id, int* value, int min, int max, float width) {
-    ImGui::SetNextItemWidth(width);
-    int v = *value;
-    bool changed = ImGui::InputInt(label, &v, 1, 10);
-    gui_item_name(id);
-    if (!changed) return 0;
-    v = v < min ? min : v > max ? max : v;
-    if (v == *value) return 0;
-    *value = v;
-    return 1;
 }
 
 // Without a sound device nothing renders: say so instead of posting commands nobody takes.
@@ -161,32 +149,32 @@ void studio_transport_draw(studio* st) {
     ImGui::AlignTextToFramePadding();
     ImGui::TextUnformatted("BPM");
     ImGui::SameLine();
-    if (int_field("##bpm", "transport.bpm", &bpm, ZELFON_BPM_MIN, ZELFON_BPM_MAX, em * 6)) {
+    if (gui_int_field("transport.bpm", &bpm, ZELFON_BPM_MIN, ZELFON_BPM_MAX, em * 6)) {
         song->bpm = (uint16_t)bpm;
         studio_song_changed(st);
     }
     ImGui::SameLine();
     ImGui::TextUnformatted("Speed");
     ImGui::SameLine();
-    if (int_field("##speed", "transport.speed", &speed, 1, 31, em * 5)) {
+    if (gui_int_field("transport.speed", &speed, 1, 31, em * 5)) {
         song->speed = (uint8_t)speed;
         studio_song_changed(st);
     }
     ImGui::SameLine();
     ImGui::TextUnformatted("Vol");
     ImGui::SameLine();
-    if (int_field("##volume", "transport.volume", &volume, 0, 256, em * 5.5f)) {
+    if (gui_int_field("transport.volume", &volume, 0, 256, em * 5.5f)) {
         song->net->global_volume = volume;
         studio_song_changed(st);
     }
     ImGui::SameLine();
     ImGui::TextUnformatted("Oct");
     ImGui::SameLine();
-    int_field("##octave", "transport.octave", &st->octave, 0, 9, em * 4.5f);
+    gui_int_field("transport.octave", &st->octave, 0, 9, em * 4.5f);
     ImGui::SameLine();
     ImGui::TextUnformatted("Step");
     ImGui::SameLine();
-    int_field("##step", "transport.step", &st->edit_step, 0, 64, em * 4.5f);
+    gui_int_field("transport.step", &st->edit_step, 0, 64, em * 4.5f);
     ImGui::SameLine();
     float left = ImGui::GetContentRegionAvail().x - ImGui::GetStyle().ItemSpacing.x;
     float meter_width = left / 2 < em * 8 ? left / 2 : em * 8;

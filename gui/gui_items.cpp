@@ -14,6 +14,7 @@ struct named_item {
     char id[kIdSize];
     float x0, y0, x1, y1;
     unsigned frame;
+    bool moved;  // its rectangle differs from the frame before (a window still settling)
 };
 
 named_item g_items[kItems];
@@ -32,6 +33,8 @@ named_item* slot_for(const char* id) {
 
 void gui_item_name_rect(const char* id, float x0, float y0, float x1, float y1) {
     named_item* item = slot_for(id);
+    bool same = !strcmp(item->id, id) && item->frame + 1 >= g_frame;
+    item->moved = !same || item->x0 != x0 || item->y0 != y0 || item->x1 != x1 || item->y1 != y1;
     snprintf(item->id, kIdSize, "%s", id);
     item->x0 = x0, item->y0 = y0, item->x1 = x1, item->y1 = y1;
     item->frame = g_frame;
@@ -44,7 +47,8 @@ void gui_item_name(const char* id) {
 
 int gui_item_find(const char* id, float* x, float* y) {
     for (const named_item& item : g_items) {
-        if (item.frame + 2 < g_frame || strcmp(item.id, id)) continue;
+        // Only items drawn in the last frame at the place they had the frame before.
+        if (item.frame + 1 < g_frame || item.moved || strcmp(item.id, id)) continue;
         *x = (item.x0 + item.x1) / 2;
         *y = (item.y0 + item.y1) / 2;
         return 1;
@@ -53,3 +57,10 @@ int gui_item_find(const char* id, float* x, float* y) {
 }
 
 void gui_items_new_frame() { g_frame++; }
+
+void gui_items_forget(const char* prefix) {
+    size_t n = strlen(prefix);
+    for (named_item& item : g_items) {
+        if (!strncmp(item.id, prefix, n)) item.id[0] = 0;
+    }
+}

@@ -28,6 +28,7 @@ void pop(gui_message_boxes* boxes) {
     memmove(&boxes->queue[0], &boxes->queue[1], sizeof boxes->queue[0] * (boxes->count - 1));
     boxes->count--;
     boxes->opened = 0;
+    gui_items_forget("msgbox.");
 }
 
 }  // namespace
@@ -52,10 +53,8 @@ int gui_message_box_open(const gui_message_boxes* boxes) { return boxes->count >
 
 void gui_message_boxes_draw(gui_message_boxes* boxes) {
     if (!boxes->count) return;
-    if (!boxes->opened) {
-        ImGui::OpenPopup(kPopupId);
-        boxes->opened = 1;
-    }
+    if (!boxes->opened) ImGui::OpenPopup(kPopupId);
+    boxes->opened++;
     ImGuiIO& io = ImGui::GetIO();
     ImGui::SetNextWindowPos(ImVec2(io.DisplaySize.x / 2, io.DisplaySize.y / 2), ImGuiCond_Appearing, ImVec2(0.5f, 0.5f));
     if (!ImGui::BeginPopupModal(kPopupId, nullptr, ImGuiWindowFlags_AlwaysAutoResize | ImGuiWindowFlags_NoSavedSettings)) {
@@ -80,8 +79,10 @@ void gui_message_boxes_draw(gui_message_boxes* boxes) {
         snprintf(id, sizeof id, "msgbox.button.%d", b);
         gui_item_name(id);
     }
-    if (chosen < 0 && ImGui::IsKeyPressed(ImGui::GetKeyIndex(ImGuiKey_Enter), false)) chosen = 0;
-    if (chosen < 0 && ImGui::IsKeyPressed(ImGui::GetKeyIndex(ImGuiKey_Escape), false)) chosen = n - 1;
+    // The key that opened the box (Enter in a dialog) must not answer it in the same frame.
+    bool keys = boxes->opened > 1;
+    if (keys && chosen < 0 && ImGui::IsKeyPressed(ImGui::GetKeyIndex(ImGuiKey_Enter), false)) chosen = 0;
+    if (keys && chosen < 0 && ImGui::IsKeyPressed(ImGui::GetKeyIndex(ImGuiKey_Escape), false)) chosen = n - 1;
     if (chosen >= 0) ImGui::CloseCurrentPopup();
     ImGui::EndPopup();
     if (chosen >= 0) {

@@ -19,7 +19,7 @@ struct gui_message_box_entry {
 struct gui_message_boxes {
     gui_message_box_entry queue[GUI_MESSAGE_BOX_QUEUE];
     int count;
-    int opened;  // the first entry's popup was opened
+    int opened;  // frames the first entry's popup has been on screen
 };
 
 // Queues a box (null or "" buttons: "OK"). Returns 0, or 1 when the queue is full (the

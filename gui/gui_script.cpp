@@ -14,6 +14,7 @@
 namespace {
 
 constexpr int kSettleFrames = 1;
+constexpr int kItemWaitFrames = 60;  // how long click_id waits for its item to appear and settle
 
 void push(SDL_Event* e) {
     e->common.timestamp = SDL_GetTicks();
@@ -100,7 +101,8 @@ void click(gui_script* s, int button, float x, float y, int clicks) {
     s->pending_y = y;
 }
 
-// Runs one line. Returns the frames it takes.
+// Runs one line. Returns the frames it takes, or −1 when it waits for the interface and
+// runs again next frame.
 int run_line(gui_script* s, char* line, const gui_window* w, gui_script_handler handler, void* data) {
     char original[1024];
     snprintf(original, sizeof original, "%s", line);
@@ -180,7 +182,12 @@ int run_line(gui_script* s, char* line, const gui_window* w, gui_script_handler 
     if (!strcmp(word, "click_id") || !strcmp(word, "doubleclick_id")) {
         char* id = next();
         float x, y;
-        if (!id || !gui_item_find(id, &x, &y)) return fail(s, "no item with this id on screen", original), 0;
+        if (!id) return fail(s, "click_id needs ID", original), 0;
+        if (!gui_item_find(id, &x, &y)) {
+            if (++s->item_wait_frames > kItemWaitFrames) return fail(s, "no item with this id on screen", original), 0;
+            return -1;  // again next frame
+        }
+        s->item_wait_frames = 0;
         gui_window_ui_to_window(w, &x, &y);
         int button = button_from_word(next());
         click(s, button, x, y, 1);
@@ -230,7 +237,12 @@ int run_line(gui_script* s, char* line, const gui_window* w, gui_script_handler 
         push(&e);
         return 1;
     }
-    if (!handler || handler(original, data)) return fail(s, "command failed or unknown", original), 0;
+    if (!handler || handler(original, data)) {
+        // The interface may still be catching up (a box about to open): try a while.
+        if (++s->item_wait_frames > kItemWaitFrames) return fail(s, "command failed or unknown", original), 0;
+        return -1;
+    }
+    s->item_wait_frames = 0;
     return 1;
 }
 
@@ -249,6 +261,7 @@ int gui_script_load(const char* path, gui_script* s) {
         return 1;
     }
     s->text[size] = 0;
+    s->wait_frames = 2;  // the first frames name the items scripts click
     return 0;
 }
 
@@ -272,6 +285,7 @@ void gui_script_step(gui_script* s, const gui_window* w, gui_script_handler hand
         return;
     }
     while (!s->finished && s->text && s->text[s->pos]) {
+        int line_start = s->pos;
         char* line = s->text + s->pos;
         size_t length = strcspn(line, "\n");
         s->pos += (int)length + (line[length] ? 1 : 0);
@@ -284,6 +298,11 @@ void gui_script_step(gui_script* s, const gui_window* w, gui_script_handler hand
         if (!*start || *start == '#') continue;
         int frames = run_line(s, start, w, handler, data);
         if (s->failed) break;
+        if (frames < 0) {
+            s->pos = line_start;  // the line runs again next frame
+            s->line_no--;
+            return;
+        }
         if (frames > 0) {
             s->wait_frames = frames - 1;
             return;

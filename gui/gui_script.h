@@ -33,6 +33,7 @@ struct gui_script {
     int pending_mods[3];  // modifier scancodes to release with it (0 = none)
     int pending_button;
     float pending_x, pending_y;
+    int item_wait_frames;  // frames click_id has waited for its item
     int failed;
     int finished;
     char screenshot[1024];  // asked for at the end of this frame ("" = none)

@@ -1,0 +1,7 @@
+// Small value fields shared by the studio's bars and dialogs.
+#pragma once
+
+// An integer field with − and + steps (Ctrl: by 10), clamped to min..max, `width` wide in
+// all. Names its text part `id` and the steps `id`.minus / `id`.plus. Returns 1 when the
+// value changed.
+int gui_int_field(const char* id, int* value, int min, int max, float width);

@@ -1,0 +1,345 @@
+// The studio as a musician meets it: the real program on SDL's offscreen video driver
+// with the software renderer, driven by scripts of keys and clicks, in a folder of its
+// own (working folder, settings and temporary files). Tests check the files it leaves
+// and the song state it reports; every screenshot stays in the build folder's
+// studio_screenshots/ to be looked at.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "engine/file.h"
+#include "engine/jack_test_server.h"
+#include "engine/log.h"
+#include "engine/memory.h"
+#include "engine/profile.h"
+#include "psynth/psynth_modules.h"
+#include "psynth/sample_file.h"
+#include "psynth/sampler.h"
+#include "song/demo.h"
+#include "song/export.h"
+#include "song/song_file.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kTimeoutSeconds = 120;
+
+std::string read_file(const fs::path& p) {
+    std::ifstream f(p, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(f), {});
+}
+
+void write_file(const fs::path& p, const std::string& text) {
+    std::ofstream f(p, std::ios::binary);
+    f << text;
+}
+
+class StudioTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        const ::testing::TestInfo* info = ::testing::UnitTest::GetInstance()->current_test_info();
+        dir = fs::temp_directory_path() / ("zelfon_studio_" + std::string(info->name()) + "_" + std::to_string(getpid()));
+        fs::remove_all(dir);
+        fs::create_directories(dir / "cfg");
+        fs::create_directories(dir / "tmp");
+        shots = fs::path(ZELFON_SCREENSHOT_DIR);
+        fs::create_directories(shots);
+        mem_init();
+        v3_init();
+        tarvik_log_init(TARVIK_LOG_FILE);
+        profile_new(nullptr);
+    }
+    void TearDown() override {
+        profile_close(nullptr);
+        v3_deinit();
+        EXPECT_FALSE(mem_free_all());
+        tarvik_log_close();
+        mem_deinit();
+        if (!HasFailure()) fs::remove_all(dir);
+    }
+
+    // Runs the studio with `script` (and `args`) in the test's folder. Returns its exit code.
+    int run_studio(const std::string& script, std::vector<std::string> args = {}, std::vector<std::string> env = {}) {
+        write_file(dir / "script.txt", script);
+        std::vector<std::string> argv = {ZELFON_BINARY, "--script", (dir / "script.txt").string()};
+        argv.insert(argv.end(), args.begin(), args.end());
+        pid_t pid = fork();
+        if (pid == 0) {
+            if (chdir(dir.c_str()) != 0) _exit(126);
+            setenv("SDL_VIDEODRIVER", "offscreen", 1);
+            setenv("SDL_RENDER_DRIVER", "software", 1);
+            setenv("XDG_CONFIG_HOME", (dir / "cfg").c_str(), 1);
+            setenv("TMPDIR", (dir / "tmp").c_str(), 1);
+            setenv("HOME", dir.c_str(), 1);
+            unsetenv("DISPLAY");
+            unsetenv("WAYLAND_DISPLAY");
+            for (const std::string& e : env) putenv(strdup(e.c_str()));
+            int out = open((dir / "studio_output.txt").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
+            dup2(out, 1);
+            dup2(out, 2);
+            std::vector<char*> cargv;
+            for (std::string& a : argv) cargv.push_back(a.data());
+            cargv.push_back(nullptr);
+            execv(cargv[0], cargv.data());
+            _exit(127);
+        }
+        int status = 0;
+        auto end = std::chrono::steady_clock::now() + std::chrono::seconds(kTimeoutSeconds);
+        while (waitpid(pid, &status, WNOHANG) == 0) {
+            if (std::chrono::steady_clock::now() > end) {
+                kill(pid, SIGKILL);
+                waitpid(pid, &status, 0);
+                ADD_FAILURE() << "the studio did not quit\n" << output();
+                return -1;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+        return WEXITSTATUS(status);
+    }
+    std::string output() const { return read_file(dir / "studio_output.txt"); }
+    std::string shot(const char* name) const { return (shots / name).string(); }
+
+    // A copy of the demo song in the test's folder.
+    fs::path demo_song(const char* name = "song.zelfon") {
+        zelfon_song song;
+        EXPECT_EQ(zelfon_song_init(0, 44100, &song), 0);
+        EXPECT_EQ(zelfon_make_demo_song(&song), 0);
+        fs::path p = dir / name;
+        EXPECT_EQ(zelfon_save_song(p.c_str(), ZELFON_VERSION_MAJOR, ZELFON_VERSION_MINOR, &song), 0);
+        zelfon_song_close(&song);
+        return p;
+    }
+
+    // Loads a song the studio saved (the caller closes it).
+    void load(const fs::path& p, zelfon_song* song) {
+        ASSERT_EQ(zelfon_song_init(0, 44100, song), 0);
+        ASSERT_EQ(zelfon_load_song(p.c_str(), song), 0) << p;
+    }
+
+    fs::path dir, shots;
+};
+
+TEST_F(StudioTest, OpensASongPlaysAndStopsOnJack) {
+    JackTestServer server;
+    ASSERT_TRUE(server.start());
+    fs::path song = demo_song();
+    std::string script =
+        "wait 5\n"
+        "expect playing 0\n"
+        "click_id transport.play\n"
+        "sleep_ms 700\n"
+        "wait 3\n"
+        "expect playing 1\n"
+        "expect line_at_least 2\n"
+        "screenshot " + shot("playing.png") + "\n"
+        "click_id transport.stop\n"
+        "wait 3\n"
+        "expect playing 0\n"
+        "quit\n";
+    EXPECT_EQ(run_studio(script, {song.string()}, {"JACK_DEFAULT_SERVER=" + server.name()}), 0) << output();
+    EXPECT_NE(output().find("Sound: JACK"), std::string::npos) << output();
+}
+
+TEST_F(StudioTest, SongPropertiesChangeTheTempoThatIsSaved) {
+    fs::path song = demo_song();
+    std::string script =
+        "action song_properties\n"
+        "wait 2\n"
+        "doubleclick_id songprops.bpm\n"
+        "key ctrl+A\n"
+        "text 140\n"
+        "key Return\n"
+        "expect bpm 140\n"
+        "expect dirty 1\n"
+        "screenshot " + shot("song_properties.png") + "\n"
+        "key ctrl+S\n"
+        "expect dirty 0\n"
+        "quit\n";
+    ASSERT_EQ(run_studio(script, {song.string()}), 0) << output();
+    zelfon_song loaded;
+    load(song, &loaded);
+    EXPECT_EQ(loaded.bpm, 140);
+    EXPECT_EQ(loaded.speed, 6);
+    zelfon_song_close(&loaded);
+}
+
+TEST_F(StudioTest, PreferencesWriteTheBufferIntoTheProfileKeepingItsComments) {
+    const std::string profile = "// my studio\nbuffer 1024 // small is good\n\nwindowname \"My Zelfon\"\n";
+    write_file(dir / "zelfon_config.txt", profile);
+    std::string script =
+        "action preferences\n"
+        "wait 2\n"
+        "click_id prefs.buffer\n"
+        "click_id prefs.buffer.256\n"
+        "screenshot " + shot("preferences.png") + "\n"
+        "click_id prefs.ok\n"
+        "quit\n";
+    ASSERT_EQ(run_studio(script), 0) << output();
+    std::string saved = read_file(dir / "zelfon_config.txt");
+    // Only the changed key's line is rewritten; nothing else is added.
+    EXPECT_EQ(saved, "// my studio\nbuffer 256 // small is good\n\nwindowname \"My Zelfon\"\n");
+}
+
+TEST_F(StudioTest, AnUnknownFileTakesTheRawPathThroughTheEngineMessages) {
+    std::string noise(4000, '\0');
+    for (size_t i = 0; i < noise.size(); i++) noise[i] = (char)(i * 37 + 11);
+    write_file(dir / "noise.bin", noise);
+    std::string script =
+        "drop " + (dir / "noise.bin").string() + "\n"
+        "expect message File format not recognized\n"
+        "screenshot " + shot("message_box.png") + "\n"
+        "click_id msgbox.button.0\n"   // Load RAW
+        "expect message Select data format\n"
+        "click_id msgbox.button.1\n"   // 16bit
+        "expect message Select number of channels\n"
+        "click_id msgbox.button.1\n"   // Mono
+        "expect no_message\n"
+        "save_song " + (dir / "out.zelfon").string() + "\n"
+        "quit\n"
+        "click_id msgbox.button.1\n";  // Don't save
+    ASSERT_EQ(run_studio(script), 0) << output();
+    zelfon_song song;
+    load(dir / "out.zelfon", &song);
+    psynth_net* net = song.net;
+    int sampler = -1;
+    for (int m = 0; m < net->slots; m++) {
+        if ((net->modules[m].flags & PSYNTH_FLAG_EXISTS) && net->modules[m].handler == psynth_sampler) sampler = m;
+    }
+    ASSERT_GE(sampler, 0);
+    int bytes = 0;
+    ASSERT_EQ(psynth_get_chunk_info(sampler, psynth_sampler_data_chunk(0), &bytes, nullptr, nullptr, net), 0);
+    EXPECT_EQ(bytes, 4000);  // 2000 mono 16-bit frames: the file's bytes as they are
+    EXPECT_EQ(memcmp(psynth_get_chunk(sampler, psynth_sampler_data_chunk(0), net), noise.data(), 4000), 0);
+    zelfon_song_close(&song);
+}
+
+TEST_F(StudioTest, AfterACrashTheBackupIsOfferedAndRestored) {
+    fs::path song = demo_song();
+    write_file(dir / "zelfon_config.txt", "backupinterval 1\n");
+    std::string crash =
+        "action song_properties\n"
+        "doubleclick_id songprops.bpm\n"
+        "key ctrl+A\n"
+        "text 150\n"
+        "key Return\n"
+        "sleep_ms 1100\n"
+        "wait 3\n"
+        "crash\n";
+    EXPECT_EQ(run_studio(crash, {song.string()}), 128 + SIGKILL);
+    ASSERT_TRUE(fs::exists(dir / "BACKUP.zelfon")) << output();
+    std::string restore =
+        "expect message Zelfon did not close properly\n"
+        "screenshot " + shot("restore_offer.png") + "\n"
+        "click_id msgbox.button.0\n"
+        "expect bpm 150\n"
+        "expect dirty 1\n"
+        "save_song " + (dir / "restored.zelfon").string() + "\n"
+        "quit\n"
+        "click_id msgbox.button.1\n";
+    ASSERT_EQ(run_studio(restore), 0) << output();
+    zelfon_song restored;
+    load(dir / "restored.zelfon", &restored);
+    EXPECT_EQ(restored.bpm, 150);
+    zelfon_song_close(&restored);
+    // A clean exit: the next start offers nothing.
+    EXPECT_EQ(run_studio("wait 3\nexpect no_message\nquit\n"), 0) << output();
+}
+
+TEST_F(StudioTest, TheExportDialogWritesTheSameWavAsTheEngine) {
+    fs::path song = demo_song();
+    std::string script =
+        "action export\n"
+        "wait 2\n"
+        "doubleclick_id export.path\n"
+        "key ctrl+A\n"
+        "text " + (dir / "gui.wav").string() + "\n"
+        "click_id export.start\n"
+        "wait 3\n"
+        "screenshot " + shot("export_done.png") + "\n"
+        "quit\n";
+    ASSERT_EQ(run_studio(script, {song.string()}), 0) << output();
+    zelfon_song direct;
+    load(song, &direct);
+    ASSERT_EQ(zelfon_export_to_wav((dir / "direct.wav").c_str(), ZELFON_EXPORT_INT16, ZELFON_EXPORT_ONE_FILE, nullptr,
+                                   nullptr, &direct), 0);
+    zelfon_song_close(&direct);
+    std::string gui = read_file(dir / "gui.wav");
+    ASSERT_GT(gui.size(), 44u * 1000);
+    EXPECT_TRUE(gui == read_file(dir / "direct.wav"));
+    EXPECT_TRUE(fs::exists(dir / "BACKUP.zelfon"));  // written before the export
+}
+
+TEST_F(StudioTest, QuittingWithUnsavedChangesAsksAndCancelKeepsTheStudioOpen) {
+    fs::path song = demo_song();
+    std::string before = read_file(song);
+    std::string script =
+        "click_id transport.bpm\n"
+        "key ctrl+A\n"
+        "text 99\n"
+        "key Return\n"
+        "expect dirty 1\n"
+        "quit\n"
+        "expect message Save the changes to \"song.zelfon\"?\n"
+        "screenshot " + shot("quit_question.png") + "\n"
+        "click_id msgbox.button.2\n"  // Cancel
+        "wait 5\n"
+        "expect no_message\n"
+        "expect bpm 99\n"
+        "quit\n"
+        "click_id msgbox.button.1\n";  // Don't save
+    ASSERT_EQ(run_studio(script, {song.string()}), 0) << output();
+    EXPECT_TRUE(read_file(song) == before);
+}
+
+TEST_F(StudioTest, ASongThatFailsToLoadLeavesTheOpenSongAlone) {
+    fs::path song = demo_song();
+    std::string bytes = read_file(song);
+    write_file(dir / "cut.zelfon", bytes.substr(0, bytes.size() / 2));
+    write_file(dir / "sound.wav", "RIFF....WAVEfmt ");
+    std::string script =
+        "drop " + (dir / "cut.zelfon").string() + "\n"
+        "expect message Cannot load\n"
+        "screenshot " + shot("load_failed.png") + "\n"
+        "click_id msgbox.button.0\n"
+        "action open\n"
+        "wait 2\n"
+        "doubleclick_id filedlg.name\n"
+        "key ctrl+A\n"
+        "text sound.wav\n"
+        "key Return\n"
+        "expect message " + (dir / "sound.wav").string() + " is not a Zelfon song\n"
+        "click_id msgbox.button.0\n"
+        "save_song " + (dir / "after.zelfon").string() + "\n"
+        "quit\n";
+    ASSERT_EQ(run_studio(script, {song.string()}), 0) << output();
+    EXPECT_TRUE(read_file(dir / "after.zelfon") == bytes);
+}
+
+TEST_F(StudioTest, MissingFontsAndNoSoundDeviceStillGiveAWorkingStudio) {
+    write_file(dir / "zelfon_config.txt", "rotate 90\ntouchcontrol 1\nzoom 150\n");
+    std::string script =
+        "wait 3\n"
+        "screenshot " + shot("fallback_font_rotated.png") + "\n"
+        "click_id menu.song\n"
+        "click_id menu.song.song_properties\n"
+        "wait 2\n"
+        "click_id songprops.close\n"
+        "quit\n";
+    ASSERT_EQ(run_studio(script, {}, {"ZELFON_FONT_DIR=/nonexistent"}), 0) << output();
+    EXPECT_NE(output().find("DejaVu fonts not found"), std::string::npos);
+    EXPECT_NE(output().find("Zelfon runs silent"), std::string::npos);
+}
+
+}  // namespace
