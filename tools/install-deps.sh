@@ -2,10 +2,12 @@
 # Installs what Zelfon needs to build and test on Debian 12 (run as root).
 set -e
 # Build tools and test libraries; the sound, MIDI, Ogg Vorbis and JPEG libraries; the JACK
-# server the sound tests start, and the independent tools that write the test sample files.
+# server the sound tests start, and the independent tools that write the test sample files;
+# the studio's window libraries and fonts, and the X server and tools of its smoke tests.
 PACKAGES="g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-dev python3 python3-mido
   librtaudio-dev librtmidi-dev libjack-jackd2-dev libvorbisidec-dev libjpeg62-turbo-dev
-  jackd2 sox libjpeg-turbo-progs vorbis-tools"
+  jackd2 sox libjpeg-turbo-progs vorbis-tools
+  libsdl2-dev libimgui-dev libstb-dev fonts-dejavu-core xvfb xauth xdotool x11-xkb-utils imagemagick"
 missing=""
 for p in $PACKAGES; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
