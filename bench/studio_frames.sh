@@ -1,0 +1,35 @@
+#!/bin/sh
+# Frame time of the studio's desktop with the demo song playing, software renderer,
+# 1280 × 800, on SDL's offscreen driver (a JACK dummy server of its own gives the sound
+# thread its real load); then the CPU an idle studio takes under Xvfb over 20 seconds.
+# Usage: bench/studio_frames.sh [BUILD_DIR]
+set -eu
+build=$(realpath "${1:-build/release}")
+work=$(mktemp -d)
+trap 'kill $jack_pid $xvfb_pid 2>/dev/null; rm -rf "$work"' EXIT
+export JACK_DEFAULT_SERVER=zelfon_bench JACK_NO_AUDIO_RESERVATION=1 XDG_CONFIG_HOME=$work TMPDIR=$work
+jackd --no-realtime -n zelfon_bench -d dummy -r 44100 -p 256 >/dev/null 2>&1 &
+jack_pid=$!
+sleep 2
+printf 'window_width 1280\nwindow_height 800\n' > "$work/zelfon_config.txt"
+frames=600
+printf 'action play_stop\nwait 10\nwait %d\nquit\n' $frames > "$work/play.txt"
+printf 'wait 10\nwait %d\nquit\n' $frames > "$work/idle.txt"
+cd "$work"
+for kind in play idle; do
+    start=$(date +%s.%N)
+    SDL_VIDEODRIVER=offscreen "$build/zelfon" --script "$work/$kind.txt" >/dev/null 2>&1
+    end=$(date +%s.%N)
+    echo "$kind: $(echo "($end - $start) * 1000 / ($frames + 12)" | bc -l | cut -c1-5) ms per frame (start-up included)"
+done
+Xvfb :77 -screen 0 1280x800x24 -nolisten tcp >/dev/null 2>&1 &
+xvfb_pid=$!
+sleep 1
+DISPLAY=:77 "$build/zelfon" >/dev/null 2>&1 &
+studio=$!
+sleep 5
+t0=$(awk '{print $14 + $15}' /proc/$studio/stat)
+sleep 20
+t1=$(awk '{print $14 + $15}' /proc/$studio/stat)
+kill $studio
+echo "idle studio: $(echo "($t1 - $t0) / $(getconf CLK_TCK) / 20 * 100" | bc -l | cut -c1-4) % of a core"
