@@ -125,6 +125,9 @@ int gui_window_open(const gui_window_options* o, gui_window* w) {
     }
     if (!o->software) w->renderer = SDL_CreateRenderer(w->window, -1, SDL_RENDERER_ACCELERATED | SDL_RENDERER_PRESENTVSYNC);
     if (!w->renderer) {
+        // The software renderer draws into the window's own pixels; SDL would otherwise put
+        // an OpenGL texture behind them, which costs more than the drawing on GL in software.
+        SDL_SetHint(SDL_HINT_FRAMEBUFFER_ACCELERATION, "0");
         w->renderer = SDL_CreateRenderer(w->window, -1, SDL_RENDERER_SOFTWARE);
         w->software = 1;
     }
@@ -229,12 +232,12 @@ float gui_window_begin_frame(gui_window* w) {
 
 int gui_window_end_frame(gui_window* w, const char* screenshot_path) {
     ImGui::Render();
+    // No clear: the application's first window covers the whole frame every time.
     SDL_SetRenderTarget(w->renderer, w->rotate ? w->frame : nullptr);
-    SDL_SetRenderDrawColor(w->renderer, 0, 0, 0, 255);
-    SDL_RenderClear(w->renderer);
     ImGui_ImplSDLRenderer_RenderDrawData(ImGui::GetDrawData());
     if (w->rotate) {
         SDL_SetRenderTarget(w->renderer, nullptr);
+        SDL_SetRenderDrawColor(w->renderer, 0, 0, 0, 255);
         SDL_RenderClear(w->renderer);
         int ww, wh;
         SDL_GetWindowSize(w->window, &ww, &wh);

@@ -61,7 +61,8 @@ int gui_window_handle_event(gui_window* w, const SDL_Event* event);
 void gui_window_ui_to_window(const gui_window* w, float* x, float* y);
 // Starts an ImGui frame. Returns the seconds since the last frame.
 float gui_window_begin_frame(gui_window* w);
-// Renders the frame and presents it (turned when rotated). With a path, what the window
+// Renders the frame and presents it (turned when rotated). The frame is not cleared first:
+// the application draws a window over all of it. With a path, what the window
 // shows is also written there as a PNG through the file layer. Returns 0, non-zero when
 // the screenshot failed.
 int gui_window_end_frame(gui_window* w, const char* screenshot_path);
