@@ -36,7 +36,7 @@ constexpr int kSplitYDefault = 520;
 constexpr int kRedrawFramesAfterInput = 3;  // ImGui settles hover and popups over a few frames
 constexpr int kIdleWaitMs = 500;
 constexpr int kMidiPollMs = 5;              // with a MIDI keyboard open: how often it is read
-constexpr int kIdleRedrawMs = 1000;         // status figures refresh this often when idle
+constexpr int kIdleRedrawMs = 10000;        // an idle screen is drawn again at least this often
 constexpr int kStatusMs = 6000;
 constexpr int kScriptFrameMs = 16;
 constexpr int kScriptGraceFrames = 600;     // frames allowed after a script ends before giving up
@@ -210,8 +210,14 @@ void draw_and_count(studio* st) {
     if (st->redraw_frames > 0) st->redraw_frames--;
 }
 
+// What an idle screen shows that can change without input: a redraw is due when it moves.
+uint32_t idle_signature(const studio* st) {
+    uint32_t status_shown = st->status[0] && !SDL_TICKS_PASSED(SDL_GetTicks(), st->status_until_ms);
+    return sound_stream_underruns() * 2654435761u ^ (uint32_t)sound_stream_running() << 1 ^ status_shown;
+}
+
 void run_loop(studio* st) {
-    uint32_t last_draw = 0;
+    uint32_t last_draw = 0, drawn_signature = 0;
     const int frame_ms = 1000 / gui_window_refresh_rate(&st->win);
     while (!st->quit) {
         script_step(st);
@@ -224,9 +230,12 @@ void run_loop(studio* st) {
         studio_files_tick(st);
         studio_export_run(st);
         uint32_t now = SDL_GetTicks();
-        if (!input && !busy(st) && now - last_draw < (uint32_t)kIdleRedrawMs) continue;
+        uint32_t signature = idle_signature(st);
+        bool stale = signature != drawn_signature || now - last_draw >= (uint32_t)kIdleRedrawMs;
+        if (!input && !busy(st) && !stale) continue;
         draw_and_count(st);
         last_draw = now;
+        drawn_signature = signature;
         if (st->scripted || !st->win.software) continue;  // scripts run flat out; vsync paces the others
         // The software renderer has no vsync: hold the display's rate.
         uint32_t spent = SDL_GetTicks() - now;

@@ -28,8 +28,13 @@ sleep 1
 DISPLAY=:77 "$build/zelfon" >/dev/null 2>&1 &
 studio=$!
 sleep 5
-t0=$(awk '{print $14 + $15}' /proc/$studio/stat)
+# CPU ticks per thread: the main (GUI) thread is the process's own id.
+ticks() { for t in /proc/$studio/task/*; do echo "$(basename $t) $(cat $t/comm) $(awk '{print $14 + $15}' $t/stat)"; done; }
+ticks | sort > "$work/t0.txt"
 sleep 20
-t1=$(awk '{print $14 + $15}' /proc/$studio/stat)
+ticks | sort > "$work/t1.txt"
 kill $studio
-echo "idle studio: $(echo "($t1 - $t0) / $(getconf CLK_TCK) / 20 * 100" | bc -l | cut -c1-4) % of a core"
+join "$work/t0.txt" "$work/t1.txt" | awk -v main=$studio -v hz=$(getconf CLK_TCK) '
+    { d = $5 - $3; all += d; if ($1 == main) gui = d; else if ($2 ~ /llvmpipe/) gl += d; else other += d }
+    END { printf "idle studio, %% of a core: all %.2f, GUI thread %.2f, software GL %.2f, sound and other threads %.2f\n",
+          all / hz / 20 * 100, gui / hz / 20 * 100, gl / hz / 20 * 100, other / hz / 20 * 100 }'
