@@ -243,7 +243,8 @@ int studio_files_load(studio* st, const char* path) {
     if (!realpath(path, real)) snprintf(real, sizeof real, "%s", path);
     studio_files_replace_song(st, song, real);
     if (strcmp(path, ZELFON_BACKUP_FILE)) add_recent(st, real);
-    studio_status(st, "Opened %s", base_name(real));
+    if (st->backup_failed) studio_status(st, "Opened %s. The backup %s could not be written", base_name(real), ZELFON_BACKUP_FILE);
+    else studio_status(st, "Opened %s", base_name(real));
     return 0;
 }
 

@@ -65,7 +65,9 @@ void save_window_places() {
 // ---- Script commands of the studio (beyond the toolkit's input commands) ----
 
 // "expect WHAT VALUE": playing 0|1, line_at_least N, dirty 0|1, message TEXT (the box on
-// screen starts with TEXT), no_message, modules N, bpm N. Returns 0 when it holds.
+// screen starts with TEXT), no_message, status TEXT (the status line starts with TEXT),
+// export TEXT (the export dialog's result starts with TEXT), modules N, bpm N. Returns 0
+// when it holds.
 int expect(studio* st, const char* what) {
     char name[32] = {}, value[512] = {};
     sscanf(what, "%31s %511[^\n]", name, value);
@@ -76,6 +78,8 @@ int expect(studio* st, const char* what) {
     else if (!strcmp(name, "dirty")) holds = (st->changes != st->saved_changes) == (n != 0);
     else if (!strcmp(name, "message")) holds = st->boxes.count && !strncmp(st->boxes.queue[0].text, value, strlen(value));
     else if (!strcmp(name, "no_message")) holds = st->boxes.count == 0;
+    else if (!strcmp(name, "status")) holds = !strncmp(st->status, value, strlen(value));
+    else if (!strcmp(name, "export")) holds = !strncmp(st->export_dialog.result, value, strlen(value));
     else if (!strcmp(name, "bpm")) holds = st->song->bpm == n;
     else if (!strcmp(name, "modules")) {
         int count = 0;

@@ -69,16 +69,19 @@ protected:
         if (!HasFailure()) fs::remove_all(dir);
     }
 
-    // Runs the studio with `script` (and `args`) in the test's folder. Returns its exit code.
-    int run_studio(const std::string& script, std::vector<std::string> args = {}, std::vector<std::string> env = {}) {
-        write_file(dir / "script.txt", script);
-        std::vector<std::string> argv = {ZELFON_BINARY, "--script", (dir / "script.txt").string()};
-        argv.insert(argv.end(), args.begin(), args.end());
+    // Runs the program with `args` in the test's folder (settings and temporary files
+    // there too), with `env` added. Returns its exit code (128 + signal when killed).
+    int run_program(std::vector<std::string> args, const std::vector<std::string>& env, bool offscreen) {
+        args.insert(args.begin(), ZELFON_BINARY);
         pid_t pid = fork();
         if (pid == 0) {
             if (chdir(dir.c_str()) != 0) _exit(126);
-            setenv("SDL_VIDEODRIVER", "offscreen", 1);
-            setenv("SDL_RENDER_DRIVER", "software", 1);
+            if (offscreen) {
+                setenv("SDL_VIDEODRIVER", "offscreen", 1);
+                setenv("SDL_RENDER_DRIVER", "software", 1);
+            } else {
+                unsetenv("SDL_VIDEODRIVER");
+            }
             setenv("XDG_CONFIG_HOME", (dir / "cfg").c_str(), 1);
             setenv("TMPDIR", (dir / "tmp").c_str(), 1);
             setenv("HOME", dir.c_str(), 1);
@@ -92,10 +95,10 @@ protected:
             int out = open((dir / "studio_output.txt").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
             dup2(out, 1);
             dup2(out, 2);
-            std::vector<char*> cargv;
-            for (std::string& a : argv) cargv.push_back(a.data());
-            cargv.push_back(nullptr);
-            execv(cargv[0], cargv.data());
+            std::vector<char*> argv;
+            for (std::string& a : args) argv.push_back(a.data());
+            argv.push_back(nullptr);
+            execv(argv[0], argv.data());
             _exit(127);
         }
         int status = 0;
@@ -104,13 +107,18 @@ protected:
             if (std::chrono::steady_clock::now() > end) {
                 kill(pid, SIGKILL);
                 waitpid(pid, &status, 0);
-                ADD_FAILURE() << "the studio did not quit\n" << output();
+                ADD_FAILURE() << "the program did not end\n" << output();
                 return -1;
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
-        if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
-        return WEXITSTATUS(status);
+        return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+    }
+    // Runs the studio on SDL's offscreen driver with `script` (and `args`).
+    int run_studio(const std::string& script, std::vector<std::string> args = {}, std::vector<std::string> env = {}) {
+        write_file(dir / "script.txt", script);
+        args.insert(args.begin(), {"--script", (dir / "script.txt").string()});
+        return run_program(args, env, true);
     }
     std::string output() const { return read_file(dir / "studio_output.txt"); }
     std::string shot(const char* name) const { return (shots / name).string(); }
@@ -346,4 +354,68 @@ TEST_F(StudioTest, MissingFontsAndNoSoundDeviceStillGiveAWorkingStudio) {
     EXPECT_NE(output().find("Zelfon runs silent"), std::string::npos);
 }
 
+TEST_F(StudioTest, AnExportCanBeCancelledWhileTheWindowKeepsDrawing) {
+    fs::path song = demo_song();
+    std::string script =
+        "action export\n"
+        "doubleclick_id export.path\n"
+        "key ctrl+A\n"
+        "text " + (dir / "cut.wav").string() + "\n"
+        "click_id export.start\n"
+        "screenshot " + shot("export_running.png") + "\n"
+        "click_id export.cancel\n"
+        "expect export Export cancelled\n"
+        "quit\n";
+    ASSERT_EQ(run_studio(script, {song.string()}), 0) << output();
+    std::string wav = read_file(dir / "cut.wav");
+    ASSERT_GE(wav.size(), 44u);
+    EXPECT_EQ(wav.substr(0, 4), "RIFF");
+    zelfon_song direct;
+    load(song, &direct);
+    int64_t whole = zelfon_get_song_length_frames(44100, &direct) * 4 + 44;
+    zelfon_song_close(&direct);
+    EXPECT_LT((int64_t)wav.size(), whole);  // what was rendered before Cancel, a complete file
+}
+
+TEST_F(StudioTest, UnwritableBackupAndSettingsAreSaidAndTheStudioKeepsRunning) {
+    fs::path song = demo_song();
+    write_file(dir / "zelfon_config.txt", "buffer 512\n");
+    fs::create_directories(dir / "BACKUP.zelfon");         // no file can be written there
+    fs::create_directories(dir / "zelfon_config.txt.tmp");  // nor the settings' new copy
+    std::string script =
+        "drop " + song.string() + "\n"
+        "expect status Opened song.zelfon. The backup 1:/BACKUP.zelfon could not be written\n"
+        "action preferences\n"
+        "click_id prefs.buffer\n"
+        "click_id prefs.buffer.2048\n"
+        "click_id prefs.ok\n"
+        "expect message The preferences could not be saved\n"
+        "screenshot " + shot("settings_unwritable.png") + "\n"
+        "click_id msgbox.button.0\n"
+        "expect no_message\n"
+        "quit\n";
+    ASSERT_EQ(run_studio(script), 0) << output();
+    EXPECT_EQ(read_file(dir / "zelfon_config.txt"), "buffer 512\n");
+}
+
+TEST_F(StudioTest, FloatingWindowsInTheLightTheme) {
+    write_file(dir / "zelfon_config.txt", "theme light\n");
+    std::string script =
+        "action cpu_monitor\n"
+        "action log\n"
+        "action about\n"
+        "wait 3\n"
+        "screenshot " + shot("light_windows.png") + "\n"
+        "click_id about.close\n"
+        "quit\n";
+    EXPECT_EQ(run_studio(script), 0) << output();
+}
+
+TEST_F(StudioTest, WithoutADisplayTheStudioSaysSoAndTheHeadlessJobsStay) {
+    // No video driver can open: no SDL_VIDEODRIVER, no DISPLAY.
+    EXPECT_EQ(run_program({"song.zelfon"}, {}, false), 1);
+    EXPECT_NE(output().find("no display"), std::string::npos) << output();
+    EXPECT_EQ(run_program({"demo", "demo.zelfon"}, {}, false), 0) << output();
+    EXPECT_EQ(read_file(dir / "demo.zelfon").substr(0, 4), "ZFON");
+}
 }  // namespace
