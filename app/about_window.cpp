@@ -10,6 +10,7 @@
 void studio_about_draw(studio* st) {
     if (!st->show_about) return;
     bool open = true;
+    studio_place_window(0.30f, 0.35f);
     if (ImGui::Begin("About Zelfon", &open, ImGuiWindowFlags_AlwaysAutoResize)) {
         ImGui::TextUnformatted("Zelfon 1.6.4 - a modular music studio");
         ImGui::TextDisabled("A tracker joined with a sound net, rendered in 16-bit fixed point.");

@@ -11,6 +11,7 @@ void studio_cpu_monitor_draw(studio* st) {
     if (!st->show_cpu_monitor) return;
     bool open = true;
     ImGui::SetNextWindowSize(ImVec2(ImGui::GetFontSize() * 26, ImGui::GetFontSize() * 22), ImGuiCond_FirstUseEver);
+    studio_place_window(0.55f, 0.15f);
     if (ImGui::Begin("CPU monitor", &open)) {
         char overlay[32];
         snprintf(overlay, sizeof overlay, "%d%% now", st->cpu_load);

@@ -108,6 +108,11 @@ void draw_status_line(studio* st) {
 
 }  // namespace
 
+void studio_place_window(float x, float y) {
+    ImVec2 size = ImGui::GetIO().DisplaySize;
+    ImGui::SetNextWindowPos(ImVec2(size.x * x, size.y * y), ImGuiCond_FirstUseEver);
+}
+
 void studio_desktop_draw(studio* st) {
     ImGuiIO& io = ImGui::GetIO();
     ImGui::SetNextWindowPos(ImVec2(0, 0));

@@ -139,6 +139,7 @@ void studio_export_draw(studio* st) {
     if (!d->open) return;
     bool open = true;
     ImGui::SetNextWindowSize(ImVec2(ImGui::GetFontSize() * 30, 0), ImGuiCond_FirstUseEver);
+    studio_place_window(0.20f, 0.20f);
     if (ImGui::Begin("Export", d->running ? nullptr : &open, ImGuiWindowFlags_AlwaysAutoResize)) {
         if (d->running) ImGui::BeginDisabled();
         ImGui::RadioButton("WAV", &d->midi, 0);

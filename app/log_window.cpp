@@ -45,6 +45,7 @@ void studio_log_draw(studio* st) {
     if (!st->show_log) return;
     bool open = true;
     ImGui::SetNextWindowSize(ImVec2(ImGui::GetFontSize() * 36, ImGui::GetFontSize() * 20), ImGuiCond_FirstUseEver);
+    studio_place_window(0.05f, 0.50f);
     if (ImGui::Begin("Log", &open)) {
         studio_log* log = &st->log;
         ImGui::BeginChild("##lines", ImVec2(0, 0), false, ImGuiWindowFlags_HorizontalScrollbar);

@@ -313,6 +313,7 @@ void studio_preferences_draw(studio* st) {
     if (!p->open) return;
     bool open = true;
     ImGui::SetNextWindowSize(ImVec2(ImGui::GetFontSize() * 30, ImGui::GetFontSize() * 26), ImGuiCond_FirstUseEver);
+    studio_place_window(0.15f, 0.10f);
     if (ImGui::Begin("Preferences", &open)) {
         if (ImGui::BeginTabBar("##prefs")) {
             const struct {

@@ -24,6 +24,7 @@ void studio_song_properties_draw(studio* st) {
     if (!st->show_song_properties) return;
     bool open = true;
     ImGui::SetNextWindowSize(ImVec2(ImGui::GetFontSize() * 22, 0), ImGuiCond_FirstUseEver);
+    studio_place_window(0.08f, 0.12f);
     if (!ImGui::Begin("Song properties", &open, ImGuiWindowFlags_AlwaysAutoResize)) {
         ImGui::End();
         st->show_song_properties = open;

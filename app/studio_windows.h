@@ -11,6 +11,9 @@ void studio_frame_during_work(studio* st);
 
 // ---- desktop.cpp: menu bar, transport, panes and status line ----
 void studio_desktop_draw(studio* st);
+// Where a floating window first appears, as a share of the frame (later it stays where the
+// musician put it). Before its ImGui::Begin.
+void studio_place_window(float x, float y);
 
 // ---- transport.cpp ----
 void studio_transport_draw(studio* st);
