@@ -15,7 +15,7 @@ namespace {
 void set_octave(studio* st, int octave) { st->octave = octave < 0 ? 0 : octave > 9 ? 9 : octave; }
 void set_step(studio* st, int step) { st->edit_step = step < 0 ? 0 : step > 64 ? 64 : step; }
 
-const app_action kActions[APP_ACTIONS] = {
+const app_action kActions[] = {
     {"new", "New", "File", "Ctrl+N", studio_files_new},
     {"open", "Open...", "File", "Ctrl+O", studio_files_open},
     {"save", "Save", "File", "Ctrl+S", studio_files_save},
@@ -23,10 +23,29 @@ const app_action kActions[APP_ACTIONS] = {
     {"export", "Export...", "File", "Ctrl+E", studio_export_open},
     {"load_sample", "Load Sample as New Sampler...", "File", "", studio_load_sample},
     {"quit", "Quit", "File", "Ctrl+Q", studio_files_quit},
+    {"undo", "Undo", "Edit", "Ctrl+Z", [](studio* st) { studio_undo(st, 0); }},
+    {"redo", "Redo", "Edit", "Ctrl+Y,Ctrl+Shift+Z", [](studio* st) { studio_undo(st, 1); }},
+    {"cut", "Cut", "Edit", "Ctrl+X", [](studio* st) { studio_pattern_copy(st, 1); }},
+    {"copy", "Copy", "Edit", "Ctrl+C", [](studio* st) { studio_pattern_copy(st, 0); }},
+    {"paste", "Paste", "Edit", "Ctrl+V", [](studio* st) { studio_pattern_paste(st, 0); }},
+    {"paste_mix", "Paste Mix", "Edit", "Ctrl+Shift+V", [](studio* st) { studio_pattern_paste(st, 1); }},
+    {"select_all", "Select Track / Pattern", "Edit", "Ctrl+A", studio_pattern_select_all},
+    {"clear_field", "Clear Field", "Edit", "Delete", studio_delete_key},
+    {"clear_line", "Clear Cell", "Edit", "Shift+Delete", [](studio* st) { studio_pattern_clear(st, 1); }},
+    {"insert_line", "Insert Line", "Edit", "Insert", studio_insert_key},
+    {"delete_line", "Delete Line", "Edit", "Backspace", [](studio* st) { studio_pattern_insert_line(st, 0); }},
+    {"transpose_up", "Transpose Semitone Up", "Edit", "Ctrl+Up", [](studio* st) { studio_pattern_transpose(st, 1); }},
+    {"transpose_down", "Transpose Semitone Down", "Edit", "Ctrl+Down", [](studio* st) { studio_pattern_transpose(st, -1); }},
+    {"transpose_octave_up", "Transpose Octave Up", "Edit", "Ctrl+Shift+Up", [](studio* st) { studio_pattern_transpose(st, 12); }},
+    {"transpose_octave_down", "Transpose Octave Down", "Edit", "Ctrl+Shift+Down", [](studio* st) { studio_pattern_transpose(st, -12); }},
+    {"interpolate", "Interpolate", "Edit", "Ctrl+I", studio_pattern_interpolate},
+    {"clone_patterns", "Clone Selected Patterns", "Song", "Ctrl+D", studio_timeline_clone_selection},
+    {"timeline_fit", "Fit the Timeline", "View", "Ctrl+F", studio_timeline_fit},
     {"play_stop", "Play / Stop", "Song", "Space", studio_play_stop},
     {"play_from_cursor", "Play from Cursor Line", "Song", "Shift+Space", studio_play_from_cursor},
     {"play_pattern", "Play Pattern in a Loop", "Song", "Ctrl+Space", studio_play_pattern},
     {"stop", "Stop", "Song", "", studio_stop},
+    {"stop_at_end", "Stop at the Song's End", "Song", "", studio_toggle_stop_at_end},
     {"edit_mode", "Edit Mode", "Edit", "Escape", [](studio* st) { st->edit_mode = !st->edit_mode; }},
     {"follow", "Follow Playback", "View", "ScrollLock", [](studio* st) { st->follow = !st->follow; }},
     {"octave_down", "Octave Down", "Edit", "Keypad /", [](studio* st) { set_octave(st, st->octave - 1); }},
@@ -47,6 +66,8 @@ const app_action kActions[APP_ACTIONS] = {
     {"log", "Log", "View", "", [](studio* st) { st->show_log = !st->show_log; }},
     {"about", "About Zelfon", "Help", "", [](studio* st) { st->show_about = 1; }},
 };
+
+static_assert(sizeof kActions / sizeof *kActions == APP_ACTIONS, "one table row per action id, in order");
 
 const struct {
     const char* name;

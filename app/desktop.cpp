@@ -22,6 +22,7 @@ bool action_checked(const studio* st, int id) {
     case APP_FOLLOW: return st->follow;
     case APP_CPU_MONITOR: return st->show_cpu_monitor;
     case APP_LOG: return st->show_log;
+    case APP_STOP_AT_END: return st->stop_at_end;
     default: return false;
     }
 }
@@ -61,7 +62,7 @@ void draw_menu_bar(studio* st) {
         for (int a = 0; a < APP_ACTIONS; a++) {
             const app_action* action = app_action_get(a);
             if (!action->menu || strcmp(action->menu, menu)) continue;
-            if (a == APP_QUIT || a == APP_EXPORT || a == APP_PREFERENCES) ImGui::Separator();
+            if (a == APP_QUIT || a == APP_EXPORT || a == APP_PREFERENCES || a == APP_CUT || a == APP_TRANSPOSE_UP) ImGui::Separator();
             char keys[96];
             app_key_binding_format(&st->keys[a], keys, sizeof keys);
             if (ImGui::MenuItem(action->label, keys, action_checked(st, a))) app_action_run(st, a);
@@ -79,18 +80,6 @@ void draw_pane(const char* id, const char* title, float width, float height, voi
     ImGui::TextColored(ImGui::ColorConvertU32ToFloat4(gui_colour_u32(GUI_COLOUR_TEXT_DIM)), "%s", title);
     draw(st);
     ImGui::EndChild();
-}
-
-void draw_pattern_pane(studio* st) {
-    // The pattern editor arrives with its own editor; until then the current pattern's size.
-    zelfon_song* song = st->song;
-    int slot = st->current_pattern;
-    if (slot < 0 || slot >= song->pats_capacity || !song->pats[slot]) {
-        ImGui::TextDisabled("No pattern chosen: pick one in the timeline list.");
-        return;
-    }
-    const zelfon_pattern* p = song->pats[slot];
-    ImGui::Text("Pattern %d: %d lines x %d tracks, starts at line %d", slot, p->lines, p->channels, song->pats_info[slot].x);
 }
 
 void draw_status_line(studio* st) {
@@ -136,13 +125,13 @@ void studio_desktop_draw(studio* st) {
     left = left < min_pane ? min_pane : left > area.x - min_pane ? area.x - min_pane : left;
 
     ImGui::PushStyleVar(ImGuiStyleVar_ItemSpacing, ImVec2(0, 0));
-    draw_pane("##timeline", "Timeline", left, top, studio_pattern_list_draw, st);
+    draw_pane("##timeline", "Timeline", left, top, studio_timeline_draw, st);
     ImGui::SameLine();
     if (gui_splitter("split.vertical", 1, gap, top, &left, min_pane, area.x - min_pane)) st->split_x = left / area.x;
     ImGui::SameLine();
     draw_pane("##net", "Sound net", area.x - left - gap, top, studio_module_list_draw, st);
     if (gui_splitter("split.horizontal", 0, gap, area.x, &top, min_pane, area.y - min_pane)) st->split_y = top / area.y;
-    draw_pane("##pattern", "Pattern", area.x, area.y - top - gap, draw_pattern_pane, st);
+    draw_pane("##pattern", "Pattern", area.x, area.y - top - gap, studio_pattern_editor_draw, st);
     ImGui::PopStyleVar();
     draw_status_line(st);
     ImGui::End();

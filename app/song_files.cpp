@@ -199,6 +199,12 @@ void studio_files_replace_song(studio* st, zelfon_song* song, const char* path) 
     }
     st->song = song;
     psynth_set_cpu_measure(1, song->net);
+    song->midi_note_hook = studio_pattern_midi_note;
+    song->midi_note_hook_data = st;
+    zelfon_set_stop_at_end(st->stop_at_end, song);
+    st->timeline.selected_count = 0;
+    st->timeline.icon_editor_slot = -1;
+    st->pattern.solo_track = -1;
     if (st->sound_ok) zelfon_attach_sound(STUDIO_SOUND_SLOT, song);
     snprintf(st->song_path, sizeof st->song_path, "%s", path);
     st->changes++;

@@ -4,7 +4,7 @@
 #include <imgui.h>
 
 #include "app/studio_windows.h"
-#include "engine/memory.h"
+#include "song/edit.h"
 #include "gui/gui_fields.h"
 #include "gui/gui_items.h"
 
@@ -20,6 +20,12 @@ int labelled_field(const char* label, const char* id, int* value, int min, int m
 
 }  // namespace
 
+void studio_edit_song_properties(studio* st, const char* name, int bpm, int speed, int volume) {
+    int result = zelfon_edit_song_properties(name, bpm, speed, volume, st->song);
+    if (result == ZELFON_EDIT_OK) studio_song_changed(st);
+    else studio_status(st, "The song's settings could not be changed (out of memory)");
+}
+
 void studio_song_properties_draw(studio* st) {
     if (!st->show_song_properties) return;
     bool open = true;
@@ -33,30 +39,15 @@ void studio_song_properties_draw(studio* st) {
     zelfon_song* song = st->song;
     char name[256];
     snprintf(name, sizeof name, "%s", song->name ? song->name : "");
-    ImGui::SetNextItemWidth(ImGui::GetFontSize() * 16);
-    if (ImGui::InputText("Name", name, sizeof name)) {
-        char* copy = mem_strdup(name);
-        if (copy) {
-            mem_free(song->name);
-            song->name = copy;
-            studio_song_changed(st);
-        }
-    }
-    gui_item_name("songprops.name");
     int bpm = song->bpm, speed = song->speed, volume = song->net->global_volume;
+    ImGui::SetNextItemWidth(ImGui::GetFontSize() * 16);
+    bool changed = ImGui::InputText("Name", name, sizeof name);
+    gui_item_name("songprops.name");
     float width = ImGui::GetFontSize() * 8;
-    if (labelled_field("BPM", "songprops.bpm", &bpm, ZELFON_BPM_MIN, ZELFON_BPM_MAX, width)) {
-        song->bpm = (uint16_t)bpm;
-        studio_song_changed(st);
-    }
-    if (labelled_field("Speed (ticks per line)", "songprops.speed", &speed, 1, 31, width)) {
-        song->speed = (uint8_t)speed;
-        studio_song_changed(st);
-    }
-    if (labelled_field("Global volume", "songprops.volume", &volume, 0, 256, width)) {
-        song->net->global_volume = volume;
-        studio_song_changed(st);
-    }
+    changed |= labelled_field("BPM", "songprops.bpm", &bpm, ZELFON_BPM_MIN, ZELFON_BPM_MAX, width) != 0;
+    changed |= labelled_field("Speed (ticks per line)", "songprops.speed", &speed, 1, 31, width) != 0;
+    changed |= labelled_field("Global volume", "songprops.volume", &volume, 0, 512, width) != 0;
+    if (changed) studio_edit_song_properties(st, name, bpm, speed, volume);
     if (ImGui::Button("Close")) open = false;
     gui_item_name("songprops.close");
     ImGui::End();

@@ -22,6 +22,7 @@
 #include "song/demo.h"
 #include "song/devices.h"
 #include "song/playback.h"
+#include "song/edit.h"
 #include "song/song_file.h"
 
 namespace {
@@ -130,6 +131,11 @@ void handle_event(studio* st, SDL_Event* e) {
         handle_drop(st, e->drop.file);
         SDL_free(e->drop.file);
         break;
+    case SDL_MOUSEBUTTONDOWN:
+        // A press starts a new gesture: the edits it makes undo as one step.
+        zelfon_edit_begin(st->song);
+        gui_window_handle_event(&st->win, e);
+        break;
     default:
         gui_window_handle_event(&st->win, e);
         break;
@@ -173,6 +179,7 @@ void draw_frame(studio* st) {
     studio_cpu_monitor_draw(st);
     studio_log_draw(st);
     studio_about_draw(st);
+    studio_icon_editor_draw(st);
     dispatch_file_dialog(st);
     gui_message_boxes_draw(&st->boxes);
     studio_files_update_title(st);
@@ -269,6 +276,9 @@ void read_layout(studio* st) {
     st->current_pattern = -1;
     st->selected_module = -1;
     st->prefs.capture_action = -1;
+    st->stop_at_end = profile_get_int_value("stopatend", 0, nullptr) > 0;
+    st->timeline.icon_editor_slot = -1;
+    st->pattern.solo_track = -1;
 }
 
 // Writes the layout and window size back when they changed (the profile keeps its comments).

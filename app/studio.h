@@ -58,6 +58,56 @@ struct studio_log {
     uint32_t shown;  // `added` when the window last scrolled
 };
 
+// Which pane takes the keys that depend on where the musician works (Delete, Insert, arrows).
+enum studio_focus : int { STUDIO_FOCUS_PATTERN, STUDIO_FOCUS_TIMELINE, STUDIO_FOCUS_NET };
+
+constexpr int STUDIO_HELD_NOTES = 8;  // computer keys sounding at once through the live ring
+
+// The pattern editor's state. The cursor's line is the studio's cursor_line; its pattern
+// the studio's current_pattern.
+struct studio_pattern_editor {
+    int track;
+    int field;  // 0 note, 1 velocity, 2 module, 3 controller and effect, 4 value
+    int has_selection;
+    int anchor_track, anchor_line;  // the selection runs from here to the cursor
+    int select_all;                 // Ctrl+A presses in a row: 1 track, 2 pattern
+    int mouse_selecting;
+    int velocity;                   // written with typed notes (a cell's velocity byte, 0 = none)
+    int solo_track;                 // −1 none
+    int scroll_to_cursor;
+    int held_scancode[STUDIO_HELD_NOTES];  // computer keys holding a live note (0 = free)
+    int held_track[STUDIO_HELD_NOTES];     // their live track
+    int recording_line;             // the last line a MIDI note was recorded at while playing
+};
+
+constexpr int STUDIO_TIMELINE_SELECTION = 256;  // patterns selected at once at most
+
+enum studio_timeline_drag : int {
+    STUDIO_DRAG_NONE,
+    STUDIO_DRAG_MOVE,
+    STUDIO_DRAG_CLONE,   // Ctrl held at the press: the drop makes clones
+    STUDIO_DRAG_RESIZE,  // the right edge: the pattern's lines
+    STUDIO_DRAG_BAND,    // rubber band
+    STUDIO_DRAG_PAN,     // middle button
+};
+
+struct studio_timeline {
+    float view_line;       // line at the left edge
+    float view_row;        // row at the top edge
+    float zoom;            // pixels per line
+    int selected[STUDIO_TIMELINE_SELECTION];
+    int selected_count;
+    int drag;
+    float press_x, press_y;  // where the drag began (pixels in the canvas)
+    int drag_lines, drag_rows;  // how far the drag has moved the patterns
+    int cursor_line, cursor_row;  // where Insert makes a pattern
+    int menu_slot;           // the pattern of the open context menu
+    int icon_editor_slot;    // −1 while the icon editor is closed
+    uint16_t icon[ZELFON_ICON_SIZE];  // the icon being edited
+    void* atlas_texture;     // the song's icon atlas on the renderer
+    int atlas_height;
+};
+
 struct studio_export_dialog {
     int open;
     int format;     // ZELFON_EXPORT_INT16 / FLOAT32
@@ -118,6 +168,10 @@ struct studio {
     int octave;
     int edit_step;
     int follow;
+    int focus;
+    studio_pattern_editor pattern;
+    studio_timeline timeline;
+    int stop_at_end;
 
     // Desktop.
     float split_x, split_y;  // per mille of the window: timeline width, upper panes' height

@@ -21,13 +21,43 @@ void studio_play_song(studio* st);
 void studio_play_from_cursor(studio* st);
 void studio_play_pattern(studio* st);
 void studio_stop(studio* st);
+// The "stop at the song's end" preference ("stopatend" in the profile).
+void studio_toggle_stop_at_end(studio* st);
 void studio_play_stop(studio* st);
 // Reads the stream's scope into the meters and refreshes the CPU figures. Once a frame.
 void studio_transport_update(studio* st, float seconds);
 
-// ---- pattern_list.cpp and module_list.cpp: the timeline's and the net's panes ----
-void studio_pattern_list_draw(studio* st);
+// ---- timeline.cpp ----
+void studio_timeline_draw(studio* st);
+// Delete and Insert act where the musician works: on the timeline's patterns or in the pattern.
+void studio_delete_key(studio* st);
+void studio_insert_key(studio* st);
+// Ctrl+D on the timeline: clones of the selected patterns after them.
+void studio_timeline_clone_selection(studio* st);
+// Shows every pattern of the song.
+void studio_timeline_fit(studio* st);
+// The icon editor's window (opened from the timeline's menu).
+void studio_icon_editor_draw(studio* st);
+
+// ---- module_list.cpp: the net's pane ----
 void studio_module_list_draw(studio* st);
+
+// ---- pattern_editor.cpp ----
+void studio_pattern_editor_draw(studio* st);
+// Clears the selection (or the field under the cursor; `whole_cells`: all its fields).
+void studio_pattern_clear(studio* st, int whole_cells);
+// Inserts (1) or deletes (0) a line at the cursor in the selected tracks.
+void studio_pattern_insert_line(studio* st, int insert);
+void studio_pattern_copy(studio* st, int cut);
+void studio_pattern_paste(studio* st, int mix);
+void studio_pattern_transpose(studio* st, int semitones);
+void studio_pattern_interpolate(studio* st);
+// Ctrl+A: the cursor's track, pressed again the whole pattern.
+void studio_pattern_select_all(studio* st);
+// The MIDI keyboard's notes, recorded in edit mode (the song's note hook).
+void studio_pattern_midi_note(void* data, int key, int velocity, int on);
+// Undoes (0) or redoes (1) one step and puts the cursor where the edit was.
+void studio_undo(studio* st, int redo);
 
 // ---- song_files.cpp: new, open, save, recent files, backup and restore ----
 void studio_files_new(studio* st);
@@ -62,6 +92,8 @@ void studio_load_sample_path(studio* st, const char* path);
 
 // ---- song_properties.cpp, preferences.cpp, export_dialog.cpp, cpu_monitor.cpp, log_window.cpp ----
 void studio_song_properties_draw(studio* st);
+// Changes the song's name, tempo, speed and volume as one undoable edit.
+void studio_edit_song_properties(studio* st, const char* name, int bpm, int speed, int volume);
 void studio_preferences_open(studio* st);
 void studio_preferences_draw(studio* st);
 // Opens the sound stream from the profile and attaches the song. Returns 0 when sound runs.

@@ -8,6 +8,7 @@
 #include <imgui.h>
 
 #include "app/studio_windows.h"
+#include "engine/profile.h"
 #include "engine/sound.h"
 #include "gui/gui_fields.h"
 #include "gui/gui_fonts.h"
@@ -48,9 +49,15 @@ bool can_play(studio* st) {
 
 }  // namespace
 
+void studio_toggle_stop_at_end(studio* st) {
+    st->stop_at_end = !st->stop_at_end;
+    zelfon_set_stop_at_end(st->stop_at_end, st->song);
+    profile_set_str_value("stopatend", st->stop_at_end ? "1" : "0", nullptr);
+    if (profile_save(nullptr)) studio_status(st, "The preference could not be saved in the settings file");
+}
+
 void studio_play_song(studio* st) {
     if (!can_play(st)) return;
-    zelfon_set_stop_at_end(0, st->song);
     zelfon_play(0, st->song);
 }
 
@@ -149,23 +156,19 @@ void studio_transport_draw(studio* st) {
     ImGui::AlignTextToFramePadding();
     ImGui::TextUnformatted("BPM");
     ImGui::SameLine();
-    if (gui_int_field("transport.bpm", &bpm, ZELFON_BPM_MIN, ZELFON_BPM_MAX, em * 6)) {
-        song->bpm = (uint16_t)bpm;
-        studio_song_changed(st);
-    }
+    bool changed = gui_int_field("transport.bpm", &bpm, ZELFON_BPM_MIN, ZELFON_BPM_MAX, em * 6);
     ImGui::SameLine();
     ImGui::TextUnformatted("Speed");
     ImGui::SameLine();
-    if (gui_int_field("transport.speed", &speed, 1, 31, em * 5)) {
-        song->speed = (uint8_t)speed;
-        studio_song_changed(st);
-    }
+    changed |= gui_int_field("transport.speed", &speed, 1, 31, em * 5) != 0;
     ImGui::SameLine();
     ImGui::TextUnformatted("Vol");
     ImGui::SameLine();
-    if (gui_int_field("transport.volume", &volume, 0, 256, em * 5.5f)) {
-        song->net->global_volume = volume;
-        studio_song_changed(st);
+    changed |= gui_int_field("transport.volume", &volume, 0, 512, em * 5.5f) != 0;
+    if (changed) {
+        char name[256];  // a copy: the edit replaces the song's own
+        snprintf(name, sizeof name, "%s", song->name ? song->name : "");
+        studio_edit_song_properties(st, name, bpm, speed, volume);
     }
     ImGui::SameLine();
     ImGui::TextUnformatted("Oct");

@@ -38,8 +38,13 @@ void post_note(int midi_note, int velocity, bool on, tarvik_ticks t, zelfon_song
 void dispatch(uint8_t status, const uint8_t* data, tarvik_ticks t, zelfon_song* song) {
     if (status >= 0xF0 || (status & 0x0F) != ((song->midi_kbd_channel - 1) & 0x0F)) return;
     switch (status & 0xF0) {
-    case 0x90: post_note(data[0], data[1], data[1] != 0, t, song); break;  // velocity 0 = note-off
-    case 0x80: post_note(data[0], data[1], false, t, song); break;
+    case 0x90:
+    case 0x80: {
+        bool on = (status & 0xF0) == 0x90 && data[1] != 0;  // velocity 0 = note-off
+        post_note(data[0], data[1], on, t, song);
+        if (song->midi_note_hook) song->midi_note_hook(song->midi_note_hook_data, data[0], data[1], on);
+        break;
+    }
     default: break;
     }
 }

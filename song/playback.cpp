@@ -380,13 +380,17 @@ static void process_line(int offset, zelfon_song* song) {
     } else {
         update_playing_list(offset, song);
     }
+    uint32_t muted = song->muted_tracks.load(std::memory_order_relaxed);
     for (int i = 0; song->playing_pats[i] >= 0; i++) {
         int slot = song->playing_pats[i];
         const zelfon_pattern* pat = song->pats[slot];
         int row = song->line - song->pats_info[slot].x;
         for (int t = 0; t < pattern_tracks(pat); t++) {
+            const zelfon_cell& cell = pat->data[row * pat->data_xsize + t];
+            bool releases = cell.note == ZELFON_NOTE_OFF || cell.note == ZELFON_NOTE_ALL_OFF || cell.note == ZELFON_NOTE_CLEAN;
+            if ((muted >> t & 1) && !releases) continue;
             track_target target = pattern_target(slot, t, song);
-            process_cell(pat->data[row * pat->data_xsize + t], &target, offset, song);
+            process_cell(cell, &target, offset, song);
         }
     }
 }

@@ -178,6 +178,10 @@ struct zelfon_song {
     int midi_kbd_channel;  // 1-based
     int midi_kbd_port;     // "Keyboard" port of the net's MIDI client, −1 = closed
     zelfon_midi_parser midi_kbd_parser;
+    // Told of every note the MIDI keyboard plays, after it went to the live ring (the editor
+    // records them). Interface thread, from zelfon_poll_midi_keyboard. Null: nobody listens.
+    void (*midi_note_hook)(void* hook_data, int key, int velocity, int on);
+    void* midi_note_hook_data;
 
     // Transport (sound thread unless noted; the play functions write the start fields
     // before posting the play command).
@@ -212,6 +216,9 @@ struct zelfon_song {
     zelfon_live_cell_ring* live_ring;
     zelfon_midi_event_ring* midi_ring;
     int loaded;  // 1 once the song may be rendered
+    // Tracks the editor muted (bit t: track t of every pattern), a session setting that is
+    // not saved: their cells are skipped but for note-offs, so sounding notes still end.
+    std::atomic<uint32_t> muted_tracks;
 
     // Called after every net pass of zelfon_render, with the net's outputs of the piece
     // still in place (export appends them to its files). Null when nobody listens.
