@@ -101,6 +101,7 @@ int script_command(const char* line, void* data) {
         app_action_run(st, id);
         return 0;
     }
+    if (!strcmp(word, "set_clipboard")) return SDL_SetClipboardText(arg) != 0;
     if (!strcmp(word, "sleep_ms")) {
         SDL_Delay((uint32_t)atoi(arg));
         return 0;

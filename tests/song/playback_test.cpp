@@ -204,6 +204,24 @@ TEST_F(SongPlaybackTest, ATrackMovingToAnotherModuleReleasesTheFirst) {
     EXPECT_EQ(frames_of(events_of(second, PS_CMD_NOTE_OFF)), (std::vector<int64_t>{2 * kLine}));
 }
 
+TEST_F(SongPlaybackTest, AMutedTrackPlaysNoNotesButStillReleases) {
+    int slot = add_pattern(0, 4, 2);
+    cell(slot, 0, 0) = note_cell(49, mod + 1);
+    cell(slot, 1, 1) = note_cell(50, mod + 1);
+    cell(slot, 1, 2) = note_cell(51, mod + 1);
+    cell(slot, 0, 3) = note_cell(ZELFON_NOTE_OFF);
+    play();
+    render(kLine - 10);
+    song.muted_tracks.store(1u << 0 | 1u << 1);  // both muted after the first note
+    render(kLine);
+    song.muted_tracks.store(1u << 1);  // track 0 back: its note-off is heard, track 1 stays silent
+    render(2 * kLine);
+    std::vector<logged_event> on = events_of(mod, PS_CMD_NOTE_ON);
+    ASSERT_EQ(on.size(), 1u);
+    EXPECT_EQ(on[0].event.note, 48);
+    EXPECT_EQ(frames_of(events_of(mod, PS_CMD_NOTE_OFF)), (std::vector<int64_t>{3 * kLine}));
+}
+
 TEST_F(SongPlaybackTest, StopAtEndRunsOnSilently) {
     int slot = add_pattern(0, 2, 1);
     cell(slot, 0, 0) = note_cell(49, mod + 1);
