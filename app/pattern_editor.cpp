@@ -576,7 +576,7 @@ void studio_pattern_midi_note(void* data, int key, int velocity, int on) {
     zelfon_cell cell = *zelfon_get_cell(slot, st->pattern.track, line, st->song);
     cell.note = (uint8_t)note;
     if (on) {
-        cell.vel = (uint8_t)(velocity * 2 + 1 > 129 ? 129 : velocity * 2 + 1);
+        cell.vel = (uint8_t)(velocity + 1);  // MIDI 0..127 → velocity 0..254
         if (st->selected_module >= 0) cell.module = (uint16_t)(st->selected_module + 1);
     }
     zelfon_edit_begin(st->song);

@@ -67,8 +67,8 @@ void save_window_places() {
 
 // "expect WHAT VALUE": playing 0|1, line_at_least N, dirty 0|1, message TEXT (the box on
 // screen starts with TEXT), no_message, status TEXT (the status line starts with TEXT),
-// export TEXT (the export dialog's result starts with TEXT), modules N, bpm N. Returns 0
-// when it holds.
+// export TEXT (the export dialog's result starts with TEXT), modules N, bpm N, note TRACK
+// LINE NOTE (in the current pattern). Returns 0 when it holds.
 int expect(studio* st, const char* what) {
     char name[32] = {}, value[512] = {};
     sscanf(what, "%31s %511[^\n]", name, value);
@@ -82,6 +82,13 @@ int expect(studio* st, const char* what) {
     else if (!strcmp(name, "status")) holds = !strncmp(st->status, value, strlen(value));
     else if (!strcmp(name, "export")) holds = !strncmp(st->export_dialog.result, value, strlen(value));
     else if (!strcmp(name, "bpm")) holds = st->song->bpm == n;
+    else if (!strcmp(name, "note")) {
+        // "note TRACK LINE NOTE" in the current pattern.
+        int track = -1, line = -1, note = -1;
+        sscanf(value, "%d %d %d", &track, &line, &note);
+        const zelfon_cell* cell = zelfon_get_cell(st->current_pattern, track, line, st->song);
+        holds = cell && cell->note == note;
+    }
     else if (!strcmp(name, "modules")) {
         int count = 0;
         for (int m = 0; m < st->song->net->slots; m++) count += (st->song->net->modules[m].flags & PSYNTH_FLAG_EXISTS) != 0;

@@ -14,7 +14,7 @@
 namespace {
 
 constexpr int kSettleFrames = 1;
-constexpr int kItemWaitFrames = 60;  // how long click_id waits for its item to appear and settle
+constexpr uint32_t kWaitMs = 10000;  // how long a line waits for its item or its condition
 
 void push(SDL_Event* e) {
     e->common.timestamp = SDL_GetTicks();
@@ -72,6 +72,15 @@ int parse_key(const char* spec, int mods[3]) {
     }
     SDL_Scancode sc = SDL_GetScancodeFromName(name);
     return sc == SDL_SCANCODE_UNKNOWN ? 0 : (int)sc;
+}
+
+// Starts or checks the wait of a line that runs again until it holds.
+bool waited_too_long(gui_script* s) {
+    uint32_t now = SDL_GetTicks();
+    if (!s->wait_since_ms) s->wait_since_ms = now ? now : 1;
+    if (now - s->wait_since_ms <= kWaitMs) return false;
+    s->wait_since_ms = 0;
+    return true;
 }
 
 int fail(gui_script* s, const char* why, const char* line) {
@@ -184,10 +193,10 @@ int run_line(gui_script* s, char* line, const gui_window* w, gui_script_handler 
         float x, y;
         if (!id) return fail(s, "click_id needs ID", original), 0;
         if (!gui_item_find(id, &x, &y)) {
-            if (++s->item_wait_frames > kItemWaitFrames) return fail(s, "no item with this id on screen", original), 0;
+            if (waited_too_long(s)) return fail(s, "no item with this id on screen", original), 0;
             return -1;  // again next frame
         }
-        s->item_wait_frames = 0;
+        s->wait_since_ms = 0;
         gui_window_ui_to_window(w, &x, &y);
         int button = button_from_word(next());
         click(s, button, x, y, 1);
@@ -239,10 +248,10 @@ int run_line(gui_script* s, char* line, const gui_window* w, gui_script_handler 
     }
     if (!handler || handler(original, data)) {
         // The interface may still be catching up (a box about to open): try a while.
-        if (++s->item_wait_frames > kItemWaitFrames) return fail(s, "command failed or unknown", original), 0;
+        if (waited_too_long(s)) return fail(s, "command failed or unknown", original), 0;
         return -1;
     }
-    s->item_wait_frames = 0;
+    s->wait_since_ms = 0;
     return 1;
 }
 

@@ -13,7 +13,9 @@
 //   drop PATH              a file dropped on the window
 //   screenshot PATH        save what the window shows after this frame as PNG
 //   quit                   ask the program to quit (as the window's close button)
-// Any other line goes to the application's handler (for example "save_song PATH").
+// Any other line goes to the application's handler (for example "save_song PATH"). A line
+// whose item is not on screen yet, or whose handler says no, runs again each frame for up
+// to ten seconds before the script fails.
 // Lines starting with "#" and blank lines are skipped. The end of the script quits.
 #pragma once
 
@@ -33,7 +35,7 @@ struct gui_script {
     int pending_mods[3];  // modifier scancodes to release with it (0 = none)
     int pending_button;
     float pending_x, pending_y;
-    int item_wait_frames;  // frames click_id has waited for its item
+    uint32_t wait_since_ms;  // when the line now waiting for its item or condition began (0: none)
     int failed;
     int finished;
     char screenshot[1024];  // asked for at the end of this frame ("" = none)

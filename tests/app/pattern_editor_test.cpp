@@ -1,7 +1,10 @@
 // The pattern editor and the timeline as a musician uses them, scripted: a melody typed
 // on the note keys, a block copied, pasted and transposed, a clone that follows its parent,
 // a deleted pattern brought back by undo. The saved song is checked cell by cell.
+#include <RtMidi.h>
+
 #include "app/studio_fixture.h"
+#include "engine/jack_test_server.h"
 #include "song/song.h"
 
 namespace {
@@ -108,6 +111,44 @@ TEST_F(PatternEditorTest, TextThatIsNoPatternPastesNothing) {
         "quit\n";
     ASSERT_EQ(run_studio(script), 0) << output();
     EXPECT_TRUE(read_file(dir / "after.zelfon") == read_file(dir / "before.zelfon"));
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(PatternEditorTest, TheMidiKeyboardRecordsAtTheCursorWhenStopped) {
+    JackTestServer server;
+    ASSERT_TRUE(server.start());
+    RtMidiOut keys(RtMidi::UNIX_JACK, "zkeys");
+    keys.openVirtualPort("out");
+    write_file(dir / "zelfon_config.txt", "midi_kbd zkeys:out\nmidi_kbd_ch 1\n");
+    fs::path ready = dir / "ready.zelfon";
+    std::string script = std::string(kNewSong) +
+        "key Escape\n"
+        "save_song " + ready.string() + "\n"
+        "expect note 0 1 62\n"  // the second note: the cursor moved on after the first
+        "screenshot " + shot("midi_recorded.png") + "\n"
+        "save_song " + (dir / "recorded.zelfon").string() + "\n"
+        "quit\nclick_id msgbox.button.1\n";
+    std::thread player([&] {
+        ASSERT_TRUE(wait_until([&] { return fs::exists(ready); }, 60.0));
+        for (unsigned char key : {60, 61}) {
+            std::vector<unsigned char> on = {0x90, key, 100}, off = {0x80, key, 0};
+            keys.sendMessage(&on);
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+            keys.sendMessage(&off);
+            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        }
+    });
+    int code = run_studio(script, {}, {"JACK_DEFAULT_SERVER=" + server.name()});
+    player.join();
+    ASSERT_EQ(code, 0) << output();
+    saved_song s(dir / "recorded.zelfon");
+    EXPECT_EQ(s.cell(0, 0, 0).note, 61);
+    EXPECT_EQ(s.cell(0, 0, 0).vel, 101);
+    EXPECT_EQ(s.cell(0, 0, 1).note, 62);
+    EXPECT_EQ(s.cell(0, 0, 2).note, 0);  // releases are not written while stopped
 }
 
 }  // namespace
