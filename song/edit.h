@@ -62,6 +62,8 @@ struct zelfon_edit_place {
 // (Re)creates the song's history with budget `size` (the profile's "undosize"); the old
 // one is dropped. zelfon_song_init and zelfon_load_song call it.
 void zelfon_edit_init_history(uint32_t size, zelfon_song* song);
+// The profile's "undosize" (ZELFON_UNDO_SIZE_DEFAULT when it is absent or negative).
+uint32_t zelfon_edit_profile_undo_size();
 // Frees the history (zelfon_song_close calls it).
 void zelfon_edit_close_history(zelfon_song* song);
 // Starts a new undo group for the next actions.

@@ -105,6 +105,19 @@ int zelfon_get_free_pattern_num(zelfon_song* song) {
     return old_capacity;
 }
 
+void zelfon_init_pattern_record(zelfon_pattern* pat, int lines, int channels, uint32_t seed) {
+    memset(pat, 0, sizeof(*pat));
+    pat->data_xsize = channels;
+    pat->data_ysize = lines;
+    pat->channels = channels;
+    pat->lines = lines;
+    pat->ysize = ZELFON_PATTERN_DEFAULT_YSIZE;
+    memcpy(pat->fg, kPatternFg, sizeof(pat->fg));
+    memcpy(pat->bg, kPatternBg, sizeof(pat->bg));
+    pat->icon_num = -1;
+    zelfon_make_random_icon(pat->icon, seed);
+}
+
 int new_pattern_with_num(int num, int lines, int channels, int x, int y, uint32_t seed, zelfon_song* song) {
     if (num < 0) return -1;
     if (lines < 1) lines = 1;
@@ -121,17 +134,8 @@ int new_pattern_with_num(int num, int lines, int channels, int x, int y, uint32_
         return -1;
     }
     mem_zero(data);
-    memset(pat, 0, sizeof(*pat));
+    zelfon_init_pattern_record(pat, lines, channels, seed);
     pat->data = data;
-    pat->data_xsize = channels;
-    pat->data_ysize = lines;
-    pat->channels = channels;
-    pat->lines = lines;
-    pat->ysize = ZELFON_PATTERN_DEFAULT_YSIZE;
-    memcpy(pat->fg, kPatternFg, sizeof(pat->fg));
-    memcpy(pat->bg, kPatternBg, sizeof(pat->bg));
-    pat->icon_num = -1;
-    zelfon_make_random_icon(pat->icon, seed);
 
     song->pats[num] = pat;
     reset_info(&song->pats_info[num], 0, -1, x, y);
@@ -195,6 +199,60 @@ int zelfon_set_pattern_channels(int slot, int channels, zelfon_song* song) {
         pat->data_xsize = channels;
     }
     pat->channels = channels;
+    return 0;
+}
+
+int zelfon_reserve_pattern_slot(int slot, zelfon_song* song) {
+    if (slot < 0) return 1;
+    int64_t steps = ((int64_t)slot + ZELFON_PATTERN_SLOTS_STEP) / ZELFON_PATTERN_SLOTS_STEP;
+    int64_t capacity = steps * ZELFON_PATTERN_SLOTS_STEP;
+    if (song->pats && capacity < song->pats_capacity) capacity = song->pats_capacity;
+    if (capacity > INT_MAX) return 1;
+    size_t order_size = (size_t)capacity * sizeof(int);
+    bool grow_table = !song->pats || capacity > song->pats_capacity;
+    bool grow_order = mem_get_size(song->sorted_pats) < order_size;
+    if (!grow_table && !grow_order) return 0;
+
+    zelfon_pattern** pats = nullptr;
+    zelfon_pattern_info* info = nullptr;
+    int* order = nullptr;
+    if (grow_table) {
+        pats = (zelfon_pattern**)mem_new(MEM_DYNAMIC, (size_t)capacity * sizeof(zelfon_pattern*), "zelfon_reserve_pattern_slot");
+        info = (zelfon_pattern_info*)mem_new(MEM_DYNAMIC, (size_t)capacity * sizeof(zelfon_pattern_info), "zelfon_reserve_pattern_slot");
+    }
+    if (grow_order) order = (int*)mem_new(MEM_DYNAMIC, order_size, "zelfon_reserve_pattern_slot");
+    if ((grow_table && (!pats || !info)) || (grow_order && !order)) {
+        mem_free(pats);
+        mem_free(info);
+        mem_free(order);
+        return 1;
+    }
+    // Copied under the mutex: the render writes the playback state of the infos.
+    tarvik_mutex_lock(&song->net->mutex);
+    zelfon_pattern** old_pats = song->pats;
+    zelfon_pattern_info* old_info = song->pats_info;
+    int* old_order = song->sorted_pats;
+    if (grow_table) {
+        int old_capacity = song->pats ? song->pats_capacity : 0;
+        if (old_capacity) {
+            memcpy(pats, song->pats, (size_t)old_capacity * sizeof(*pats));
+            memcpy(info, song->pats_info, (size_t)old_capacity * sizeof(*info));
+        }
+        song->pats = pats;
+        song->pats_info = info;
+        song->pats_capacity = (int)capacity;
+        clear_slots(old_capacity, (int)capacity - old_capacity, song);
+    }
+    if (grow_order) {
+        if (song->sorted_pats_count) memcpy(order, song->sorted_pats, (size_t)song->sorted_pats_count * sizeof(int));
+        song->sorted_pats = order;
+    }
+    tarvik_mutex_unlock(&song->net->mutex);
+    if (grow_table) {
+        mem_free(old_pats);
+        mem_free(old_info);
+    }
+    if (grow_order) mem_free(old_order);
     return 0;
 }
 

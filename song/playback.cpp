@@ -757,3 +757,23 @@ int zelfon_stop(zelfon_song* song) {
     forget_live_notes(song);
     return was_playing ? 0 : 1;
 }
+
+// ---- The editors' changes ----
+
+void zelfon_playback_drop_pattern(int slot, zelfon_song* song) {
+    int kept = 0;
+    for (int i = 0; song->playing_pats[i] >= 0; i++) {
+        if (song->playing_pats[i] == slot) end_pattern(slot, 0, song);
+        else song->playing_pats[kept++] = song->playing_pats[i];
+    }
+    song->playing_pats[kept] = -1;
+}
+
+void zelfon_playback_places_changed(zelfon_song* song) {
+    zelfon_sort_patterns(song);
+    // Patterns that now start at or before the current line wait for their next pass; the
+    // playing list drops those the line left at the next line.
+    int next = 0;
+    while (next < song->sorted_pats_count && song->pats_info[song->sorted_pats[next]].x <= song->line) next++;
+    song->next_sorted_pat = next;
+}

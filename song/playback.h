@@ -55,3 +55,12 @@ void zelfon_reset_transport_for_export(zelfon_song* song);
 int zelfon_send_live_cell(const zelfon_cell* cell, int track, zelfon_song* song);
 // Posts a live note from the MIDI keyboard. Returns 0, or 1 when the ring is full.
 int zelfon_handle_midi_event(const zelfon_live_midi_event* event, zelfon_song* song);
+
+// ---- The editors' changes while a render may run (caller holds the net's mutex) ----
+
+// Takes the pattern in `slot` out of the playing list before its slot is emptied: its
+// sounding tracks get NOTE_OFF and its track-state set is freed.
+void zelfon_playback_drop_pattern(int slot, zelfon_song* song);
+// After patterns were moved, resized, added or removed: rebuilds the play order and, while
+// playing, points the next pattern to start at the first one after the current line.
+void zelfon_playback_places_changed(zelfon_song* song);

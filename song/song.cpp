@@ -5,6 +5,7 @@
 
 #include "engine/memory.h"
 #include "song/devices.h"
+#include "song/edit.h"
 #include "song/song.h"
 
 bool zelfon_cell_is_empty(const zelfon_cell* cell) {
@@ -50,12 +51,14 @@ int zelfon_song_init(int psynth_flags, int sampling_rate, zelfon_song* song) {
         return 1;
     }
     zelfon_open_midi_keyboard(song);
+    zelfon_edit_init_history(zelfon_edit_profile_undo_size(), song);
     song->loaded = 1;
     return 0;
 }
 
 void zelfon_song_close(zelfon_song* song) {
     song->loaded = 0;
+    zelfon_edit_close_history(song);
     zelfon_remove_all_patterns(song);
     mem_free(song->pats);
     mem_free(song->pats_info);

@@ -12,6 +12,7 @@
 #include <cstdint>
 
 #include "engine/thread.h"
+#include "engine/undo.h"
 #include "psynth/psynth_net.h"
 
 constexpr int ZELFON_MAX_TRACKS = 32;  // the largest track count the pattern editor allows
@@ -169,6 +170,10 @@ struct zelfon_song {
     int editor_pats_count;
     int current_pattern;
 
+    // The editing history (song/edit.h), created with the song and again after every load;
+    // its user data is this record. GUI thread.
+    undo history;
+
     // Icons: a 256 × 16·k pixel atlas and one usage byte per icon number.
     uint8_t* icons_atlas;
     uint8_t* icons_usage;
@@ -241,6 +246,13 @@ int zelfon_get_free_pattern_num(zelfon_song* song);
 // A new pattern in slot `num` (a pattern already there is removed first) with cleared cells
 // and an icon drawn from `seed`; lines ≥ 1, channels 1..ZELFON_MAX_TRACKS. Returns num, −1 on failure.
 int new_pattern_with_num(int num, int lines, int channels, int x, int y, uint32_t seed, zelfon_song* song);
+// Fills a new pattern record: size, the default look and an icon drawn from `seed`; no
+// cells (data null) and no icon number yet.
+void zelfon_init_pattern_record(zelfon_pattern* pat, int lines, int channels, uint32_t seed);
+// Grows the table (by 16s) until `slot` exists, and the play order's room with it, for the
+// editors while a render may run: the arrays are allocated first and swapped in under the
+// net's mutex. Returns 0, non-zero when memory ran out (nothing changed).
+int zelfon_reserve_pattern_slot(int slot, zelfon_song* song);
 // A clone of the pattern in `slot` (sharing its cells) at x, y. Returns its slot or −1.
 int zelfon_clone_pattern(int slot, int x, int y, zelfon_song* song);
 // Empties a clone's slot; a parent takes its record and every clone with it.

@@ -15,6 +15,7 @@
 #include "engine/sound.h"
 #include "song/chunks.h"
 #include "song/devices.h"
+#include "song/edit.h"
 #include "song/module_file.h"
 #include "song/playback.h"
 
@@ -470,5 +471,8 @@ int zelfon_load_song(const char* path, zelfon_song* song) {
     sound_stream_lock();
     int code = load_song(path, song);
     sound_stream_unlock();
+    // The old history's actions name the old song's patterns (a file that could not be
+    // opened left the song as it was).
+    if (code != ZELFON_LOAD_CANT_OPEN) zelfon_edit_init_history(zelfon_edit_profile_undo_size(), song);
     return code;
 }

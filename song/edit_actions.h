@@ -1,0 +1,43 @@
+// The undo records of the editing actions, shared by song/edit*.cpp only: the action types,
+// what each keeps, and the helpers every action uses to check, record and write.
+//
+// Every action keeps where it happened in its words: par1 the slot (−1: the song's
+// settings), par2 the track, par3 the line. Its `data` block keeps the rest (below).
+#pragma once
+
+#include "engine/undo.h"
+#include "song/edit.h"
+
+enum : uint32_t {
+    ZELFON_ACTION_CELLS = 1,     // zelfon_cells_change: a rectangle's old and new cells
+    ZELFON_ACTION_TYPED_CELL,    // zelfon_cells_change of one typed cell (later typing there merges)
+    ZELFON_ACTION_PATTERN_IN,    // zelfon_pattern_snapshot: do puts its slots in, undo takes them out
+    ZELFON_ACTION_PATTERN_OUT,   // zelfon_pattern_snapshot: do takes its slots out, undo puts them in
+    ZELFON_ACTION_MAKE_UNIQUE,   // zelfon_unique_change: do gives the clone a copy of the record
+    ZELFON_ACTION_MOVE,          // zelfon_move_change + entries: old and new places of each slot
+    ZELFON_ACTION_RESIZE,        // zelfon_resize_change: old and new lines and tracks
+    ZELFON_ACTION_LOOK,          // zelfon_look_change: old and new colours and icon
+    ZELFON_ACTION_SONG,          // zelfon_song_change + names: old and new settings
+};
+
+// ZELFON_ACTION_CELLS: the rectangle's size, then tracks × lines old cells, then as many
+// new cells (line by line). Its corner is the action's place.
+struct zelfon_cells_change {
+    int tracks;
+    int lines;
+};
+
+// The pattern in `slot`, or null when the slot is empty or out of range.
+zelfon_pattern* zelfon_edit_pattern(int slot, const zelfon_song* song);
+// Records `data` as a new action of `type` at the place, performing it through the history.
+// Returns ZELFON_EDIT_OK, or NO_MEMORY when it failed (`data` is then freed, nothing changed).
+int zelfon_edit_record(uint32_t type, int slot, int track, int line, void* data, zelfon_song* song);
+// The newest action when it is the last one of the current group with nothing to redo
+// after it, or null: typing merges into it.
+undo_action* zelfon_edit_last_action(zelfon_song* song);
+
+// Performers of the history's handler: do_it 1 does (or redoes), 0 undoes. 0, or non-zero
+// when the song does not hold what the action expects (the history is then dropped).
+int zelfon_perform_cells(int do_it, const undo_action* a, zelfon_song* song);
+int zelfon_perform_pattern(int do_it, const undo_action* a, zelfon_song* song);
+int zelfon_perform_song(int do_it, const undo_action* a, zelfon_song* song);
