@@ -186,7 +186,7 @@ void handle_note_keys(studio* st, int slot, const zelfon_pattern* p) {
         int key = app_note_key(sc);
         if (key == APP_NOTE_KEY_NONE) continue;
         int note = key == APP_NOTE_KEY_OFF ? ZELFON_NOTE_OFF : st->octave * 12 + key + 1;
-        if (note > 120) continue;
+        if (key != APP_NOTE_KEY_OFF && note > 120) continue;
         if (note != ZELFON_NOTE_OFF) {
             int free = live_slot_for(st, 0);
             if (free >= 0) {

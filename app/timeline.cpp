@@ -218,11 +218,11 @@ void band_select(studio* st, const canvas& c, ImVec2 a, ImVec2 b) {
     }
 }
 
-void handle_mouse(studio* st, const canvas& c) {
+// `hovered`: the pointer is over the canvas (its button holds the mouse while dragging).
+void handle_mouse(studio* st, const canvas& c, bool hovered) {
     studio_timeline* t = &st->timeline;
     ImGuiIO& io = ImGui::GetIO();
     ImVec2 m = io.MousePos;
-    bool hovered = ImGui::IsWindowHovered();
     if (hovered && (ImGui::IsMouseClicked(0) || ImGui::IsMouseClicked(1) || ImGui::IsMouseClicked(2))) st->focus = STUDIO_FOCUS_TIMELINE;
     if (hovered && io.MouseWheel != 0) {
         if (io.KeyCtrl) {
@@ -387,6 +387,7 @@ void studio_timeline_draw(studio* st) {
     ImGui::InvisibleButton("##canvas", ImVec2(c.size.x > 1 ? c.size.x : 1, c.size.y > 1 ? c.size.y : 1),
                            ImGuiButtonFlags_MouseButtonLeft | ImGuiButtonFlags_MouseButtonRight | ImGuiButtonFlags_MouseButtonMiddle);
     gui_item_name("timeline.canvas");
+    bool hovered = ImGui::IsItemHovered() || ImGui::IsItemActive();
     gui_item_name_rect("timeline.ruler", c.origin.x, c.origin.y, c.origin.x + c.size.x, c.origin.y + c.ruler);
     ImDrawList* draw = ImGui::GetWindowDrawList();
     draw->PushClipRect(c.origin, ImVec2(c.origin.x + c.size.x, c.origin.y + c.size.y), true);
@@ -394,7 +395,7 @@ void studio_timeline_draw(studio* st) {
     draw_grid(st, c, draw);
     draw_blocks(st, c, draw);
     draw_markers(st, c, draw);
-    handle_mouse(st, c);
+    handle_mouse(st, c, hovered);
     draw->PopClipRect();
     // The playing line stays in view while following.
     if (st->follow && studio_is_playing(st)) {

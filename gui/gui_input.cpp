@@ -46,7 +46,7 @@ void gui_input_init() {
     ImGuiIO& io = ImGui::GetIO();
     io.BackendPlatformName = "zelfon_sdl";
     io.BackendFlags |= ImGuiBackendFlags_HasMouseCursors;
-    io.KeyMap[ImGuiKey_Tab] = SDL_SCANCODE_TAB;
+    // Tab is left unmapped: it moves the pattern editor's cursor, not ImGui's focus.
     io.KeyMap[ImGuiKey_LeftArrow] = SDL_SCANCODE_LEFT;
     io.KeyMap[ImGuiKey_RightArrow] = SDL_SCANCODE_RIGHT;
     io.KeyMap[ImGuiKey_UpArrow] = SDL_SCANCODE_UP;

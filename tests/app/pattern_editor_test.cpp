@@ -21,7 +21,11 @@ struct saved_song {
         EXPECT_EQ(zelfon_load_song(p.c_str(), &song), 0) << p;
     }
     ~saved_song() { zelfon_song_close(&song); }
-    const zelfon_cell& cell(int slot, int track, int line) { return *zelfon_get_cell(slot, track, line, &song); }
+    zelfon_cell cell(int slot, int track, int line) {
+        const zelfon_cell* c = zelfon_get_cell(slot, track, line, &song);
+        if (!c) ADD_FAILURE() << "no cell " << slot << " " << track << " " << line;
+        return c ? *c : zelfon_cell{};
+    }
 };
 
 TEST_F(PatternEditorTest, AMelodyTypedOnTheNoteKeysInEditMode) {
@@ -50,6 +54,7 @@ TEST_F(PatternEditorTest, ABlockIsCopiedPastedAndTransposed) {
         "key shift+Down\nkey shift+Down\n"
         "key ctrl+C\n"
         "key Tab\n"
+        "key Home\n"
         "key ctrl+V\n"
         "key shift+Down\nkey shift+Down\n"
         "key ctrl+Up\n"                 // a semitone up
