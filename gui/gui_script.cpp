@@ -21,12 +21,23 @@ void push(SDL_Event* e) {
     SDL_PushEvent(e);
 }
 
-void push_key(int scancode, bool down) {
+// The keys a German keyboard gives other letters on than a US one (scancode, its key).
+const struct {
+    SDL_Scancode scancode;
+    SDL_Keycode key;
+} kGermanKeys[] = {{SDL_SCANCODE_Z, SDLK_y}, {SDL_SCANCODE_Y, SDLK_z}, {SDL_SCANCODE_SEMICOLON, 0xF6},
+                   {SDL_SCANCODE_APOSTROPHE, 0xE4}, {SDL_SCANCODE_LEFTBRACKET, 0xFC}, {SDL_SCANCODE_MINUS, 0xDF},
+                   {SDL_SCANCODE_SLASH, SDLK_MINUS}};
+
+void push_key(int scancode, bool down, bool german) {
     SDL_Event e = {};
     e.type = down ? SDL_KEYDOWN : SDL_KEYUP;
     e.key.state = down ? SDL_PRESSED : SDL_RELEASED;
     e.key.keysym.scancode = (SDL_Scancode)scancode;
     e.key.keysym.sym = SDL_GetKeyFromScancode((SDL_Scancode)scancode);
+    for (const auto& g : kGermanKeys) {
+        if (german && g.scancode == scancode) e.key.keysym.sym = g.key;
+    }
     push(&e);
 }
 
@@ -91,9 +102,9 @@ int fail(gui_script* s, const char* why, const char* line) {
 
 void release_pending(gui_script* s) {
     if (s->pending_up == 1) {
-        push_key(s->pending_scancode, false);
+        push_key(s->pending_scancode, false, s->german);
         for (int m = 2; m >= 0; m--) {
-            if (s->pending_mods[m]) push_key(s->pending_mods[m], false);
+            if (s->pending_mods[m]) push_key(s->pending_mods[m], false, s->german);
         }
     } else if (s->pending_up == 2) {
         push_button(s->pending_button, s->pending_x, s->pending_y, false);
@@ -139,13 +150,13 @@ int run_line(gui_script* s, char* line, const gui_window* w, gui_script_handler 
         int sc = spec ? parse_key(spec, mods) : 0;
         if (!sc) return fail(s, "unknown key", original), 0;
         if (!strcmp(word, "keyup")) {
-            push_key(sc, false);
+            push_key(sc, false, s->german);
             return 1;
         }
         for (int m = 0; m < 3; m++) {
-            if (mods[m]) push_key(mods[m], true);
+            if (mods[m]) push_key(mods[m], true, s->german);
         }
-        push_key(sc, true);
+        push_key(sc, true, s->german);
         if (!strcmp(word, "key")) {
             s->pending_up = 1;
             s->pending_scancode = sc;
@@ -153,6 +164,12 @@ int run_line(gui_script* s, char* line, const gui_window* w, gui_script_handler 
             return 1 + kSettleFrames;
         }
         return 1;
+    }
+    if (!strcmp(word, "layout")) {
+        char* name = next();
+        if (!name || (strcmp(name, "us") && strcmp(name, "de"))) return fail(s, "layout takes us or de", original), 0;
+        s->german = !strcmp(name, "de");
+        return 0;
     }
     if (!strcmp(word, "text")) {
         const char* text = rest ? rest : "";

@@ -5,6 +5,7 @@
 //   key [ctrl+][shift+][alt+]NAME   press and release a key (SDL scancode name: "Z", "Space", "F1")
 //   keydown NAME / keyup NAME
 //   text STRING            type text into the focused field
+//   layout us|de           the key events that follow carry the key codes of that layout
 //   move X Y               move the pointer (window pixels)
 //   click X Y [right|middle] / doubleclick X Y
 //   click_id ID [right|middle] / doubleclick_id ID   click the centre of a named item
@@ -36,6 +37,7 @@ struct gui_script {
     int pending_button;
     float pending_x, pending_y;
     uint32_t wait_since_ms;  // when the line now waiting for its item or condition began (0: none)
+    int german;            // key events carry a German layout's key codes
     int failed;
     int finished;
     char screenshot[1024];  // asked for at the end of this frame ("" = none)

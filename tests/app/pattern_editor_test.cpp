@@ -47,6 +47,22 @@ TEST_F(PatternEditorTest, AMelodyTypedOnTheNoteKeysInEditMode) {
     EXPECT_EQ(s.cell(0, 0, 0).module, 2);  // the selected module: the starter net's Generator
 }
 
+TEST_F(PatternEditorTest, NoteKeysFollowThePlaceOfTheKeyNotItsLetter) {
+    // The same physical keys with the key codes of a US and of a German keyboard.
+    std::string typing = "key Escape\nkey Z\nkey Y\nkey Escape\n";
+    for (const char* layout : {"us", "de"}) {
+        std::string script = std::string(kNewSong) + "layout " + layout + "\n" + typing +
+                             "save_song " + (dir / (std::string(layout) + ".zelfon")).string() + "\n"
+                             "quit\nclick_id msgbox.button.1\n";
+        ASSERT_EQ(run_studio(script), 0) << output();
+    }
+    saved_song us(dir / "us.zelfon"), de(dir / "de.zelfon");
+    for (saved_song* s : {&us, &de}) {
+        EXPECT_EQ(s->cell(0, 0, 0).note, 4 * 12 + 1);       // the lower row's first key: C
+        EXPECT_EQ(s->cell(0, 0, 1).note, 4 * 12 + 21 + 1);  // the upper row's sixth: A an octave up
+    }
+}
+
 TEST_F(PatternEditorTest, ABlockIsCopiedPastedAndTransposed) {
     std::string script = std::string(kNewSong) +
         "key Escape\nkey Z\nkey X\nkey C\nkey Escape\n"

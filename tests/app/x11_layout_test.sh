@@ -22,6 +22,11 @@ type_in_layout() {
     keys=$2
     cp original.zelfon "$layout.zelfon"
     setxkbmap -layout "$layout" || { echo "setxkbmap $layout failed"; exit 1; }
+    if ! setxkbmap -query | grep -q "layout: *$layout"; then
+        # Some X servers keep their first keymap whatever setxkbmap says.
+        echo "the X server did not take the $layout layout: skipped"
+        exit 77
+    fi
     "$zelfon" "$layout.zelfon" >"$work/$layout.log" 2>&1 &
     pid=$!
     window=$(timeout 20 xdotool search --sync --name "Zelfon" | head -n 1)
