@@ -10,6 +10,7 @@
 
 #include "app/studio_windows.h"
 #include "engine/memory.h"
+#include "gui/gui_fields.h"
 #include "gui/gui_items.h"
 #include "gui/gui_texture.h"
 #include "gui/gui_theme.h"
@@ -298,16 +299,13 @@ void handle_mouse(studio* st, const canvas& c, bool hovered) {
     }
 }
 
-// An integer field in the pattern menu that applies when it changes. Returns the new value.
+// An integer field of the pattern menu, applied when Enter confirms it (a pattern does not
+// shrink to "2" on the way to typing "256"). Returns true when it changed.
 bool menu_int(const char* label, const char* id, int* value, int min, int max) {
-    ImGui::SetNextItemWidth(ImGui::GetFontSize() * 7);
-    int v = *value;
-    bool changed = ImGui::InputInt(label, &v, 1, 16, ImGuiInputTextFlags_EnterReturnsTrue);
-    gui_item_name(id);
-    v = v < min ? min : v > max ? max : v;
-    if (!changed || v == *value) return false;
-    *value = v;
-    return true;
+    bool changed = gui_int_field(id, value, min, max, ImGui::GetFontSize() * 7, true) != 0;
+    ImGui::SameLine();
+    ImGui::TextUnformatted(label);
+    return changed;
 }
 
 void draw_menu(studio* st) {

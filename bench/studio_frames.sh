@@ -16,9 +16,19 @@ frames=600
 printf 'action play_stop\nwait 10\nwait %d\nquit\n' $frames > "$work/play.txt"
 printf 'wait 10\nwait %d\nquit\n' $frames > "$work/idle.txt"
 cd "$work"
+# Typing: a new song whose pattern is made 32 tracks × 256 lines through the timeline's
+# menu, the song playing, a note typed every second frame in edit mode.
+{
+    printf 'action new\nwait 2\nclick_id timeline.pattern.0 right\n'
+    printf 'doubleclick_id timeline.menu.lines\nkey ctrl+A\ntext 256\nkey Return\n'
+    printf 'doubleclick_id timeline.menu.tracks\nkey ctrl+A\ntext 32\nkey Return\nkey Escape\n'
+    printf 'click_id pattern.cell.0.0\nclick_id pattern.cell.0.0\nkey Escape\naction play_stop\nwait 10\n'
+    i=0; while [ $i -lt $((frames / 2)) ]; do printf 'key Z\n'; i=$((i + 1)); done
+    printf 'screenshot %s/typing.png\nquit\nclick_id msgbox.button.1\n' "$work"
+} > "$work/typing.txt"
 # CPU time of the main thread's process less the sound thread is not separable here, so
 # the figure is the process's user + system time per frame (start-up included).
-for kind in play idle; do
+for kind in play idle typing; do
     SDL_VIDEODRIVER=offscreen /usr/bin/time -f "%U %S" -o "$work/time.txt" "$build/zelfon" --script "$work/$kind.txt" >/dev/null 2>&1
     echo "$kind: $(awk -v n=$((frames + 12)) '{printf "%.2f", ($1 + $2) * 1000 / n}' "$work/time.txt") ms CPU per frame"
 done

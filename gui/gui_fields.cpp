@@ -7,12 +7,12 @@
 
 #include "gui/gui_items.h"
 
-int gui_int_field(const char* id, int* value, int min, int max, float width) {
+int gui_int_field(const char* id, int* value, int min, int max, float width, bool on_enter) {
     ImGui::PushID(id);
     ImGui::SetNextItemWidth(width);
     int v = *value;
     ImVec2 start = ImGui::GetCursorScreenPos();
-    bool edited = ImGui::InputInt("##value", &v, 1, 10);
+    bool edited = ImGui::InputInt("##value", &v, 1, 10, on_enter ? ImGuiInputTextFlags_EnterReturnsTrue : 0);
     const ImGuiStyle& style = ImGui::GetStyle();
     float button = ImGui::GetFrameHeight();
     float text_width = width - 2 * (button + style.ItemInnerSpacing.x);
