@@ -277,20 +277,31 @@ void track_header(studio* st, const grid_geometry& g, int tracks, float y, float
     }
 }
 
+// Empty fields are a short dim stroke, not dots: the software renderer pays per glyph.
 void draw_cell(ImDrawList* draw, const grid_geometry& g, float x, float y, const zelfon_cell* c) {
-    char text[24];
-    char note[4];
-    app_note_text(c->note, note);
-    snprintf(text, sizeof text, "%s", note);
-    uint32_t dim = gui_colour_u32(GUI_COLOUR_TEXT_DIM, 120), bright = gui_colour_u32(GUI_COLOUR_TEXT);
-    draw->AddText(ImVec2(x, y), c->note ? bright : dim, text);
+    uint32_t dim = gui_colour_u32(GUI_COLOUR_TEXT_DIM, 90), bright = gui_colour_u32(GUI_COLOUR_TEXT);
     const uint32_t accent = gui_colour_u32(GUI_COLOUR_ACCENT_HOVER);
+    float mid = y + g.line_height / 2;
+    auto empty = [&](int field) {
+        float x0 = x + kFieldStart[field] * g.char_width + 1, x1 = x0 + kFieldChars[field] * g.char_width - 2;
+        draw->AddLine(ImVec2(x0, mid), ImVec2(x1, mid), dim);
+    };
+    char text[8];
+    if (c->note) {
+        app_note_text(c->note, text);
+        draw->AddText(ImVec2(x, y), bright, text);
+    } else {
+        empty(0);
+    }
     int values[4] = {c->vel, c->module & 0xFF, c->ctl << 8 | c->effect, c->value};
     bool set[4] = {c->vel != 0, (c->module & 0xFF) != 0, c->ctl || c->effect, c->value != 0};
     for (int f = 1; f < kFields; f++) {
-        if (set[f - 1]) snprintf(text, sizeof text, "%0*X", kFieldChars[f], values[f - 1]);
-        else snprintf(text, sizeof text, "%.*s", kFieldChars[f], "....");
-        draw->AddText(ImVec2(x + kFieldStart[f] * g.char_width, y), set[f - 1] ? (f == 3 ? accent : bright) : dim, text);
+        if (!set[f - 1]) {
+            empty(f);
+            continue;
+        }
+        snprintf(text, sizeof text, "%0*X", kFieldChars[f], values[f - 1]);
+        draw->AddText(ImVec2(x + kFieldStart[f] * g.char_width, y), f == 3 ? accent : bright, text);
     }
 }
 
