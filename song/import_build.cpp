@@ -432,7 +432,7 @@ void convert_cell(builder* b, int c, const tracker_cell* tc, zelfon_cell* dest, 
 
 // ---- Flow ----
 
-// Reads the row's breaks, jumps, pattern loops and speed before its cells are converted.
+// Reads the row's breaks, jumps and pattern loops.
 row_flow read_row_flow(builder* b, int p, int row) {
     row_flow f = {-1, -1, -1, false};
     for (int c = 0; c < b->m->channels; c++) {
@@ -444,7 +444,6 @@ row_flow read_row_flow(builder* b, int p, int row) {
             case TFX_JUMP: f.jump_order = fx.param; f.break_row = -1; break;
             case TFX_SPEED:
                 if (fx.param == 0) f.stop = true;
-                else b->speed = fx.param;
                 break;
             case TFX_PATTERN_LOOP:
                 if (fx.param == 0) {
@@ -463,6 +462,23 @@ row_flow read_row_flow(builder* b, int p, int row) {
     return f;
 }
 
+// Converts row `row` of pattern p into `line` (a pattern's line of cells), or only follows
+// it when `line` is null (a clone replays a run already written). A speed set on the row
+// counts for the slides of the whole row.
+void convert_row(builder* b, int p, int row, zelfon_cell* line) {
+    tracker_module* m = b->m;
+    for (int c = 0; c < m->channels; c++) {
+        for (const tracker_fx_slot& fx : tracker_cell_at(m, p, row, c)->fx) {
+            if (fx.kind == TFX_SPEED && fx.param) b->speed = fx.param;
+        }
+    }
+    zelfon_cell scratch;
+    for (int c = 0; c < m->channels; c++) {
+        int t = b->track_of[c];
+        if (t >= 0) convert_cell(b, c, tracker_cell_at(m, p, row, c), line ? &line[t] : &scratch, line != nullptr);
+    }
+}
+
 int add_piece(builder* b, int p, int first, int last) {
     zelfon_song* song = b->song;
     int lines = last - first + 1;
@@ -470,12 +486,7 @@ int add_piece(builder* b, int p, int first, int last) {
         const piece* pc = &b->pieces[i];
         if (pc->first != first || pc->last != last) continue;
         if (zelfon_clone_pattern(pc->slot, b->line, 0, song) < 0) return ZELFON_IMPORT_SONG_FAILED;
-        zelfon_cell scratch;
-        for (int r = first; r <= last; r++) {
-            for (int c = 0; c < b->m->channels; c++) {
-                if (b->track_of[c] >= 0) convert_cell(b, c, tracker_cell_at(b->m, p, r, c), &scratch, false);
-            }
-        }
+        for (int r = first; r <= last; r++) convert_row(b, p, r, nullptr);
         b->m->report->clones++;
         b->line += lines;
         return 0;
@@ -490,12 +501,7 @@ int add_piece(builder* b, int p, int first, int last) {
         return ZELFON_IMPORT_SONG_FAILED;
     }
     zelfon_pattern* pat = song->pats[slot];
-    for (int r = first; r <= last; r++) {
-        for (int c = 0; c < b->m->channels; c++) {
-            int t = b->track_of[c];
-            if (t >= 0) convert_cell(b, c, tracker_cell_at(b->m, p, r, c), &pat->data[(r - first) * pat->data_xsize + t], true);
-        }
-    }
+    for (int r = first; r <= last; r++) convert_row(b, p, r, &pat->data[(r - first) * pat->data_xsize]);
     b->pieces[b->pieces_num] = {p, first, last, slot, b->first_piece[p]};
     b->first_piece[p] = b->pieces_num++;
     b->m->report->patterns++;
