@@ -187,7 +187,9 @@ tw_bytes it_compress(const tw_sample& smp) {
             int need = 1;
             while (!it_fits(code, need, top, value_bits)) need++;
             if (!it_fits(code, width, top, value_bits) || need + 2 < width) it_change_width(&bw, &width, need, top, value_bits);
-            bw.put((uint32_t)code & ((1u << width) - 1), width);
+            // At the widest, the value's own bits only: the top bit would announce a width.
+            int bits = width == top ? value_bits : width;
+            bw.put((uint32_t)code & ((1u << bits) - 1), width);
         }
         out.push_back((uint8_t)(bw.bytes.size() & 255));
         out.push_back((uint8_t)(bw.bytes.size() >> 8));

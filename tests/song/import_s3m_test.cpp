@@ -1,0 +1,77 @@
+// S3M import: unsigned 8 and 16-bit samples at their C-4 speeds, channel pannings,
+// effect letters, breaks in decimal and every cut of the file.
+#include <cmath>
+
+#include "import_test_util.h"
+
+namespace {
+
+class ImportS3mTest : public ImportTest {};
+
+TEST_F(ImportS3mTest, SamplesKeepTheirFramesAndPlayC4AtTheirSpeed) {
+    ASSERT_EQ(import(tw_rich_file("s3m")), 0) << report.error;
+    EXPECT_EQ(report.format, ZELFON_IMPORT_FORMAT_S3M);
+    EXPECT_EQ(song.bpm, 140);
+    EXPECT_EQ(song.speed, 4);
+    std::vector<int> mods = samplers();
+    ASSERT_EQ(mods.size(), 3u);
+    tw_song src = tw_rich_song();
+    const uint32_t rates[] = {11025, 22050, 16000};
+    for (int i = 0; i < 3; i++) {
+        EXPECT_STREQ(song.net->modules[mods[i]].name, src.samples[i].name.c_str());
+        EXPECT_EQ(frames(mods[i], 0), src.samples[i].frames) << "sample " << i;
+        const psynth_sampler_sample* h = header(mods[i], 0);
+        double rate = 8363.0 * std::exp2((h->relative_note + h->finetune / 128.0) / 12);
+        EXPECT_NEAR(rate, rates[i], rates[i] * 0.0003) << "sample " << i;
+    }
+    const psynth_sampler_sample* b = header(mods[1], 0);
+    EXPECT_EQ(b->type, PSYNTH_SAMPLER_LOOP_FORWARD | PSYNTH_SAMPLER_FORMAT_INT16 << PSYNTH_SAMPLER_FORMAT_SHIFT);
+    EXPECT_EQ(b->loop_start, 100u);
+    EXPECT_EQ(b->loop_length, 150u);
+}
+
+TEST_F(ImportS3mTest, CellsTimelineAndEffects) {
+    ASSERT_EQ(import(tw_rich_file("s3m")), 0) << report.error;
+    EXPECT_EQ(timeline(), (std::vector<std::string>{"0+64", "64+9", "73+52", "125+64 c"}));
+    std::vector<int> mods = samplers();
+    const uint8_t pan = PSYNTH_SAMPLER_LOCAL_CTL_PAN + 1;
+    zelfon_cell c = cell(0, 0);
+    EXPECT_EQ(c.note, 49);
+    EXPECT_EQ(c.vel, expected_vel(32, 48));
+    EXPECT_EQ(c.module, mods[0] + 1);
+    EXPECT_EQ(c.ctl, pan);
+    EXPECT_EQ(c.value, 3 * 17 * 128);  // the channel's own panning, 3 of 15
+    c = cell(0, 1);
+    EXPECT_EQ(c.note, 61);
+    EXPECT_EQ(c.value, 64 * 128);      // X20: a quarter to the right of left
+    c = cell(0, 2);
+    EXPECT_EQ(c.note, 37);
+    EXPECT_EQ(c.effect, 0x08);
+    EXPECT_EQ(c.value, 0x0307);
+    EXPECT_EQ(cell(1, 0).effect, 0x0A);
+    EXPECT_EQ(cell(1, 0).value, std::lround(3 * 3.0 / 4 * 256 / 48));
+    // A fine slide of 2 Amiga periods down at the period C-4 of this sample has.
+    double period = 3546895.0 / 11025;
+    EXPECT_EQ(cell(2, 0).effect, 0x12);
+    EXPECT_NEAR(cell(2, 0).value, 12 * std::log2((period + 2) / period) * 256 / 4, 1.0);
+    EXPECT_EQ(cell(3, 0).effect, 0x0F);
+    EXPECT_EQ(cell(3, 0).value, 3);
+    EXPECT_EQ(cell(3, 1).value, 144);
+    EXPECT_EQ(cell(4, 2).effect, 0x19);
+    EXPECT_EQ(cell(4, 2).value, 2);
+    EXPECT_EQ(cell(6, 0).note, ZELFON_NOTE_OFF);
+    EXPECT_EQ(report.losses[ZELFON_LOSS_RETRIGGER_VOLUME], 1);
+    EXPECT_EQ(report.losses[ZELFON_LOSS_VIBRATO], 1);
+    EXPECT_EQ(report.losses[ZELFON_LOSS_PANNING_IN_CELL], 1);
+    EXPECT_EQ(report.losses[ZELFON_LOSS_NOTE_CUT], 0);  // no envelope: a note-off silences at once
+}
+
+TEST_F(ImportS3mTest, NotePlaysAtTheSampleSpeed) {
+    ASSERT_EQ(import(tw_write_s3m(tw_tone_song(0x50, 11025))), 0) << report.error;  // C-5
+    double expected = 2 * 11025.0 / 32;
+    EXPECT_NEAR(note_frequency(2), expected, expected * 0.003);
+}
+
+TEST_F(ImportS3mTest, EveryCutOfTheFileImportsOrFailsCleanly) { sweep_truncations(tw_rich_file("s3m")); }
+
+}  // namespace
