@@ -26,12 +26,18 @@ struct writer {
     void append(const tw_bytes& more) { b.insert(b.end(), more.begin(), more.end()); }
 };
 
-const tw_cell* cell_at(const tw_song& s, int pattern, int row, int channel) {
-    for (const tw_cell& c : s.cells) {
-        if (c.pattern == pattern && c.row == row && c.channel == channel) return &c;
+// The song's cells by pattern, row and channel (a song may hold many thousands).
+struct cell_grid {
+    int rows, channels;
+    std::vector<const tw_cell*> cells;
+    cell_grid(const tw_song& s, int pattern_rows) : rows(pattern_rows), channels(s.channels) {
+        cells.assign((size_t)s.patterns * rows * channels, nullptr);
+        for (const tw_cell& c : s.cells) {
+            if (c.pattern >= 0 && c.pattern < s.patterns && c.row >= 0 && c.row < rows && c.channel >= 0 && c.channel < channels) cells[((size_t)c.pattern * rows + c.row) * channels + c.channel] = &c;
+        }
     }
-    return nullptr;
-}
+    const tw_cell* at(int pattern, int row, int channel) const { return cells[((size_t)pattern * rows + row) * channels + channel]; }
+};
 
 int note_map_sample(const tw_instrument& ins, int note) {
     return note < (int)ins.note_map.size() ? ins.note_map[note] : 0;
@@ -50,11 +56,11 @@ int xm_envelope_type(const tw_envelope& e) {
     return (e.on ? 1 : 0) | (e.sustain >= 0 ? 2 : 0) | (e.loop_start >= 0 ? 4 : 0);
 }
 
-void xm_pattern(writer* w, const tw_song& s, int p) {
+void xm_pattern(writer* w, const tw_song& s, const cell_grid& grid, int p) {
     writer data;
     for (int row = 0; row < s.rows; row++) {
         for (int ch = 0; ch < s.channels; ch++) {
-            const tw_cell* c = cell_at(s, p, row, ch);
+            const tw_cell* c = grid.at(p, row, ch);
             if (!c) {
                 data.u8(0x80);
                 continue;
@@ -205,12 +211,12 @@ struct it_memory {
 };
 
 // Packs a pattern reusing masks and last values where the channel allows it.
-tw_bytes it_pattern(const tw_song& s, int p) {
+tw_bytes it_pattern(const tw_song& s, const cell_grid& grid, int p) {
     writer data;
     std::vector<it_memory> last(64);
     for (int row = 0; row < s.rows; row++) {
         for (int ch = 0; ch < s.channels; ch++) {
-            const tw_cell* c = cell_at(s, p, row, ch);
+            const tw_cell* c = grid.at(p, row, ch);
             if (!c) continue;
             it_memory& m = last[ch];
             int mask = 0;
@@ -284,7 +290,8 @@ tw_bytes tw_write_xm(const tw_song& s) {
     w.u16le(s.channels), w.u16le(s.patterns), w.u16le((int)s.instruments.size());
     w.u16le(s.linear ? 1 : 0), w.u16le(s.speed), w.u16le(s.bpm);
     for (int o = 0; o < 256; o++) w.u8(o < (int)s.orders.size() ? s.orders[o] : 0);
-    for (int p = 0; p < s.patterns; p++) xm_pattern(&w, s, p);
+    cell_grid grid(s, s.rows);
+    for (int p = 0; p < s.patterns; p++) xm_pattern(&w, s, grid, p);
     for (const tw_instrument& ins : s.instruments) xm_instrument(&w, s, ins);
     return w.b;
 }
@@ -304,10 +311,11 @@ tw_bytes tw_write_mod(const tw_song& s, const char* signature) {
     w.u8((int)s.orders.size()), w.u8(127);
     for (int o = 0; o < 128; o++) w.u8(o < (int)s.orders.size() ? s.orders[o] : 0);
     w.text(signature, 4);
+    cell_grid grid(s, 64);
     for (int p = 0; p < s.patterns; p++) {
         for (int row = 0; row < 64; row++) {
             for (int ch = 0; ch < s.channels; ch++) {
-                const tw_cell* c = cell_at(s, p, row, ch);
+                const tw_cell* c = grid.at(p, row, ch);
                 int period = c && c->note > 0 ? c->note : 0, ins = c ? c->instrument : 0;
                 w.u8((ins & 0xF0) | (period >> 8));
                 w.u8(period & 255);
@@ -338,6 +346,7 @@ tw_bytes tw_write_s3m(const tw_song& s) {
     w.zeros(2 * (s.samples.size() + s.patterns));
     for (int ch = 0; ch < 32; ch++) w.u8(ch < s.channels ? 0x20 | (ch % 2 ? 12 : 3) : 0);
     std::vector<size_t> header_at;
+    cell_grid grid(s, 64);
     for (size_t i = 0; i < s.samples.size(); i++) {
         w.align(16);
         w.put16le(pointers + 2 * i, (int)(w.size() / 16));
@@ -361,7 +370,7 @@ tw_bytes tw_write_s3m(const tw_song& s) {
         writer data;
         for (int row = 0; row < 64; row++) {
             for (int ch = 0; ch < s.channels; ch++) {
-                const tw_cell* c = cell_at(s, p, row, ch);
+                const tw_cell* c = grid.at(p, row, ch);
                 if (!c) continue;
                 int what = ch | (c->note >= 0 || c->instrument ? 32 : 0) | (c->volume >= 0 ? 64 : 0) | (c->effect > 0 ? 128 : 0);
                 data.u8(what);
@@ -412,6 +421,7 @@ tw_bytes tw_write_it(const tw_song& s, bool instrument_mode) {
         it_instrument(&w, s.instruments[i]);
     }
     std::vector<size_t> header_at;
+    cell_grid grid(s, s.rows);
     for (size_t i = 0; i < s.samples.size(); i++) {
         const tw_sample& smp = s.samples[i];
         w.put32le(pointers + 4 * (instruments + i), (uint32_t)w.size());
@@ -433,7 +443,7 @@ tw_bytes tw_write_it(const tw_song& s, bool instrument_mode) {
     }
     for (int p = 0; p < s.patterns; p++) {
         w.put32le(pointers + 4 * (instruments + s.samples.size() + p), (uint32_t)w.size());
-        tw_bytes data = it_pattern(s, p);
+        tw_bytes data = it_pattern(s, grid, p);
         w.u16le((int)data.size()), w.u16le(s.rows), w.zeros(4);
         w.append(data);
     }
