@@ -16,7 +16,7 @@ constexpr int kPatterns = 40;
 constexpr int kRows = 64;
 constexpr int kOrders = 128;
 constexpr int kInstruments = 16;
-constexpr int kSampleFrames = 16000;
+constexpr int kSampleFrames = 21000;
 
 tw_bytes big_xm() {
     tw_song s;
