@@ -91,7 +91,7 @@ uint32_t decompress(tracker_reader* r, void* out, uint32_t frames, bool wide, bo
         r->pos += bytes;
         uint32_t count = frames - done < block_frames ? frames - done : block_frames;
         int width = top;
-        int32_t d1 = 0, d2 = 0;
+        uint32_t d1 = 0, d2 = 0;
         for (uint32_t i = 0; i < count && (b.bit >> 3) < b.size;) {
             uint32_t v = read_bits(&b, width);
             if (width < 7) {
@@ -119,9 +119,10 @@ uint32_t decompress(tracker_reader* r, void* out, uint32_t frames, bool wide, bo
             // A value of `width` bits, sign-extended.
             int shift = 32 - (width < value_bits ? width : value_bits);
             int32_t delta = (int32_t)(v << shift) >> shift;
-            d1 += delta;
+            // The sums wrap as the 8 or 16-bit values they stand for.
+            d1 += (uint32_t)delta;
             d2 += d1;
-            int32_t value = it215 ? d2 : d1;
+            uint32_t value = it215 ? d2 : d1;
             if (wide) {
                 ((int16_t*)out)[done + i] = (int16_t)value;
             } else {

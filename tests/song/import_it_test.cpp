@@ -73,29 +73,17 @@ TEST_F(ImportItTest, CellsTimelineAndVolumeColumn) {
     // Pattern 1 breaks at row 2 to row 12 (hexadecimal C) of pattern 0.
     EXPECT_EQ(timeline(), (std::vector<std::string>{"0+16", "16+3", "19+4", "23+16 c"}));
     std::vector<int> mods = samplers();
-    zelfon_cell c = cell(0, 0);
-    EXPECT_EQ(c.note, 61);  // C-5
-    EXPECT_EQ(c.vel, expected_vel(32, 48));
-    EXPECT_EQ(c.module, mods[0] + 1);
-    EXPECT_EQ(c.ctl, 0);     // the sample's own panning is the channel's
-    c = cell(0, 1);
-    EXPECT_EQ(c.note, 73);
-    EXPECT_EQ(c.effect, 0x09);
-    EXPECT_EQ(c.value, 1);
-    c = cell(0, 2);
-    EXPECT_EQ(c.ctl, PSYNTH_SAMPLER_LOCAL_CTL_PAN + 1);
-    EXPECT_EQ(c.value, 48 * 4 * 128);
+    const uint16_t lead = (uint16_t)(mods[0] + 1), keys = (uint16_t)(mods[1] + 1);
+    // C-5 keeps its number; the sample's own panning is the channel's, so none is written.
+    expect_cell(0, 0, {61, (uint8_t)expected_vel(32, 48), lead, 0, 0, 0});
+    expect_cell(0, 1, {73, 0, keys, 0x09, 0, 1});
+    expect_cell(0, 2, {37, 0, keys, 0, kPanCtl, 48 * 4 * 128});
     // Portamento down 12 from the volume column: 12 × 16 pitch units on 3 of 4 ticks.
-    EXPECT_EQ(cell(1, 0).effect, 0x02);
-    EXPECT_EQ(cell(1, 0).value, 36);
-    EXPECT_EQ(cell(3, 0).note, ZELFON_NOTE_OFF);
-    EXPECT_EQ(cell(4, 1).note, ZELFON_NOTE_OFF);
-    for (int line : {5, 6}) {
-        c = cell(line, 2);
-        EXPECT_EQ(c.note, 61) << line;
-        EXPECT_EQ(c.effect, 0x1D) << line;
-        EXPECT_EQ(c.value, 2) << line;
-    }
+    expect_cell(1, 0, {0, 0, 0, 0x02, 0, 36});
+    expect_cell(3, 0, {ZELFON_NOTE_OFF, 0, 0, 0, 0, 0});
+    expect_cell(4, 1, {ZELFON_NOTE_OFF, 0, 0, 0, 0, 0});
+    expect_cell(5, 2, {61, 0, keys, 0x1D, 0, 2});
+    expect_cell(6, 2, {61, 0, keys, 0x1D, 0, 2});
     EXPECT_EQ(report.losses[ZELFON_LOSS_TEMPO_SLIDE], 1);
     EXPECT_EQ(report.losses[ZELFON_LOSS_NOTE_CUT], 1);  // the instrument has a volume envelope
     EXPECT_EQ(report.losses[ZELFON_LOSS_PANNING_IN_CELL], 3);

@@ -36,31 +36,18 @@ TEST_F(ImportModTest, CellsTimelineAndChannelPannings) {
     // Pattern 1 breaks at row 10 to row 12 (written in decimal digits) of pattern 0.
     EXPECT_EQ(timeline(), (std::vector<std::string>{"0+64", "64+11", "75+52", "127+64 c"}));
     std::vector<int> mods = samplers();
-    const uint8_t pan = PSYNTH_SAMPLER_LOCAL_CTL_PAN + 1;
-    zelfon_cell c = cell(0, 0);
-    EXPECT_EQ(c.note, 49);
-    EXPECT_EQ(c.vel, expected_vel(32, 48));
-    EXPECT_EQ(c.module, mods[0] + 1);
-    EXPECT_EQ(c.ctl, pan);  // channel 1 is left
-    EXPECT_EQ(c.value, 0);
-    c = cell(0, 1);
-    EXPECT_EQ(c.note, 61);  // C-3
-    EXPECT_EQ(c.ctl, pan);  // channel 2 is right
-    EXPECT_EQ(c.value, 255 * 128);
-    c = cell(0, 2);
-    EXPECT_EQ(c.note, 37);
-    EXPECT_EQ(c.effect, 0x08);
-    EXPECT_EQ(c.value, 0x0407);
-    EXPECT_EQ(c.ctl, 0);  // the arpeggio keeps the cell: the panning is reported
+    const uint16_t looped = (uint16_t)(mods[0] + 1), rough = (uint16_t)(mods[1] + 1);
+    // Channels 1 and 4 are left, 2 and 3 right; the effects of 3 and 4 keep their cells.
+    expect_cell(0, 0, {49, (uint8_t)expected_vel(32, 48), looped, 0, kPanCtl, 0});
+    expect_cell(0, 1, {61, 0, rough, 0, kPanCtl, 255 * 128});
+    expect_cell(0, 2, {37, 0, looped, 0x08, 0, 0x0407});
+    expect_cell(0, 3, {49, 0, rough, 0x09, 0, 1});
     // Amiga slides: 4 periods a tick at C-4's period, in pitch units, over 5 of 6 ticks.
     double period = 428 * std::exp2(2 / 96.0);
     int per_tick = (int)std::lround(12 * std::log2(period / (period - 4)) * 256);
-    c = cell(1, 0);
-    EXPECT_EQ(c.effect, 0x01);
-    EXPECT_EQ(c.value, std::lround(per_tick * 5.0 / 6 / 4));
-    EXPECT_EQ(cell(2, 0).vel, expected_vel(28, 48));
-    EXPECT_EQ(cell(3, 1).effect, 0x0F);
-    EXPECT_EQ(cell(3, 1).value, 125);
+    expect_cell(1, 0, {0, 0, 0, 0x01, 0, (uint16_t)std::lround(per_tick * 5.0 / 6 / 4)});
+    expect_cell(2, 0, {0, (uint8_t)expected_vel(28, 48), 0, 0, 0, 0});
+    expect_cell(3, 1, {0, 0, 0, 0x0F, 0, 125});
     EXPECT_EQ(report.losses[ZELFON_LOSS_PANNING_IN_CELL], 2);
     EXPECT_EQ(report.losses[ZELFON_LOSS_TREMOLO], 1);
 }

@@ -34,32 +34,19 @@ TEST_F(ImportS3mTest, CellsTimelineAndEffects) {
     ASSERT_EQ(import(tw_rich_file("s3m")), 0) << report.error;
     EXPECT_EQ(timeline(), (std::vector<std::string>{"0+64", "64+9", "73+52", "125+64 c"}));
     std::vector<int> mods = samplers();
-    const uint8_t pan = PSYNTH_SAMPLER_LOCAL_CTL_PAN + 1;
-    zelfon_cell c = cell(0, 0);
-    EXPECT_EQ(c.note, 49);
-    EXPECT_EQ(c.vel, expected_vel(32, 48));
-    EXPECT_EQ(c.module, mods[0] + 1);
-    EXPECT_EQ(c.ctl, pan);
-    EXPECT_EQ(c.value, 3 * 17 * 128);  // the channel's own panning, 3 of 15
-    c = cell(0, 1);
-    EXPECT_EQ(c.note, 61);
-    EXPECT_EQ(c.value, 64 * 128);      // X20: a quarter to the right of left
-    c = cell(0, 2);
-    EXPECT_EQ(c.note, 37);
-    EXPECT_EQ(c.effect, 0x08);
-    EXPECT_EQ(c.value, 0x0307);
-    EXPECT_EQ(cell(1, 0).effect, 0x0A);
-    EXPECT_EQ(cell(1, 0).value, std::lround(3 * 3.0 / 4 * 256 / 48));
+    // Channel 1's own panning (3 of 15) on its note; X20 a quarter to the right of left.
+    expect_cell(0, 0, {49, (uint8_t)expected_vel(32, 48), (uint16_t)(mods[0] + 1), 0, kPanCtl, 3 * 17 * 128});
+    expect_cell(0, 1, {61, 0, (uint16_t)(mods[1] + 1), 0, kPanCtl, 64 * 128});
+    expect_cell(0, 2, {37, 0, (uint16_t)(mods[2] + 1), 0x08, 0, 0x0307});
+    expect_cell(1, 0, {0, 0, 0, 0x0A, 0, (uint16_t)std::lround(3 * 3.0 / 4 * 256 / 48)});
     // A fine slide of 2 Amiga periods down at the period C-4 of this sample has.
     double period = 3546895.0 / 11025;
     EXPECT_EQ(cell(2, 0).effect, 0x12);
     EXPECT_NEAR(cell(2, 0).value, 12 * std::log2((period + 2) / period) * 256 / 4, 1.0);
-    EXPECT_EQ(cell(3, 0).effect, 0x0F);
-    EXPECT_EQ(cell(3, 0).value, 3);
-    EXPECT_EQ(cell(3, 1).value, 144);
-    EXPECT_EQ(cell(4, 2).effect, 0x19);
-    EXPECT_EQ(cell(4, 2).value, 2);
-    EXPECT_EQ(cell(6, 0).note, ZELFON_NOTE_OFF);
+    expect_cell(3, 0, {0, 0, 0, 0x0F, 0, 3});
+    expect_cell(3, 1, {0, 0, 0, 0x0F, 0, 144});
+    expect_cell(4, 2, {0, 0, 0, 0x19, 0, 2});
+    expect_cell(6, 0, {ZELFON_NOTE_OFF, 0, 0, 0, 0, 0});
     EXPECT_EQ(report.losses[ZELFON_LOSS_RETRIGGER_VOLUME], 1);
     EXPECT_EQ(report.losses[ZELFON_LOSS_VIBRATO], 1);
     EXPECT_EQ(report.losses[ZELFON_LOSS_PANNING_IN_CELL], 1);

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cmath>
+#include <cstring>
 #include <vector>
 
 #include "psynth/psynth_modules.h"
@@ -65,6 +66,13 @@ public:
         }
         return zelfon_cell{};
     }
+    // The cell at `line` on `track` is `want`, field for field.
+    void expect_cell(int line, int track, zelfon_cell want) {
+        zelfon_cell got = cell(line, track);
+        EXPECT_EQ(memcmp(&got, &want, sizeof(got)), 0)
+            << "line " << line << " track " << track << ": note " << (int)got.note << " vel " << (int)got.vel << " module "
+            << got.module << " effect " << (int)got.effect << " ctl " << (int)got.ctl << " value " << got.value;
+    }
     // Places and lengths of the timeline's patterns in play order, as "x+lines" or "x+lines c".
     std::vector<std::string> timeline() {
         zelfon_sort_patterns(&song);
@@ -104,6 +112,9 @@ public:
 
     zelfon_import_report report{};
 };
+
+// The controller field of a cell that sets the Sampler's local panning.
+constexpr uint8_t kPanCtl = PSYNTH_SAMPLER_LOCAL_CTL_PAN + 1;
 
 // The velocity field of a cell for a format volume on a sample of `sample_volume`.
 inline int expected_vel(int volume, int sample_volume) {

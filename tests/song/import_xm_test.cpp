@@ -83,15 +83,8 @@ TEST_F(ImportXmTest, CellsCarryNotesVolumesPanningsAndEffects) {
     ASSERT_EQ(import(tw_rich_file("xm")), 0) << report.error;
     std::vector<int> mods = samplers();
     const int lead = mods[0] + 1, keys = mods[1] + 1;
-    auto expect_cell = [&](int line, int track, zelfon_cell want) {
-        zelfon_cell got = cell(line, track);
-        EXPECT_EQ(memcmp(&got, &want, sizeof(got)), 0)
-            << "line " << line << " track " << track << ": note " << (int)got.note << " vel " << (int)got.vel << " module "
-            << got.module << " effect " << (int)got.effect << " ctl " << (int)got.ctl << " value " << got.value;
-    };
-    const int pan_ctl = PSYNTH_SAMPLER_LOCAL_CTL_PAN + 1;
     expect_cell(0, 0, {49, (uint8_t)expected_vel(32, 48), (uint16_t)lead, 0, 0, 0});
-    expect_cell(0, 1, {61, 0, (uint16_t)keys, 0, (uint8_t)pan_ctl, 192 * 128});
+    expect_cell(0, 1, {61, 0, (uint16_t)keys, 0, kPanCtl, 192 * 128});
     expect_cell(0, 2, {37, 0, (uint16_t)keys, 0x08, 0, 0x0307});
     expect_cell(0, 3, {49, 0, (uint16_t)lead, 0x09, 0, 2});
     // Slides are spread over all 4 ticks of a line: 8 × 16 pitch units on 3 of them.
