@@ -295,9 +295,9 @@ bool may_write_song(const char* path) {
 }
 
 void print_import_summary(const char* in, const zelfon_song* song, const zelfon_import_report* report) {
-    printf("Imported %s (%s) \"%s\": %d tracks, %d patterns and %d clones over %d lines, %d Samplers with %d samples\n", in,
-           zelfon_import_format_name(report->format), song->name ? song->name : "", report->channels, report->patterns,
-           report->clones, report->lines, report->instruments, report->samples);
+    printf("Imported %s (%s) \"%s\": %d tracks, %d lines; patterns %d, clones %d; Samplers %d, samples %d\n", in,
+           zelfon_import_format_name(report->format), song->name ? song->name : "", report->channels, report->lines,
+           report->patterns, report->clones, report->instruments, report->samples);
     char losses[4096];
     if (zelfon_import_report_losses(report, losses, sizeof(losses)) == 0) {
         printf("Everything was carried over.\n");

@@ -15,7 +15,7 @@
 namespace {
 
 constexpr int kMaxSongLines = 1 << 17;    // the unrolled song is cut beyond this
-constexpr int kMaxPieces = 16384;         // pattern slots a song file keeps
+constexpr int kMaxPlacements = 8192;      // patterns and clones: far beyond real songs (each scans the slot table)
 constexpr int kPiecesStep = 256;
 constexpr int kSemitone = 256;            // pitch units per semitone
 constexpr int kSlideUnit = 4;             // the slide effects move by value × 4 pitch units
@@ -521,7 +521,8 @@ int unroll_song(builder* b, uint8_t* visited) {
     bool looping_back = false;
     while (order < m->orders_num && m->orders[order] != TRACKER_ORDER_END) {
         if (m->orders[order] == TRACKER_ORDER_SKIP || !playable(m, order)) {
-            if (m->orders[order] != TRACKER_ORDER_SKIP) tracker_lose(m, ZELFON_LOSS_MISSING_PATTERN);
+            if (m->orders[order] != TRACKER_ORDER_SKIP && !visited[order * TRACKER_MAX_ROWS]) tracker_lose(m, ZELFON_LOSS_MISSING_PATTERN);
+            visited[order * TRACKER_MAX_ROWS] = 1;
             order++;
             row = 0;
             continue;
@@ -548,7 +549,7 @@ int unroll_song(builder* b, uint8_t* visited) {
                 break;
             }
         }
-        if (b->line + (row - first + 1) > kMaxSongLines || b->pieces_num >= kMaxPieces) {
+        if (b->line + (row - first + 1) > kMaxSongLines || m->report->patterns + m->report->clones >= kMaxPlacements) {
             tracker_lose(m, ZELFON_LOSS_SONG_CUT);
             return 0;
         }

@@ -302,7 +302,7 @@ int read_instrument(tracker_reader* r, tracker_module* m, int i, uint32_t at, bo
     read_keyboard(m, h + INS_KEYBOARD, ti, m->samples_num);
     if (ti->samples_num > 0) apply_vibrato(&vibratos[ti->sample_of[0]], ins);
     if (!new_format) {
-        int fadeout = le16(h + INS_OLD_FADEOUT) * kFadeoutScale * 2;
+        int fadeout = le16(h + INS_OLD_FADEOUT) * kFadeoutScale * 2;  // old instruments fade in 1/512 steps
         ins->volume_fadeout = (uint16_t)(fadeout > 0xFFFF ? 0xFFFF : fadeout);
         if (h[INS_OLD_FLAGS] & ENV_ON) tracker_lose(m, ZELFON_LOSS_ENVELOPE);
         return 0;

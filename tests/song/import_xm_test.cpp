@@ -79,6 +79,34 @@ TEST_F(ImportXmTest, OrdersBreaksAndLoopsUnrollOntoTheTimeline) {
     EXPECT_EQ(report.channels, 4);
 }
 
+TEST_F(ImportXmTest, JumpsBackAndMissingPatternsEndOrSkipWithAReport) {
+    tw_song s = tw_tone_song(49, 0);
+    s.rows = 4;
+    s.patterns = 2;
+    s.orders = {0, 7, 1, 0};  // there is no pattern 7
+    s.cells.push_back({1, 2, 0, -1, 0, -1, 0xB, 0x01});  // back to order 1: the song would loop from there
+    ASSERT_EQ(import(tw_write_xm(s)), 0) << report.error;
+    EXPECT_EQ(timeline(), (std::vector<std::string>{"0+4", "4+3"}));
+    EXPECT_EQ(report.losses[ZELFON_LOSS_MISSING_PATTERN], 1);
+    EXPECT_EQ(report.losses[ZELFON_LOSS_FLOW], 1);
+}
+
+TEST_F(ImportXmTest, EndlessPatternLoopsAreCutNotFollowed) {
+    // Eight loops nested over each other, each taken 15 times: far beyond any song.
+    tw_song s = tw_tone_song(49, 0);
+    s.channels = 8;
+    s.rows = 9;
+    s.cells.clear();
+    for (int ch = 0; ch < 8; ch++) {
+        s.cells.push_back({0, 0, ch, -1, 0, -1, 0xE, 0x60});
+        s.cells.push_back({0, ch + 1, ch, -1, 0, -1, 0xE, 0x6F});
+    }
+    ASSERT_EQ(import(tw_write_xm(s)), 0) << report.error;
+    EXPECT_EQ(report.losses[ZELFON_LOSS_SONG_CUT], 1);
+    EXPECT_LE(report.lines, 1 << 17);
+    EXPECT_GT(report.clones, 1000);
+}
+
 TEST_F(ImportXmTest, CellsCarryNotesVolumesPanningsAndEffects) {
     ASSERT_EQ(import(tw_rich_file("xm")), 0) << report.error;
     std::vector<int> mods = samplers();
