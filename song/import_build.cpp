@@ -18,10 +18,10 @@ constexpr int kMaxSongLines = 1 << 17;    // the unrolled song is cut beyond thi
 constexpr int kMaxPlacements = 8192;      // patterns and clones: far beyond real songs (each scans the slot table)
 constexpr int kPiecesStep = 256;
 constexpr int kSemitone = 256;            // pitch units per semitone
+constexpr int kC4Semitone = 48;
 constexpr int kSlideUnit = 4;             // the slide effects move by value × 4 pitch units
 constexpr int kLinearSlideStep = 16;      // pitch units of one linear slide step (1/16 semitone)
 constexpr int kLinearExtraFineStep = 4;
-constexpr double kAmigaClock = 3546895.0; // Hz × period of the Amiga's sample clock
 constexpr int kFormatVolumeMax = 64;
 constexpr int kVelocityMax = 256;
 constexpr int kPanCentre = 128;
@@ -196,8 +196,8 @@ void assign_tracks(builder* b) {
 // steps (`extra_fine`: 1/64), Amiga slides in periods at the channel's current pitch.
 int slide_pitch(const builder* b, const channel_state* cs, int amount, bool up, bool extra_fine) {
     if (b->m->linear_slides) return amount * (extra_fine ? kLinearExtraFineStep : kLinearSlideStep);
-    double rate = cs->sample >= 0 ? tracker_sample_rate(&b->m->samples[cs->sample].header) : 8363.0;
-    double period = kAmigaClock / (rate * std::exp2((cs->semitone - 48) / 12.0));
+    double rate = cs->sample >= 0 ? tracker_sample_rate(&b->m->samples[cs->sample].header) : TRACKER_C4_RATE;
+    double period = TRACKER_AMIGA_CLOCK / (rate * std::exp2((cs->semitone - kC4Semitone) / 12.0));
     double delta = extra_fine ? amount / 4.0 : amount;
     double after = up ? period - delta : period + delta;
     if (after < 1) after = 1;

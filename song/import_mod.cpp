@@ -17,7 +17,6 @@ constexpr size_t kSignatureAt = 1080;
 constexpr size_t kPatternsAt = 1084;
 constexpr int kMiddlePeriod = 428;            // C-2 of the Amiga, our C-4
 constexpr int kMiddleNote = 49;               // C-4 as a cell note
-constexpr double kAmigaClock = 3546895.0;     // Hz × period
 constexpr double kFinetuneSteps = 96.0;       // finetune units per octave (1/8 semitone)
 
 bool is_digit(uint8_t c) { return c >= '0' && c <= '9'; }
@@ -129,7 +128,7 @@ int tracker_read_mod(tracker_reader* r, tracker_module* m) {
         h->loop_start = tracker_u16be(r) * 2u;
         h->loop_length = tracker_u16be(r) * 2u;
         if (h->loop_length > 2) h->type = PSYNTH_SAMPLER_LOOP_FORWARD;
-        tracker_rate_to_pitch(kAmigaClock / kMiddlePeriod * std::exp2(finetune / kFinetuneSteps), &h->relative_note, &h->finetune);
+        tracker_rate_to_pitch(TRACKER_AMIGA_CLOCK / kMiddlePeriod * std::exp2(finetune / kFinetuneSteps), &h->relative_note, &h->finetune);
         tracker_instrument_of_sample(m, s, s);
     }
     int song_length = r->data[kSongLengthAt];

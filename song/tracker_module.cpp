@@ -11,7 +11,6 @@
 
 namespace {
 
-constexpr double kC4Rate = 8363.0;  // Hz of C-4 with relative note and finetune 0
 constexpr int kFinetuneSteps = 128;  // finetune units per semitone
 
 }  // namespace
@@ -97,8 +96,8 @@ void tracker_name(char* out, size_t out_size, const uint8_t* in, size_t n) {
 // ---- Pitch ----
 
 void tracker_rate_to_pitch(double rate, int8_t* relative_note, int8_t* finetune) {
-    if (!(rate > 0)) rate = kC4Rate;
-    double semitones = 12.0 * std::log2(rate / kC4Rate);
+    if (!(rate > 0)) rate = TRACKER_C4_RATE;
+    double semitones = 12.0 * std::log2(rate / TRACKER_C4_RATE);
     int steps = (int)std::lround(semitones * kFinetuneSteps);
     int note = (int)std::floor((steps + kFinetuneSteps / 2) / (double)kFinetuneSteps);
     int fine = steps - note * kFinetuneSteps;  // −64..63
@@ -109,7 +108,7 @@ void tracker_rate_to_pitch(double rate, int8_t* relative_note, int8_t* finetune)
 }
 
 double tracker_sample_rate(const psynth_sampler_sample* h) {
-    return kC4Rate * std::exp2((h->relative_note + h->finetune / (double)kFinetuneSteps) / 12.0);
+    return TRACKER_C4_RATE * std::exp2((h->relative_note + h->finetune / (double)kFinetuneSteps) / 12.0);
 }
 
 // ---- Tables ----

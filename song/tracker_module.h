@@ -23,6 +23,9 @@ constexpr int TRACKER_MAX_INSTRUMENTS = 255;
 constexpr int TRACKER_MAX_SAMPLES = 4080;          // 255 instruments of 16 samples
 constexpr uint32_t TRACKER_MAX_SAMPLE_FRAMES = 1u << 26;
 
+constexpr double TRACKER_C4_RATE = 8363.0;         // Hz of C-4 with relative note and finetune 0
+constexpr double TRACKER_AMIGA_CLOCK = 3546895.0;  // Hz × period: an Amiga period's playback rate
+
 constexpr uint16_t TRACKER_ORDER_SKIP = 0xFFFE;   // "+++": go on with the next order
 constexpr uint16_t TRACKER_ORDER_END = 0xFFFF;    // "---": the song ends here
 
