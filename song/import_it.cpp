@@ -50,13 +50,6 @@ enum : size_t {
     ENV_BYTES = 82,
 };
 
-uint16_t le16(const uint8_t* p) { return (uint16_t)(p[0] | p[1] << 8); }
-
-void put(tracker_fx_slot* slot, int kind, int param) {
-    slot->kind = (uint8_t)kind;
-    slot->param = (uint8_t)param;
-}
-
 // ---- Compressed samples ----
 
 // The bit stream of one compressed block, read from its lowest bit up.
@@ -243,7 +236,7 @@ void read_envelope(tracker_module* m, const uint8_t* e, int y_offset, psynth_sam
     }
     for (int i = 0; i < nodes; i++) {
         int y = (int8_t)e[6 + 3 * i] + y_offset;
-        int x = le16(e + 7 + 3 * i);
+        int x = tracker_le16(e + 7 + 3 * i);
         if (x >= PSYNTH_SAMPLER_ENV_TICKS) {
             tracker_lose(m, ZELFON_LOSS_ENVELOPE);
             x = PSYNTH_SAMPLER_ENV_TICKS - 1;
@@ -302,12 +295,12 @@ int read_instrument(tracker_reader* r, tracker_module* m, int i, uint32_t at, bo
     read_keyboard(m, h + INS_KEYBOARD, ti, m->samples_num);
     if (ti->samples_num > 0) apply_vibrato(&vibratos[ti->sample_of[0]], ins);
     if (!new_format) {
-        int fadeout = le16(h + INS_OLD_FADEOUT) * kFadeoutScale * 2;  // old instruments fade in 1/512 steps
+        int fadeout = tracker_le16(h + INS_OLD_FADEOUT) * kFadeoutScale * 2;  // old instruments fade in 1/512 steps
         ins->volume_fadeout = (uint16_t)(fadeout > 0xFFFF ? 0xFFFF : fadeout);
         if (h[INS_OLD_FLAGS] & ENV_ON) tracker_lose(m, ZELFON_LOSS_ENVELOPE);
         return 0;
     }
-    int fadeout = le16(h + INS_FADEOUT) * kFadeoutScale;
+    int fadeout = tracker_le16(h + INS_FADEOUT) * kFadeoutScale;
     ins->volume_fadeout = (uint16_t)(fadeout > 0xFFFF ? 0xFFFF : fadeout);
     int volume = h[INS_GLOBAL_VOLUME];
     ins->volume = (uint8_t)((volume > kGlobalVolumeMax ? kGlobalVolumeMax : volume) / 2);
@@ -327,16 +320,16 @@ int read_instrument(tracker_reader* r, tracker_module* m, int i, uint32_t at, bo
 // The volume column: volume, fine and plain slides, portamentos, panning, vibrato.
 void decode_volume_column(int v, tracker_fx_slot* fx) {
     static const uint8_t kTonePortaSpeeds[10] = {0, 1, 4, 8, 16, 32, 64, 96, 128, 255};
-    if (v <= 64) put(fx, TFX_SET_VOLUME, v);
-    else if (v <= 74) put(fx, TFX_FINE_VOLSLIDE_UP, v - 65);
-    else if (v <= 84) put(fx, TFX_FINE_VOLSLIDE_DOWN, v - 75);
-    else if (v <= 94) put(fx, TFX_VOLSLIDE, (v - 85) << 4);
-    else if (v <= 104) put(fx, TFX_VOLSLIDE, v - 95);
-    else if (v <= 114) put(fx, TFX_PORTA_DOWN, (v - 105) * 4);
-    else if (v <= 124) put(fx, TFX_PORTA_UP, (v - 115) * 4);
-    else if (v >= 128 && v <= 192) put(fx, TFX_SET_PAN, (v - 128) * 4 > 255 ? 255 : (v - 128) * 4);
-    else if (v >= 193 && v <= 202) put(fx, TFX_TONE_PORTA, kTonePortaSpeeds[v - 193]);
-    else if (v >= 203 && v <= 212) put(fx, TFX_VIBRATO, v - 203);
+    if (v <= 64) tracker_put_fx(fx, TFX_SET_VOLUME, v);
+    else if (v <= 74) tracker_put_fx(fx, TFX_FINE_VOLSLIDE_UP, v - 65);
+    else if (v <= 84) tracker_put_fx(fx, TFX_FINE_VOLSLIDE_DOWN, v - 75);
+    else if (v <= 94) tracker_put_fx(fx, TFX_VOLSLIDE, (v - 85) << 4);
+    else if (v <= 104) tracker_put_fx(fx, TFX_VOLSLIDE, v - 95);
+    else if (v <= 114) tracker_put_fx(fx, TFX_PORTA_DOWN, (v - 105) * 4);
+    else if (v <= 124) tracker_put_fx(fx, TFX_PORTA_UP, (v - 115) * 4);
+    else if (v >= 128 && v <= 192) tracker_put_fx(fx, TFX_SET_PAN, (v - 128) * 4 > 255 ? 255 : (v - 128) * 4);
+    else if (v >= 193 && v <= 202) tracker_put_fx(fx, TFX_TONE_PORTA, kTonePortaSpeeds[v - 193]);
+    else if (v >= 203 && v <= 212) tracker_put_fx(fx, TFX_VIBRATO, v - 203);
 }
 
 uint8_t note_of(int n) {

@@ -48,59 +48,54 @@ uint8_t note_of_period(int period) {
     return (uint8_t)(note < 1 ? 1 : note > TRACKER_NOTE_MAX ? TRACKER_NOTE_MAX : note);
 }
 
-void put(tracker_fx_slot* slot, int kind, int param) {
-    slot->kind = (uint8_t)kind;
-    slot->param = (uint8_t)param;
-}
-
 }  // namespace
 
 void tracker_decode_mod_effect(tracker_module* m, int effect, int param, tracker_cell* cell) {
     tracker_fx_slot* fx = &cell->fx[1];
     int x = param >> 4, y = param & 15;
     switch (effect) {
-    case 0x0: if (param) put(fx, TFX_ARPEGGIO, param); break;
-    case 0x1: put(fx, TFX_PORTA_UP, param); break;
-    case 0x2: put(fx, TFX_PORTA_DOWN, param); break;
-    case 0x3: put(fx, TFX_TONE_PORTA, param); break;
-    case 0x4: put(fx, TFX_VIBRATO, param); break;
+    case 0x0: if (param) tracker_put_fx(fx, TFX_ARPEGGIO, param); break;
+    case 0x1: tracker_put_fx(fx, TFX_PORTA_UP, param); break;
+    case 0x2: tracker_put_fx(fx, TFX_PORTA_DOWN, param); break;
+    case 0x3: tracker_put_fx(fx, TFX_TONE_PORTA, param); break;
+    case 0x4: tracker_put_fx(fx, TFX_VIBRATO, param); break;
     case 0x5:
     case 0x6:
         // Portamento or vibrato going on, with a volume slide: the slide takes the free
         // volume column when there is one.
-        put(fx, effect == 0x5 ? TFX_TONE_PORTA : TFX_VIBRATO, 0);
+        tracker_put_fx(fx, effect == 0x5 ? TFX_TONE_PORTA : TFX_VIBRATO, 0);
         if (cell->fx[0].kind == TFX_NONE) {
-            put(&cell->fx[0], TFX_VOLSLIDE, param);
+            tracker_put_fx(&cell->fx[0], TFX_VOLSLIDE, param);
         } else {
             tracker_lose(m, ZELFON_LOSS_SECOND_EFFECT);
         }
         break;
-    case 0x7: put(fx, TFX_TREMOLO, param); break;
-    case 0x8: put(fx, TFX_SET_PAN, param); break;
-    case 0x9: put(fx, TFX_SAMPLE_OFFSET, param); break;
-    case 0xA: put(fx, TFX_VOLSLIDE, param); break;
-    case 0xB: put(fx, TFX_JUMP, param); break;
-    case 0xC: put(fx, TFX_SET_VOLUME, param > 64 ? 64 : param); break;
-    case 0xD: put(fx, TFX_BREAK, x * 10 + y); break;  // decimal digits
+    case 0x7: tracker_put_fx(fx, TFX_TREMOLO, param); break;
+    case 0x8: tracker_put_fx(fx, TFX_SET_PAN, param); break;
+    case 0x9: tracker_put_fx(fx, TFX_SAMPLE_OFFSET, param); break;
+    case 0xA: tracker_put_fx(fx, TFX_VOLSLIDE, param); break;
+    case 0xB: tracker_put_fx(fx, TFX_JUMP, param); break;
+    case 0xC: tracker_put_fx(fx, TFX_SET_VOLUME, param > 64 ? 64 : param); break;
+    case 0xD: tracker_put_fx(fx, TFX_BREAK, x * 10 + y); break;  // decimal digits
     case 0xE:
         switch (x) {
-        case 0x0: put(fx, TFX_FILTER, y); break;
-        case 0x1: put(fx, TFX_FINE_PORTA_UP, y); break;
-        case 0x2: put(fx, TFX_FINE_PORTA_DOWN, y); break;
-        case 0x3: case 0x4: case 0x5: case 0x7: put(fx, TFX_WAVEFORM, y); break;
-        case 0x6: put(fx, TFX_PATTERN_LOOP, y); break;
-        case 0x8: put(fx, TFX_SET_PAN, y * 17); break;
-        case 0x9: if (y) put(fx, TFX_RETRIG, y); break;
-        case 0xA: put(fx, TFX_FINE_VOLSLIDE_UP, y); break;
-        case 0xB: put(fx, TFX_FINE_VOLSLIDE_DOWN, y); break;
-        case 0xC: put(fx, TFX_NOTE_CUT, y); break;
-        case 0xD: put(fx, TFX_NOTE_DELAY, y); break;
-        case 0xE: put(fx, TFX_PATTERN_DELAY, y); break;
-        default: put(fx, TFX_OTHER, y); break;
+        case 0x0: tracker_put_fx(fx, TFX_FILTER, y); break;
+        case 0x1: tracker_put_fx(fx, TFX_FINE_PORTA_UP, y); break;
+        case 0x2: tracker_put_fx(fx, TFX_FINE_PORTA_DOWN, y); break;
+        case 0x3: case 0x4: case 0x5: case 0x7: tracker_put_fx(fx, TFX_WAVEFORM, y); break;
+        case 0x6: tracker_put_fx(fx, TFX_PATTERN_LOOP, y); break;
+        case 0x8: tracker_put_fx(fx, TFX_SET_PAN, y * 17); break;
+        case 0x9: if (y) tracker_put_fx(fx, TFX_RETRIG, y); break;
+        case 0xA: tracker_put_fx(fx, TFX_FINE_VOLSLIDE_UP, y); break;
+        case 0xB: tracker_put_fx(fx, TFX_FINE_VOLSLIDE_DOWN, y); break;
+        case 0xC: tracker_put_fx(fx, TFX_NOTE_CUT, y); break;
+        case 0xD: tracker_put_fx(fx, TFX_NOTE_DELAY, y); break;
+        case 0xE: tracker_put_fx(fx, TFX_PATTERN_DELAY, y); break;
+        default: tracker_put_fx(fx, TFX_OTHER, y); break;
         }
         break;
-    case 0xF: put(fx, param < 32 ? TFX_SPEED : TFX_TEMPO, param); break;
-    default: put(fx, TFX_OTHER, param); break;
+    case 0xF: tracker_put_fx(fx, param < 32 ? TFX_SPEED : TFX_TEMPO, param); break;
+    default: tracker_put_fx(fx, TFX_OTHER, param); break;
     }
 }
 

@@ -21,22 +21,17 @@ constexpr uint8_t kOrderSkip = 254, kOrderEnd = 255;
 constexpr uint8_t kNoteCut = 254, kNoteEmpty = 255;
 constexpr int kMaxSpeed = 31;  // larger values would read as tempos here
 
-void put(tracker_fx_slot* slot, int kind, int param) {
-    slot->kind = (uint8_t)kind;
-    slot->param = (uint8_t)param;
-}
-
 // Dxy: D0y down, Dx0 up, DxF fine up, DFy fine down (D00 repeats the last).
 void decode_volume_slide(int param, tracker_fx_slot* fx) {
     int x = param >> 4, y = param & 15;
     if (x == 0xF && y) {
-        put(fx, TFX_FINE_VOLSLIDE_DOWN, y);
+        tracker_put_fx(fx, TFX_FINE_VOLSLIDE_DOWN, y);
     } else if (y == 0xF && x) {
-        put(fx, TFX_FINE_VOLSLIDE_UP, x);
+        tracker_put_fx(fx, TFX_FINE_VOLSLIDE_UP, x);
     } else if (y) {
-        put(fx, TFX_VOLSLIDE, y);
+        tracker_put_fx(fx, TFX_VOLSLIDE, y);
     } else {
-        put(fx, TFX_VOLSLIDE, x << 4);
+        tracker_put_fx(fx, TFX_VOLSLIDE, x << 4);
     }
 }
 
@@ -44,28 +39,28 @@ void decode_volume_slide(int param, tracker_fx_slot* fx) {
 void decode_porta(int param, bool up, tracker_fx_slot* fx) {
     int x = param >> 4, y = param & 15;
     if (x == 0xF) {
-        put(fx, up ? TFX_FINE_PORTA_UP : TFX_FINE_PORTA_DOWN, y);
+        tracker_put_fx(fx, up ? TFX_FINE_PORTA_UP : TFX_FINE_PORTA_DOWN, y);
     } else if (x == 0xE) {
-        put(fx, up ? TFX_EXTRA_FINE_PORTA_UP : TFX_EXTRA_FINE_PORTA_DOWN, y);
+        tracker_put_fx(fx, up ? TFX_EXTRA_FINE_PORTA_UP : TFX_EXTRA_FINE_PORTA_DOWN, y);
     } else {
-        put(fx, up ? TFX_PORTA_UP : TFX_PORTA_DOWN, param);
+        tracker_put_fx(fx, up ? TFX_PORTA_UP : TFX_PORTA_DOWN, param);
     }
 }
 
 void decode_special(int param, bool it, tracker_fx_slot* fx) {
     int x = param >> 4, y = param & 15;
     switch (x) {
-    case 0x0: put(fx, TFX_FILTER, y); break;
-    case 0x1: case 0x2: case 0x3: case 0x4: case 0x5: put(fx, TFX_WAVEFORM, y); break;
-    case 0x6: put(fx, TFX_PATTERN_DELAY, y); break;
-    case 0x7: case 0x9: put(fx, TFX_SOUND_CONTROL, y); break;
-    case 0x8: put(fx, TFX_SET_PAN, y * 17); break;
-    case 0xA: put(fx, it ? TFX_HIGH_OFFSET : TFX_OTHER, y); break;
-    case 0xB: put(fx, TFX_PATTERN_LOOP, y); break;
-    case 0xC: put(fx, TFX_NOTE_CUT, y); break;
-    case 0xD: put(fx, TFX_NOTE_DELAY, y); break;
-    case 0xE: put(fx, TFX_PATTERN_DELAY, y); break;
-    default: put(fx, it ? TFX_MIDI : TFX_OTHER, y); break;
+    case 0x0: tracker_put_fx(fx, TFX_FILTER, y); break;
+    case 0x1: case 0x2: case 0x3: case 0x4: case 0x5: tracker_put_fx(fx, TFX_WAVEFORM, y); break;
+    case 0x6: tracker_put_fx(fx, TFX_PATTERN_DELAY, y); break;
+    case 0x7: case 0x9: tracker_put_fx(fx, TFX_SOUND_CONTROL, y); break;
+    case 0x8: tracker_put_fx(fx, TFX_SET_PAN, y * 17); break;
+    case 0xA: tracker_put_fx(fx, it ? TFX_HIGH_OFFSET : TFX_OTHER, y); break;
+    case 0xB: tracker_put_fx(fx, TFX_PATTERN_LOOP, y); break;
+    case 0xC: tracker_put_fx(fx, TFX_NOTE_CUT, y); break;
+    case 0xD: tracker_put_fx(fx, TFX_NOTE_DELAY, y); break;
+    case 0xE: tracker_put_fx(fx, TFX_PATTERN_DELAY, y); break;
+    default: tracker_put_fx(fx, it ? TFX_MIDI : TFX_OTHER, y); break;
     }
 }
 
@@ -139,7 +134,7 @@ int read_pattern(tracker_reader* r, tracker_module* m, int p, size_t at, const b
         }
         if (what & 64) {
             int volume = tracker_u8(&data);
-            put(&cell.fx[0], TFX_SET_VOLUME, volume > 64 ? 64 : volume);
+            tracker_put_fx(&cell.fx[0], TFX_SET_VOLUME, volume > 64 ? 64 : volume);
         }
         if (what & 128) {
             int command = tracker_u8(&data);
@@ -158,49 +153,49 @@ void tracker_decode_s3m_effect(tracker_module* m, int command, int param, bool i
     tracker_fx_slot* fx = &cell->fx[1];
     switch (command) {
     case 0: break;
-    case 'A' - '@': if (param) put(fx, TFX_SPEED, param > kMaxSpeed ? kMaxSpeed : param); break;
-    case 'B' - '@': put(fx, TFX_JUMP, param); break;
-    case 'C' - '@': put(fx, TFX_BREAK, it ? param : (param >> 4) * 10 + (param & 15)); break;
+    case 'A' - '@': if (param) tracker_put_fx(fx, TFX_SPEED, param > kMaxSpeed ? kMaxSpeed : param); break;
+    case 'B' - '@': tracker_put_fx(fx, TFX_JUMP, param); break;
+    case 'C' - '@': tracker_put_fx(fx, TFX_BREAK, it ? param : (param >> 4) * 10 + (param & 15)); break;
     case 'D' - '@': decode_volume_slide(param, fx); break;
     case 'E' - '@': decode_porta(param, false, fx); break;
     case 'F' - '@': decode_porta(param, true, fx); break;
-    case 'G' - '@': put(fx, TFX_TONE_PORTA, param); break;
-    case 'H' - '@': case 'U' - '@': put(fx, TFX_VIBRATO, param); break;
-    case 'I' - '@': put(fx, TFX_TREMOR, param); break;
-    case 'J' - '@': if (param) put(fx, TFX_ARPEGGIO, param); break;
+    case 'G' - '@': tracker_put_fx(fx, TFX_TONE_PORTA, param); break;
+    case 'H' - '@': case 'U' - '@': tracker_put_fx(fx, TFX_VIBRATO, param); break;
+    case 'I' - '@': tracker_put_fx(fx, TFX_TREMOR, param); break;
+    case 'J' - '@': if (param) tracker_put_fx(fx, TFX_ARPEGGIO, param); break;
     case 'K' - '@':
         decode_volume_slide(param, fx);
         tracker_lose(m, ZELFON_LOSS_VIBRATO);
         break;
     case 'L' - '@':
         // Portamento going on with a volume slide: the slide takes the free volume column.
-        put(fx, TFX_TONE_PORTA, 0);
+        tracker_put_fx(fx, TFX_TONE_PORTA, 0);
         if (cell->fx[0].kind == TFX_NONE) {
             decode_volume_slide(param, &cell->fx[0]);
         } else {
             tracker_lose(m, ZELFON_LOSS_SECOND_EFFECT);
         }
         break;
-    case 'M' - '@': case 'N' - '@': put(fx, TFX_CHANNEL_VOLUME, param); break;
-    case 'O' - '@': put(fx, TFX_SAMPLE_OFFSET, param); break;
-    case 'P' - '@': put(fx, TFX_PANNING_SLIDE, param); break;
-    case 'Q' - '@': put(fx, TFX_RETRIG, param); break;
-    case 'R' - '@': put(fx, TFX_TREMOLO, param); break;
+    case 'M' - '@': case 'N' - '@': tracker_put_fx(fx, TFX_CHANNEL_VOLUME, param); break;
+    case 'O' - '@': tracker_put_fx(fx, TFX_SAMPLE_OFFSET, param); break;
+    case 'P' - '@': tracker_put_fx(fx, TFX_PANNING_SLIDE, param); break;
+    case 'Q' - '@': tracker_put_fx(fx, TFX_RETRIG, param); break;
+    case 'R' - '@': tracker_put_fx(fx, TFX_TREMOLO, param); break;
     case 'S' - '@': decode_special(param, it, fx); break;
-    case 'T' - '@': put(fx, param >= 0x20 ? TFX_TEMPO : it ? TFX_TEMPO_SLIDE : TFX_OTHER, param); break;
-    case 'V' - '@': case 'W' - '@': put(fx, TFX_GLOBAL_VOLUME, param); break;
+    case 'T' - '@': tracker_put_fx(fx, param >= 0x20 ? TFX_TEMPO : it ? TFX_TEMPO_SLIDE : TFX_OTHER, param); break;
+    case 'V' - '@': case 'W' - '@': tracker_put_fx(fx, TFX_GLOBAL_VOLUME, param); break;
     case 'X' - '@':
         if (it) {
-            put(fx, TFX_SET_PAN, param);
+            tracker_put_fx(fx, TFX_SET_PAN, param);
         } else if (param <= 0x80) {
-            put(fx, TFX_SET_PAN, param >= 0x80 ? 255 : param * 2);
+            tracker_put_fx(fx, TFX_SET_PAN, param >= 0x80 ? 255 : param * 2);
         } else {
-            put(fx, TFX_SOUND_CONTROL, param);  // surround
+            tracker_put_fx(fx, TFX_SOUND_CONTROL, param);  // surround
         }
         break;
-    case 'Y' - '@': put(fx, TFX_PANBRELLO, param); break;
-    case 'Z' - '@': put(fx, TFX_MIDI, param); break;
-    default: put(fx, TFX_OTHER, param); break;
+    case 'Y' - '@': tracker_put_fx(fx, TFX_PANBRELLO, param); break;
+    case 'Z' - '@': tracker_put_fx(fx, TFX_MIDI, param); break;
+    default: tracker_put_fx(fx, TFX_OTHER, param); break;
     }
 }
 

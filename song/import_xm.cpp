@@ -30,8 +30,6 @@ enum : size_t {
     INS_FADEOUT = 239,
 };
 
-uint16_t le16(const uint8_t* p) { return (uint16_t)(p[0] | p[1] << 8); }
-
 // The volume column: set volume, slides, panning, tone portamento and vibrato.
 void decode_volume_column(int v, tracker_fx_slot* fx) {
     int y = v & 15;
@@ -113,7 +111,7 @@ void read_envelope(tracker_module* m, const uint8_t* in, uint8_t count, psynth_s
         count = PSYNTH_SAMPLER_ENV_POINTS;
     }
     for (int i = 0; i < PSYNTH_SAMPLER_ENV_POINTS; i++) {
-        uint16_t x = le16(in + 4 * i), y = le16(in + 4 * i + 2);
+        uint16_t x = tracker_le16(in + 4 * i), y = tracker_le16(in + 4 * i + 2);
         if (i < count && x >= PSYNTH_SAMPLER_ENV_TICKS) {
             tracker_lose(m, ZELFON_LOSS_ENVELOPE);
             x = PSYNTH_SAMPLER_ENV_TICKS - 1;
@@ -142,7 +140,7 @@ void read_instrument_fields(tracker_module* m, const uint8_t* h, psynth_sampler_
     ins->vibrato_sweep = h[INS_VIBRATO + 1];
     ins->vibrato_depth = h[INS_VIBRATO + 2];
     ins->vibrato_rate = h[INS_VIBRATO + 3];
-    ins->volume_fadeout = le16(h + INS_FADEOUT);
+    ins->volume_fadeout = tracker_le16(h + INS_FADEOUT);
 }
 
 void read_sample_header(tracker_reader* r, tracker_module* m, tracker_sample* ts) {
@@ -189,7 +187,7 @@ int read_instrument(tracker_reader* r, tracker_module* m, int i, int* pool) {
     tracker_seek(r, start + header_size);
     tracker_instrument* ti = &m->instruments[i];
     tracker_name(ti->ins.name, sizeof(ti->ins.name), h + INS_NAME, 22);
-    int samples = le16(h + INS_SAMPLES);
+    int samples = tracker_le16(h + INS_SAMPLES);
     if (samples > kMaxInstrumentSamples) return tracker_fail(m, ZELFON_IMPORT_TOO_LARGE, "instrument %d has %d samples", i + 1, samples);
     if (samples == 0) return 0;
     read_instrument_fields(m, h, &ti->ins);

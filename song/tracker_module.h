@@ -87,6 +87,11 @@ struct tracker_fx_slot {
     uint8_t param;
 };
 
+inline void tracker_put_fx(tracker_fx_slot* slot, int kind, int param) {
+    slot->kind = (uint8_t)kind;
+    slot->param = (uint8_t)param;
+}
+
 // One cell: slot 0 holds what the volume column asks, slot 1 the effect column.
 struct tracker_cell {
     uint8_t note;
@@ -150,6 +155,8 @@ uint16_t tracker_u16be(tracker_reader* r);
 uint32_t tracker_u32le(tracker_reader* r);
 // Copies n bytes (zeros past the end).
 void tracker_bytes(tracker_reader* r, void* out, size_t n);
+// A little-endian 16-bit field of a block already checked to be in the file.
+inline uint16_t tracker_le16(const uint8_t* p) { return (uint16_t)(p[0] | p[1] << 8); }
 void tracker_skip(tracker_reader* r, size_t n);
 // Moves to `pos`; a position past the end sets `cut`.
 void tracker_seek(tracker_reader* r, size_t pos);
