@@ -129,7 +129,7 @@ int add_sampler(builder* b, int i, int position) {
         snprintf(name, sizeof(name), "Instrument %d", i + 1);
     }
     int x = 128 + (position % 8) * 112, y = 96 + (position / 8) * 80;
-    int mod = psynth_add_synth(-1, psynth_sampler, name, 0, x, y, m->bpm, m->speed, net);
+    int mod = psynth_add_synth(-1, psynth_sampler, name, 0, x, y, b->song->bpm, b->song->speed, net);
     if (mod < 0) return -1;
     for (int k = 0; k < ti->samples_num; k++) {
         if (!copy_sample(mod, k, &m->samples[ti->sample_of[k]], net)) return -1;
@@ -586,7 +586,7 @@ int tracker_build_song(tracker_module* m, zelfon_song* song) {
         b->ch[c].volume = kFormatVolumeMax;
         b->ch[c].pan = m->channel_pan[c];
     }
-    int bpm = m->bpm < ZELFON_BPM_MIN ? ZELFON_BPM_MIN : m->bpm;
+    int bpm = m->bpm < ZELFON_BPM_MIN ? ZELFON_BPM_MIN : m->bpm > ZELFON_BPM_MAX ? ZELFON_BPM_MAX : m->bpm;
     int speed = m->speed < 1 ? 1 : m->speed > 31 ? 31 : m->speed;
     song->bpm = (uint16_t)bpm;
     song->speed = (uint8_t)speed;
