@@ -359,8 +359,15 @@ void convert_effect(builder* b, channel_state* cs, tracker_fx_slot fx, bool has_
         if ((x >> 4) != 0 && (x >> 4) != 8 && out->counting) tracker_lose(b->m, ZELFON_LOSS_RETRIGGER_VOLUME);
         break;
     case TFX_NOTE_CUT:
-        put_effect(b, out, FX_CUT, x, priority);
-        if (instrument_has_volume_envelope(b, cs) && out->counting) tracker_lose(b->m, ZELFON_LOSS_NOTE_CUT);
+        if (!has_note) {
+            // A cut silences the note where it is: velocity 0, at tick x through a delayed cell.
+            cs->volume = 0;
+            out->set_volume = true;
+            if (x) put_effect(b, out, FX_DELAY, x, priority);
+        } else {
+            put_effect(b, out, FX_CUT, x, priority);
+            if (instrument_has_volume_envelope(b, cs) && out->counting) tracker_lose(b->m, ZELFON_LOSS_NOTE_CUT);
+        }
         break;
     case TFX_KEY_OFF:
         put_effect(b, out, FX_CUT, x, priority);

@@ -121,7 +121,7 @@ TEST_F(ImportXmTest, CellsCarryNotesVolumesPanningsAndEffects) {
     expect_cell(2, 0, {0, 0, 0, 0x0A, 0, 8 << 8});
     expect_cell(3, 0, {0, 0, 0, 0x0A, 0, 12});
     expect_cell(4, 0, {ZELFON_NOTE_OFF, 0, 0, 0, 0, 0});
-    expect_cell(4, 1, {0, 0, 0, 0x1C, 0, 2});
+    expect_cell(4, 1, {0, 1, 0, 0x1D, 0, 2});  // the cut: velocity 0 at tick 2
     expect_cell(5, 1, {61, 0, (uint16_t)keys, 0x1D, 0, 3});
     expect_cell(6, 2, {0, 0, 0, 0x19, 0, 2});
     expect_cell(7, 3, {0, 0, 0, 0x0F, 0, 3});
@@ -152,6 +152,18 @@ TEST_F(ImportXmTest, NotePlaysAtTheRateOfItsRelativeNoteAndFinetune) {
     ASSERT_EQ(import(tw_write_xm(s)), 0) << report.error;
     double expected = 8363.0 * std::exp2((57 + 2 + 0.5 - 48) / 12.0) / 32;
     EXPECT_NEAR(note_frequency(2), expected, expected * 0.003);
+}
+
+TEST_F(ImportXmTest, NoteCutSilencesAtItsTick) {
+    tw_song s = tw_tone_song(49, 0);
+    s.cells.push_back({0, 1, 0, -1, 0, -1, 0xE, 0xC2});  // cut on line 1, tick 2: frame 5292 + 2 × 882
+    ASSERT_EQ(import(tw_write_xm(s)), 0) << report.error;
+    play(0);
+    std::vector<int16_t> out = render(12000, 1001);
+    auto part = [&](int from, int to) { return std::vector<int16_t>(out.begin() + 2 * from, out.begin() + 2 * to); };
+    EXPECT_GT(count_loud(part(0, 7056), 1000), 1000);
+    // The Sampler takes the velocity at its next tick and glides to it over one more.
+    EXPECT_EQ(count_loud(part(7056 + 2 * 882, 12000), 0), 0);
 }
 
 TEST_F(ImportXmTest, EveryCutOfTheFileImportsOrFailsCleanly) { sweep_truncations(tw_rich_file("xm")); }
