@@ -39,7 +39,7 @@ const char* const kLossTexts[] = {
     "effects dropped where a cell already holds one",
     "pannings dropped where a cell holds an effect",
     "volume changes of multi retriggers",
-    "note cuts and fades played as note-offs",
+    "note cuts with a note and note fades, played as note-offs",
     "sample offsets beyond 65535 frames",
     "volumes above the sample's own volume",
     "song loop to a later order (the song restarts from the start)",

@@ -51,7 +51,7 @@ enum zelfon_import_loss : int {
     ZELFON_LOSS_SECOND_EFFECT,      // an effect dropped because its cell already holds one
     ZELFON_LOSS_PANNING_IN_CELL,    // a panning dropped because its cell holds an effect
     ZELFON_LOSS_RETRIGGER_VOLUME,   // volume changes of a multi retrigger
-    ZELFON_LOSS_NOTE_CUT,           // note cuts and fades, played as note-offs
+    ZELFON_LOSS_NOTE_CUT,           // note cuts on a new note and note fades, played as note-offs
     ZELFON_LOSS_HIGH_OFFSET,        // sample offsets beyond 65535 frames
     ZELFON_LOSS_LOUD_VOLUME,        // volumes above the sample's own, played at the sample's
     ZELFON_LOSS_FLOW,               // a jump back to a later order: the song restarts from the start

@@ -402,9 +402,12 @@ void convert_cell(builder* b, int c, const tracker_cell* tc, zelfon_cell* dest, 
                 cs->sample = sample_for_note(b, cs->instrument, cs->semitone);
             }
         }
+    } else if (tc->note == TRACKER_NOTE_CUT) {
+        cs->volume = 0;  // silence at once: velocity 0
+        out.set_volume = true;
     } else if (tc->note >= TRACKER_NOTE_OFF) {
         out.cell.note = ZELFON_NOTE_OFF;
-        if (tc->note != TRACKER_NOTE_OFF && instrument_has_volume_envelope(b, cs) && counting) tracker_lose(m, ZELFON_LOSS_NOTE_CUT);
+        if (tc->note == TRACKER_NOTE_FADE && instrument_has_volume_envelope(b, cs) && counting) tracker_lose(m, ZELFON_LOSS_NOTE_CUT);
     }
     // An instrument number restores the sample's own volume (and, where the format says so, its panning).
     bool volume_reset = false;

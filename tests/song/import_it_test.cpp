@@ -81,11 +81,11 @@ TEST_F(ImportItTest, CellsTimelineAndVolumeColumn) {
     // Portamento down 12 from the volume column: 12 × 16 pitch units on 3 of 4 ticks.
     expect_cell(1, 0, {0, 0, 0, 0x02, 0, 36});
     expect_cell(3, 0, {ZELFON_NOTE_OFF, 0, 0, 0, 0, 0});
-    expect_cell(4, 1, {ZELFON_NOTE_OFF, 0, 0, 0, 0, 0});
+    expect_cell(4, 1, {0, 1, 0, 0, 0, 0});  // a note cut: velocity 0
     expect_cell(5, 2, {61, 0, keys, 0x1D, 0, 2});
     expect_cell(6, 2, {61, 0, keys, 0x1D, 0, 2});
     EXPECT_EQ(report.losses[ZELFON_LOSS_TEMPO_SLIDE], 1);
-    EXPECT_EQ(report.losses[ZELFON_LOSS_NOTE_CUT], 1);  // the instrument has a volume envelope
+    EXPECT_EQ(report.losses[ZELFON_LOSS_NOTE_CUT], 0);
     EXPECT_EQ(report.losses[ZELFON_LOSS_PANNING_IN_CELL], 3);
 }
 

@@ -46,11 +46,10 @@ TEST_F(ImportS3mTest, CellsTimelineAndEffects) {
     expect_cell(3, 0, {0, 0, 0, 0x0F, 0, 3});
     expect_cell(3, 1, {0, 0, 0, 0x0F, 0, 144});
     expect_cell(4, 2, {0, 0, 0, 0x19, 0, 2});
-    expect_cell(6, 0, {ZELFON_NOTE_OFF, 0, 0, 0, 0, 0});
+    expect_cell(6, 0, {0, 1, 0, 0, 0, 0});  // a note cut: velocity 0
     EXPECT_EQ(report.losses[ZELFON_LOSS_RETRIGGER_VOLUME], 1);
     EXPECT_EQ(report.losses[ZELFON_LOSS_VIBRATO], 1);
     EXPECT_EQ(report.losses[ZELFON_LOSS_PANNING_IN_CELL], 1);
-    EXPECT_EQ(report.losses[ZELFON_LOSS_NOTE_CUT], 0);  // no envelope: a note-off silences at once
 }
 
 TEST_F(ImportS3mTest, NotePlaysAtTheSampleSpeed) {
