@@ -44,8 +44,8 @@ enum : uint8_t {
     FX_DELAY = 0x1D,
 };
 
-// Who wins the one effect field of a cell: tempo first, then the effect column.
-enum { PRIORITY_VOLUME_COLUMN = 1, PRIORITY_EFFECT_COLUMN = 2, PRIORITY_TEMPO = 3 };
+// Who wins the one effect field of a cell: the effect column.
+enum { PRIORITY_VOLUME_COLUMN = 1, PRIORITY_EFFECT_COLUMN = 2 };
 
 struct channel_state {
     int instrument;  // −1 none
@@ -349,11 +349,8 @@ void convert_effect(builder* b, channel_state* cs, tracker_fx_slot fx, bool has_
         put_effect(b, out, FX_SAMPLE_OFFSET, x, priority);
         break;
     case TFX_SPEED:
-        if (x) put_effect(b, out, FX_SPEED, x, PRIORITY_TEMPO);
-        break;
     case TFX_TEMPO:
-        put_effect(b, out, FX_SPEED, x, PRIORITY_TEMPO);
-        break;
+        break;  // the song's, not the channel's: convert_row places it
     case TFX_RETRIG:
         if (x & 15) put_effect(b, out, FX_RETRIGGER, x & 15, priority);
         if ((x >> 4) != 0 && (x >> 4) != 8 && out->counting) tracker_lose(b->m, ZELFON_LOSS_RETRIGGER_VOLUME);
@@ -475,6 +472,24 @@ row_flow read_row_flow(builder* b, int p, int row) {
 // Converts row `row` of pattern p into `line` (a pattern's line of cells), or only follows
 // it when `line` is null (a clone replays a run already written). A speed set on the row
 // counts for the slides of the whole row.
+bool effect_field_free(const zelfon_cell* cell) { return cell->effect == 0 && cell->ctl == 0; }
+
+// Speed and tempo belong to the song, not to a channel: each takes a free effect field of
+// the line, its own channel's first, so that it does not push out a channel's effect.
+void place_tempo(builder* b, zelfon_cell* line, int own_track, int value) {
+    int t = own_track >= 0 && effect_field_free(&line[own_track]) ? own_track : -1;
+    for (int i = 0; i < b->tracks && t < 0; i++) {
+        if (effect_field_free(&line[i])) t = i;
+    }
+    if (t < 0) {
+        t = own_track >= 0 ? own_track : 0;
+        tracker_lose(b->m, ZELFON_LOSS_SECOND_EFFECT);
+    }
+    line[t].effect = FX_SPEED;
+    line[t].ctl = 0;
+    line[t].value = (uint16_t)value;
+}
+
 void convert_row(builder* b, int p, int row, zelfon_cell* line) {
     tracker_module* m = b->m;
     for (int c = 0; c < m->channels; c++) {
@@ -486,6 +501,12 @@ void convert_row(builder* b, int p, int row, zelfon_cell* line) {
     for (int c = 0; c < m->channels; c++) {
         int t = b->track_of[c];
         if (t >= 0) convert_cell(b, c, tracker_cell_at(m, p, row, c), line ? &line[t] : &scratch, line != nullptr);
+    }
+    if (!line) return;
+    for (int c = 0; c < m->channels; c++) {
+        for (const tracker_fx_slot& fx : tracker_cell_at(m, p, row, c)->fx) {
+            if ((fx.kind == TFX_SPEED && fx.param) || fx.kind == TFX_TEMPO) place_tempo(b, line, b->track_of[c], fx.param);
+        }
     }
 }
 

@@ -154,6 +154,17 @@ TEST_F(ImportXmTest, NotePlaysAtTheRateOfItsRelativeNoteAndFinetune) {
     EXPECT_NEAR(note_frequency(2), expected, expected * 0.003);
 }
 
+TEST_F(ImportXmTest, TempoTakesAFreeTrackRatherThanAChannelsEffect) {
+    tw_song s = tw_tone_song(49, 0);
+    s.channels = 2;
+    s.cells.push_back({0, 1, 0, -1, 0, 0x62, 0xF, 0x07});  // a volume slide and speed 7 in one cell
+    s.cells.push_back({0, 3, 1, 49, 1});
+    ASSERT_EQ(import(tw_write_xm(s)), 0) << report.error;
+    expect_cell(1, 0, {0, 0, 0, 0x0A, 0, (uint16_t)std::lround(2 * 6.0 / 7 * 256 / 64)});
+    expect_cell(1, 1, {0, 0, 0, 0x0F, 0, 7});
+    EXPECT_EQ(report.losses[ZELFON_LOSS_SECOND_EFFECT], 0);
+}
+
 TEST_F(ImportXmTest, NoteCutSilencesAtItsTick) {
     tw_song s = tw_tone_song(49, 0);
     s.cells.push_back({0, 1, 0, -1, 0, -1, 0xE, 0xC2});  // cut on line 1, tick 2: frame 5292 + 2 × 882
