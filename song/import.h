@@ -4,8 +4,8 @@
 //
 // Error convention: the importers return 0 on success, −1 when the file cannot be opened,
 // or one of the ZELFON_IMPORT_* codes below with a one-line reason in the report's
-// `error`. They never print; the caller shows the report. GUI thread (or any thread that
-// owns the song), with playback stopped: the song is emptied and refilled.
+// `error`. They never print; the caller shows the report. GUI thread: an import stops
+// playback and holds the sound stream off the song while it rebuilds it.
 #pragma once
 
 #include <cstddef>
@@ -64,7 +64,7 @@ enum zelfon_import_loss : int {
     ZELFON_LOSS_SUSTAIN_LOOP,       // sample sustain loops
     ZELFON_LOSS_ENVELOPE,           // envelope points beyond 12 or 512 ticks, sustain loops, pitch envelopes
     ZELFON_LOSS_NOTE_MAP,           // note transpositions in an instrument's note map
-    ZELFON_LOSS_UNUSUAL_FLAG,       // flags the song's player does not follow (old effects, Amiga limits…)
+    ZELFON_LOSS_UNUSUAL_FLAG,       // flags the song's player does not follow (IT's old-effects mode)
     ZELFON_LOSS_KINDS
 };
 
@@ -83,9 +83,10 @@ struct zelfon_import_report {
     int losses[ZELFON_LOSS_KINDS];     // count of each kind of loss
 };
 
-// Imports the tracker file at `path` (a v3 path) into `song`, which must have been made by
-// zelfon_song_init: its patterns and modules are replaced. On success the song is marked
-// loaded. Returns 0 or an error code (see above); the report is always filled.
+// Imports the tracker file at `path` (a v3 path) into `song`, made by zelfon_song_init.
+// A file that cannot be read leaves the song untouched; once it is read, the song's
+// patterns and modules are replaced and the song is marked loaded (holding what was made
+// when building it failed midway). Returns 0 or an error code; the report is always filled.
 int zelfon_import_song(const char* path, zelfon_song* song, zelfon_import_report* report);
 // The same from `size` bytes in memory (for the fuzzers and tests).
 int zelfon_import_song_from_memory(const uint8_t* data, size_t size, zelfon_song* song,
@@ -97,6 +98,6 @@ zelfon_import_format zelfon_import_format_of(const uint8_t* data, size_t size);
 const char* zelfon_import_format_name(int format);
 // The user's words for a kind of loss. Any thread.
 const char* zelfon_import_loss_text(int kind);
-// Writes one line per kind of loss that occurred ("12 × vibrato effects\n"), cut to fit
+// Writes one line per kind of loss that occurred ("12 x vibrato effects\n"), cut to fit
 // `size` bytes; returns the number of such lines. Any thread.
 int zelfon_import_report_losses(const zelfon_import_report* report, char* out, size_t size);
