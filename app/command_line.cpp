@@ -1,4 +1,4 @@
-// Command-line jobs: "export", "export-midi", "info", "demo", "sample-info" and "module"
+// Command-line jobs: "export", "export-midi", "info", "demo", "sample-info", "module" and "import"
 // (and the real-time "play" and "devices" of app/realtime.cpp). A missing SONG argument
 // means the bundled demo song. Outputs are written beside their target and renamed into
 // place by the savers, so a failed job never leaves a half-written file.
@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "app/realtime.h"
+#include "engine/file.h"
 #include "engine/profile.h"
 #include "psynth/psynth_dsp.h"
 #include "psynth/psynth_modules.h"
@@ -19,6 +20,7 @@
 #include "psynth/vorbis_player.h"
 #include "song/demo.h"
 #include "song/export.h"
+#include "song/import.h"
 #include "song/song_file.h"
 
 namespace {
@@ -34,6 +36,7 @@ const char* const kUsage =
     "  demo OUT.zelfon\n"
     "  sample-info FILE [--raw float32|int16|int8|uint8] [--channels 1|2]\n"
     "  module vorbis IN.ogg OUT.zelfon   (a song that plays the file once on a Vorbis player)\n"
+    "  import IN.xm|mod|s3m|it OUT.zelfon\n"
     "  play [SONG] [--driver jack|pulse|alsa] [--device N] [--buffer FRAMES] [--rate HZ]\n"
     "  devices\n"
     "Without SONG the bundled demo song is used; without COMMAND the demo is exported to zelfon_demo.wav.\n";
@@ -281,6 +284,48 @@ int make_module_song(const options& o) {
     return error.empty() ? 0 : fail(error);
 }
 
+// True when nothing is at `path` or a song file is (which a new song may replace).
+bool may_write_song(const char* path) {
+    int fd = v3_open(path, "rb");
+    if (!fd) return true;
+    char magic[4] = {};
+    size_t got = v3_read(magic, 1, sizeof(magic), fd);
+    v3_close(fd);
+    return got == sizeof(magic) && memcmp(magic, "ZFON", 4) == 0;
+}
+
+void print_import_summary(const char* in, const zelfon_song* song, const zelfon_import_report* report) {
+    printf("Imported %s (%s) \"%s\": %d tracks, %d lines; patterns %d, clones %d; Samplers %d, samples %d\n", in,
+           zelfon_import_format_name(report->format), song->name ? song->name : "", report->channels, report->lines,
+           report->patterns, report->clones, report->instruments, report->samples);
+    char losses[4096];
+    if (zelfon_import_report_losses(report, losses, sizeof(losses)) == 0) {
+        printf("Everything was carried over.\n");
+    } else {
+        printf("Not carried over:\n%s", losses);
+    }
+}
+
+int import_song(const options& o) {
+    if (o.positional.size() != 2) return fail("import needs IN OUT.zelfon");
+    const char* in = o.positional[0];
+    const char* out = o.positional[1];
+    if (!may_write_song(out)) return fail(std::string(out) + " exists and is not a song: not overwritten");
+    zelfon_song song;
+    if (zelfon_song_init(0, kDefaultRate, &song)) return fail("out of memory");
+    zelfon_import_report report;
+    std::string error;
+    if (zelfon_import_song(in, &song, &report)) {
+        error = "cannot import " + std::string(in) + ": " + report.error;
+    } else if (zelfon_save_song(out, ZELFON_VERSION_MAJOR, ZELFON_VERSION_MINOR, &song)) {
+        error = "cannot write " + std::string(out);
+    } else {
+        print_import_summary(in, &song, &report);
+    }
+    zelfon_song_close(&song);
+    return error.empty() ? 0 : fail(error);
+}
+
 }  // namespace
 
 int zelfon_is_command(const char* word) {
@@ -312,6 +357,7 @@ int zelfon_command_line(int argc, char** argv) {
     if (!strcmp(command, "demo")) return write_demo(o);
     if (!strcmp(command, "sample-info")) return sample_info(o);
     if (!strcmp(command, "module")) return make_module_song(o);
+    if (!strcmp(command, "import")) return import_song(o);
     fputs(kUsage, stderr);
     return fail(std::string("unknown command ") + command);
 }

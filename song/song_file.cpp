@@ -346,8 +346,7 @@ static int take_song_chunk(song_load_state* st, zelfon_chunk_reader* r, zelfon_s
     return 0;
 }
 
-// Stops playback and gives the song a fresh net and an empty pattern table.
-static void reset_song(zelfon_song* song) {
+void zelfon_reset_song(zelfon_song* song) {
     if (song->playing) zelfon_stop(song);
     song->loaded = 0;
     zelfon_remove_all_patterns(song);
@@ -434,7 +433,7 @@ static int load_song(const char* path, zelfon_song* song) {
         tarvik_log("zelfon_load_song(): the song has no net\n");
         return ZELFON_LOAD_CANT_OPEN;
     }
-    reset_song(song);
+    zelfon_reset_song(song);
 
     song_load_state st;
     memset(&st.pattern, 0, sizeof(st.pattern));

@@ -15,6 +15,7 @@
 #include "engine/memory.h"
 #include "engine/profile.h"
 #include "psynth/ogg_tone.h"
+#include "song/tracker_writers.h"
 
 namespace {
 
@@ -106,6 +107,31 @@ TEST_F(CommandLineTest, ErrorsExitNonZeroAndLeaveNothingBehind) {
         std::string name = entry.path().filename().string();
         EXPECT_TRUE(name == "garbage.zelfon" || name == "junk.ogg" || name == "zelfon_log.txt") << name;
     }
+}
+
+// "import IN OUT.zelfon" writes a song that loads and plays, prints what it made and what
+// it could not carry over, and never replaces a file that is not a song.
+TEST_F(CommandLineTest, ImportWritesASongAndSaysWhatWasLost) {
+    tw_bytes xm = tw_rich_file("xm");
+    std::ofstream(path("rich.xm"), std::ios::binary).write((const char*)xm.data(), (std::streamsize)xm.size());
+    std::string out = stdout_of({"import", path("rich.xm"), path("rich.zelfon")}, 0);
+    EXPECT_NE(out.find("(XM) \"Rich test song\": 4 tracks, 57 lines; patterns 5, clones 2; Samplers 2, samples 3"),
+              std::string::npos) << out;
+    EXPECT_NE(out.find("Not carried over:\n1 x vibrato effects\n"), std::string::npos) << out;
+    EXPECT_EQ(read(path("rich.zelfon")).substr(0, 4), "ZFON");
+    EXPECT_NE(stdout_of({"info", path("rich.zelfon")}, 0).find("Length: 57 lines"), std::string::npos);
+    ASSERT_EQ(run({"export", path("rich.zelfon"), path("rich.wav")}), 0);
+    EXPECT_GT(read(path("rich.wav")).size(), 44u);
+    // An existing song may be replaced; anything else may not.
+    EXPECT_EQ(run({"import", path("rich.xm"), path("rich.zelfon")}), 0);
+    std::ofstream(path("notes.txt")) << "my notes";
+    EXPECT_NE(run({"import", path("rich.xm"), path("notes.txt")}), 0);
+    EXPECT_EQ(read(path("notes.txt")), "my notes");
+    std::ofstream(path("cut.xm"), std::ios::binary).write((const char*)xm.data(), 400);
+    EXPECT_NE(run({"import", path("cut.xm"), path("cut.zelfon")}), 0);
+    EXPECT_NE(run({"import", path("missing.it"), path("missing.zelfon")}), 0);
+    EXPECT_FALSE(fs::exists(path("cut.zelfon")));
+    EXPECT_FALSE(fs::exists(path("missing.zelfon")));
 }
 
 // "module vorbis IN.ogg OUT.zelfon" writes a song whose export holds the Ogg file's tone
