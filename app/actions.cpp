@@ -20,6 +20,7 @@ const app_action kActions[] = {
     {"open", "Open...", "File", "Ctrl+O", studio_files_open},
     {"save", "Save", "File", "Ctrl+S", studio_files_save},
     {"save_as", "Save As...", "File", "Ctrl+Shift+S", studio_files_save_as},
+    {"import", "Import (XM, MOD, S3M, IT)...", "File", "Ctrl+Shift+I", studio_files_import},
     {"export", "Export...", "File", "Ctrl+E", studio_export_open},
     {"load_sample", "Load Sample as New Sampler...", "File", "", studio_load_sample},
     {"quit", "Quit", "File", "Ctrl+Q", studio_files_quit},

@@ -62,7 +62,7 @@ void draw_menu_bar(studio* st) {
         for (int a = 0; a < APP_ACTIONS; a++) {
             const app_action* action = app_action_get(a);
             if (!action->menu || strcmp(action->menu, menu)) continue;
-            if (a == APP_QUIT || a == APP_EXPORT || a == APP_PREFERENCES || a == APP_CUT || a == APP_TRANSPOSE_UP) ImGui::Separator();
+            if (a == APP_QUIT || a == APP_IMPORT || a == APP_PREFERENCES || a == APP_CUT || a == APP_TRANSPOSE_UP) ImGui::Separator();
             char keys[96];
             app_key_binding_format(&st->keys[a], keys, sizeof keys);
             if (ImGui::MenuItem(action->label, keys, action_checked(st, a))) app_action_run(st, a);

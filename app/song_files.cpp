@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <strings.h>
 
 #include "app/studio_windows.h"
 #include "engine/file.h"
@@ -14,6 +15,7 @@
 #include "engine/profile.h"
 #include "engine/sound.h"
 #include "song/devices.h"
+#include "song/import.h"
 #include "song/playback.h"
 #include "song/song_file.h"
 
@@ -21,6 +23,7 @@ namespace {
 
 constexpr const char* kSongMask = "zelfon";
 constexpr const char* kSongMagic = "ZFON";
+constexpr const char* kTrackerMask = "xm/mod/s3m/it";
 
 bool dirty(const studio* st) { return st->changes != st->saved_changes; }
 
@@ -111,6 +114,10 @@ void run_pending(studio* st) {
         break;
     case STUDIO_PENDING_OPEN_PATH: studio_files_load(st, st->pending_path); break;
     case STUDIO_PENDING_QUIT: st->quit = 1; break;
+    case STUDIO_PENDING_IMPORT:
+        studio_files_dialog(st, STUDIO_FILE_IMPORT, "Import a song of another tracker", kTrackerMask, 0, "");
+        break;
+    case STUDIO_PENDING_IMPORT_PATH: studio_files_import_path(st, st->pending_path); break;
     default: break;
     }
 }
@@ -176,6 +183,10 @@ int studio_files_dialog_result(studio* st, int purpose, const char* path) {
     if (slash) *slash = 0;
     if (purpose == STUDIO_FILE_OPEN_SONG) {
         studio_files_load(st, path);
+        return 1;
+    }
+    if (purpose == STUDIO_FILE_IMPORT) {
+        studio_files_import_path(st, path);
         return 1;
     }
     if (purpose == STUDIO_FILE_SAVE_SONG) {
@@ -266,6 +277,49 @@ void studio_files_open_path(studio* st, const char* path) {
 void studio_files_quit(studio* st) {
     if (st->pending == STUDIO_PENDING_QUIT && gui_message_box_open(&st->boxes)) return;  // already asking
     ask_then(st, STUDIO_PENDING_QUIT);
+}
+
+void studio_files_import(studio* st) { ask_then(st, STUDIO_PENDING_IMPORT); }
+
+void studio_files_drop(studio* st, const char* path) {
+    const char* dot = strrchr(base_name(path), '.');
+    const char* kind = dot ? dot + 1 : "";
+    snprintf(st->pending_path, sizeof st->pending_path, "%s", path);
+    if (!strcasecmp(kind, "zelfon")) ask_then(st, STUDIO_PENDING_OPEN_PATH);
+    else if (!strcasecmp(kind, "xm") || !strcasecmp(kind, "mod") || !strcasecmp(kind, "s3m") || !strcasecmp(kind, "it"))
+        ask_then(st, STUDIO_PENDING_IMPORT_PATH);
+    else studio_load_sample_path(st, path);
+}
+
+void studio_files_import_path(studio* st, const char* path) {
+    zelfon_song* song = (zelfon_song*)mem_new(MEM_DYNAMIC, sizeof(zelfon_song), "studio_song");
+    if (!song || zelfon_song_init(0, st->rate, song)) {
+        mem_free(song);
+        studio_message(st, "!Not enough memory to import the song", "OK", nullptr, nullptr);
+        return;
+    }
+    zelfon_import_report report;
+    int error = zelfon_import_song(path, song, &report);
+    char text[GUI_MESSAGE_TEXT_SIZE];
+    if (error) {
+        zelfon_song_close(song);
+        mem_free(song);
+        snprintf(text, sizeof text, "!Cannot import %s:\n%s", base_name(path),
+                 error == ZELFON_IMPORT_CANT_OPEN ? "the file cannot be opened" : report.error);
+        studio_message(st, text, "OK", nullptr, nullptr);
+        return;
+    }
+    studio_files_backup(st, "import");
+    studio_files_replace_song(st, song, "");
+    st->saved_changes = st->changes - 1;  // a new song that has no file yet
+    int n = snprintf(text, sizeof text, "!Imported %s (%s): %d tracks, %d lines, %d patterns (%d clones), %d Samplers.",
+                     base_name(path), zelfon_import_format_name(report.format), report.channels, report.lines,
+                     report.patterns, report.clones, report.instruments);
+    char losses[GUI_MESSAGE_TEXT_SIZE];
+    if (zelfon_import_report_losses(&report, losses, sizeof losses) > 0 && n > 0 && n < (int)sizeof text) {
+        snprintf(text + n, sizeof text - n, "\n\nNot carried over:\n%.400s", losses);
+    }
+    studio_message(st, text, "OK", nullptr, nullptr);
 }
 
 void studio_files_save(studio* st) {

@@ -124,19 +124,13 @@ int script_command(const char* line, void* data) {
 
 // ---- Events ----
 
-void handle_drop(studio* st, const char* path) {
-    const char* dot = strrchr(path, '.');
-    if (dot && !SDL_strcasecmp(dot, ".zelfon")) studio_files_open_path(st, path);
-    else studio_load_sample_path(st, path);
-}
-
 void handle_event(studio* st, SDL_Event* e) {
     switch (e->type) {
     case SDL_QUIT:
         studio_files_quit(st);
         break;
     case SDL_DROPFILE:
-        handle_drop(st, e->drop.file);
+        studio_files_drop(st, e->drop.file);
         SDL_free(e->drop.file);
         break;
     case SDL_MOUSEBUTTONDOWN:

@@ -37,6 +37,8 @@ enum studio_file_purpose : int {
     STUDIO_FILE_SAVE_SONG,
     STUDIO_FILE_EXPORT,
     STUDIO_FILE_LOAD_SAMPLE,
+    STUDIO_FILE_IMPORT,
+    STUDIO_FILE_PURPOSES
 };
 
 // What waits for the answer to "save changes?" (or for a Save As started by it).
@@ -46,6 +48,8 @@ enum studio_pending : int {
     STUDIO_PENDING_OPEN,       // the file dialog
     STUDIO_PENDING_OPEN_PATH,  // pending_path
     STUDIO_PENDING_QUIT,
+    STUDIO_PENDING_IMPORT,     // the file dialog for another tracker's song
+    STUDIO_PENDING_IMPORT_PATH,  // pending_path, another tracker's song
 };
 
 // Lines of the log, copied by the log printer's listener.
@@ -184,7 +188,7 @@ struct studio {
     gui_message_boxes boxes;
     gui_file_dialog file_dialog;
     int file_purpose;
-    char last_folder[5][STUDIO_PATH_SIZE];  // per studio_file_purpose
+    char last_folder[STUDIO_FILE_PURPOSES][STUDIO_PATH_SIZE];  // per studio_file_purpose
     char recent[STUDIO_RECENT_FILES][STUDIO_PATH_SIZE];
     int pending;
     char pending_path[STUDIO_PATH_SIZE];

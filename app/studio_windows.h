@@ -66,6 +66,13 @@ void studio_files_open_path(studio* st, const char* path);
 void studio_files_save(studio* st);
 void studio_files_save_as(studio* st);
 void studio_files_quit(studio* st);
+// Another tracker's song (XM, MOD, S3M, IT) in place of the open one, with what could not be
+// carried over shown after.
+void studio_files_import(studio* st);
+void studio_files_import_path(studio* st, const char* path);
+// A file dropped on the window: a song opens, another tracker's song is imported, anything
+// else becomes a new Sampler.
+void studio_files_drop(studio* st, const char* path);
 // Writes the backup before a risky operation (`why` for the log). Returns 0, non-zero on failure.
 int studio_files_backup(studio* st, const char* why);
 // The timed backup, once a frame.

@@ -11,6 +11,7 @@
 #include "psynth/sample_file.h"
 #include "psynth/sampler.h"
 #include "song/export.h"
+#include "song/tracker_writers.h"
 
 namespace {
 
@@ -107,6 +108,25 @@ TEST_F(StudioTest, AnUnknownFileTakesTheRawPathThroughTheEngineMessages) {
     ASSERT_EQ(psynth_get_chunk_info(sampler, psynth_sampler_data_chunk(0), &bytes, nullptr, nullptr, net), 0);
     EXPECT_EQ(bytes, 4000);  // 2000 mono 16-bit frames: the file's bytes as they are
     EXPECT_EQ(memcmp(psynth_get_chunk(sampler, psynth_sampler_data_chunk(0), net), noise.data(), 4000), 0);
+    zelfon_song_close(&song);
+}
+
+TEST_F(StudioTest, AnotherTrackersSongIsImportedWithWhatItLost) {
+    tw_bytes xm = tw_rich_file("xm");
+    write_file(dir / "rich.xm", std::string(xm.begin(), xm.end()));
+    std::string script =
+        "drop " + (dir / "rich.xm").string() + "\n"
+        "expect message Imported rich.xm (XM)\n"
+        "screenshot " + shot("import_summary.png") + "\n"
+        "click_id msgbox.button.0\n"
+        "expect dirty 1\n"
+        "save_song " + (dir / "imported.zelfon").string() + "\n"
+        "quit\nclick_id msgbox.button.1\n";
+    ASSERT_EQ(run_studio(script), 0) << output();
+    EXPECT_NE(output().find("Not carried over"), std::string::npos) << output();
+    zelfon_song song;
+    load(dir / "imported.zelfon", &song);
+    EXPECT_GT(song.sorted_pats_count, 0);
     zelfon_song_close(&song);
 }
 
