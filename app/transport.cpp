@@ -90,6 +90,12 @@ void studio_play_stop(studio* st) {
 }
 
 void studio_transport_update(studio* st, float seconds) {
+    // While a pattern plays in a loop, the next loop plays the pattern the cursor is in.
+    zelfon_song* song = st->song;
+    if (studio_is_playing(st) && song->looped_pattern >= 0 && st->current_pattern >= 0 &&
+        song->looped_pattern != st->current_pattern && song->next_looped_pattern != st->current_pattern) {
+        zelfon_set_next_looped_pattern(st->current_pattern, song);
+    }
     if (st->sound_ok) {
         int got = sound_stream_read_scope(st->scope, STUDIO_SCOPE_FRAMES);
         if (got < STUDIO_SCOPE_FRAMES) memset(st->scope + got * 2, 0, sizeof(float) * 2 * (STUDIO_SCOPE_FRAMES - got));
