@@ -96,10 +96,9 @@ void report(studio* st, int result) {
     }
 }
 
-void move_cursor(studio* st, int tracks, int lines, bool extend) {
-    int slot;
-    zelfon_pattern* p = current(st, &slot);
-    if (!p) return;
+// Before the cursor moves: with `extend` the selection grows from where it stands (its
+// anchor is the cursor when none was there); without, the selection goes.
+void start_move(studio* st, bool extend) {
     studio_pattern_editor* e = &st->pattern;
     if (extend && !e->has_selection) {
         e->has_selection = 1;
@@ -108,6 +107,14 @@ void move_cursor(studio* st, int tracks, int lines, bool extend) {
     } else if (!extend) {
         e->has_selection = 0;
     }
+}
+
+void move_cursor(studio* st, int tracks, int lines, bool extend) {
+    int slot;
+    zelfon_pattern* p = current(st, &slot);
+    if (!p) return;
+    studio_pattern_editor* e = &st->pattern;
+    start_move(st, extend);
     e->track += tracks;
     st->cursor_line += lines;
     clamp_cursor(st, p);
@@ -329,12 +336,9 @@ void handle_mouse(studio* st, const grid_geometry& g, const zelfon_pattern* p) {
     if (ImGui::IsWindowHovered() && ImGui::IsMouseClicked(0) && hit_cell(g, p, ImGui::GetMousePos(), &track, &field, &line)) {
         st->focus = STUDIO_FOCUS_PATTERN;
         bool extend = ImGui::GetIO().KeyShift;
-        if (extend && !e->has_selection) {
-            e->has_selection = 1;
-            e->anchor_track = e->track;
-            e->anchor_line = st->cursor_line;
-        } else if (!extend) {
-            e->has_selection = 0;
+        start_move(st, extend);
+        if (!extend) {
+            // A drag from here selects from this cell.
             e->anchor_track = track;
             e->anchor_line = line;
         }

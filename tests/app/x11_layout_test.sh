@@ -6,13 +6,8 @@
 set -u
 zelfon=$(realpath "$1")
 shots=$(realpath -m "$2")
-work=$(mktemp -d)
+. "$(dirname "$0")/x11_server.sh"
 trap 'kill $xvfb_pid 2>/dev/null; rm -rf "$work"' EXIT
-display=:$((60 + $$ % 30))
-Xvfb "$display" -screen 0 1024x768x24 -nolisten tcp >"$work/xvfb.log" 2>&1 &
-xvfb_pid=$!
-export DISPLAY=$display XDG_CONFIG_HOME=$work/cfg TMPDIR=$work HOME=$work
-for i in $(seq 50); do xdpyinfo >/dev/null 2>&1 && break; sleep 0.1; done
 cd "$work"
 "$zelfon" demo original.zelfon >/dev/null 2>&1 || { echo "no demo song"; exit 1; }
 
