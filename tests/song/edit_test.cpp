@@ -168,10 +168,8 @@ TEST_F(SongEditTest, InterpolateDrawsVelocitiesAndValuesOnAStraightLineWhereBoth
 }
 
 TEST_F(SongEditTest, InsertAndDeleteLineShiftOnlyTheChosenTracksBelowTheLine) {
-    int slot = add_pattern(0, 5, 3);
+    int slot = add_filled_pattern(0, 5, 3);
     std::vector<zelfon_cell> block = numbered(3, 5);
-    zelfon_cell_rect all = rect(slot, 0, 0, 3, 5);
-    ASSERT_EQ(zelfon_edit_set_cells(&all, block.data(), &song), ZELFON_EDIT_OK);
     bytes before = saved();
     zelfon_edit_begin(&song);
     ASSERT_EQ(zelfon_edit_insert_line(slot, 1, 2, 2, &song), ZELFON_EDIT_OK);
@@ -283,11 +281,9 @@ TEST_F(SongEditTest, NewPatternsAndClonesComeBackIntoTheirOwnSlotsAndClonesShare
 }
 
 TEST_F(SongEditTest, RemovingAParentTakesItsClonesAndOneUndoBringsThemAllBack) {
-    int parent = add_pattern(0, 8, 4);
+    int parent = add_filled_pattern(0, 8, 4);
     int keep = add_pattern(100, 4, 2);
     std::vector<zelfon_cell> block = numbered(4, 8);
-    zelfon_cell_rect all = rect(parent, 0, 0, 4, 8);
-    ASSERT_EQ(zelfon_edit_set_cells(&all, block.data(), &song), ZELFON_EDIT_OK);
     int c1 = zelfon_edit_clone_pattern(parent, 8, 1, &song);
     int c2 = zelfon_edit_clone_pattern(parent, 16, 2, &song);
     ASSERT_EQ(c1, 2);
@@ -324,10 +320,8 @@ TEST_F(SongEditTest, RemovingAParentTakesItsClonesAndOneUndoBringsThemAllBack) {
 }
 
 TEST_F(SongEditTest, MakeUniqueGivesTheCloneACopyAndUndoSharesTheRecordAgain) {
-    int parent = add_pattern(0, 4, 2);
+    int parent = add_filled_pattern(0, 4, 2);
     std::vector<zelfon_cell> block = numbered(2, 4);
-    zelfon_cell_rect all = rect(parent, 0, 0, 2, 4);
-    ASSERT_EQ(zelfon_edit_set_cells(&all, block.data(), &song), ZELFON_EDIT_OK);
     int clone = zelfon_edit_clone_pattern(parent, 4, 0, &song);
     bytes before = saved();
     zelfon_edit_begin(&song);
@@ -385,11 +379,9 @@ TEST_F(SongEditTest, MovingPatternsChangesTheirPlacesAndThePlayOrder) {
 }
 
 TEST_F(SongEditTest, ResizingChangesEveryCloneAndUndoBringsBackTheCutCells) {
-    int parent = add_pattern(0, 4, 2);
+    int parent = add_filled_pattern(0, 4, 2);
     int clone = zelfon_edit_clone_pattern(parent, 10, 0, &song);
     std::vector<zelfon_cell> block = numbered(2, 4);
-    zelfon_cell_rect all = rect(parent, 0, 0, 2, 4);
-    ASSERT_EQ(zelfon_edit_set_cells(&all, block.data(), &song), ZELFON_EDIT_OK);
     bytes before = saved();
     zelfon_edit_begin(&song);
     ASSERT_EQ(zelfon_edit_resize_pattern(clone, 300, 5, &song), ZELFON_EDIT_OK);
@@ -435,6 +427,39 @@ TEST_F(SongEditTest, LookChangesColoursAndIconAndRedrawsTheAtlas) {
     EXPECT_EQ(row0[15], 0xFF);
     EXPECT_EQ(row0[ZELFON_ICON_ATLAS_WIDTH], 0);  // row 1 is empty
     expect_undo_redo(before, saved());
+}
+
+TEST_F(SongEditTest, EditsWhilePlayingEndARemovedPatternsNotesAndFollowTheNewPlaces) {
+    constexpr int kLineFrames = 5292;  // 125 BPM, speed 6, 44100 Hz
+    int mod = add_logger();
+    int a = add_pattern(0, 8, 1);
+    int b = add_pattern(0, 8, 1);
+    zelfon_cell low = note_cell(49, mod + 1), high = note_cell(61, mod + 1);
+    ASSERT_EQ(zelfon_edit_type_cell(a, 0, 0, &low, &song), ZELFON_EDIT_OK);
+    ASSERT_EQ(zelfon_edit_type_cell(b, 0, 0, &high, &song), ZELFON_EDIT_OK);
+    play(0);
+    render(2 * kLineFrames);
+    ASSERT_EQ(events_of(mod, PS_CMD_NOTE_ON).size(), 2u);
+
+    zelfon_edit_begin(&song);
+    ASSERT_EQ(zelfon_edit_remove_pattern(a, &song), ZELFON_EDIT_OK);
+    int moved = b;
+    ASSERT_EQ(zelfon_edit_move_patterns(&moved, 1, 4, 0, &song), ZELFON_EDIT_OK);
+    render(kLineFrames);
+    std::vector<logged_event> offs = events_of(mod, PS_CMD_NOTE_OFF);
+    ASSERT_EQ(offs.size(), 2u);  // a at once, b when line 2 left it
+    EXPECT_EQ(offs[0].event.id, a << 16);
+    EXPECT_EQ(offs[0].frame, 2 * kLineFrames);
+    EXPECT_EQ(offs[1].event.id, b << 16);
+    // Undo and redo between two pieces leave the render nothing stale; b plays at its new place.
+    ASSERT_EQ(zelfon_undo(nullptr, &song), 1);
+    ASSERT_EQ(zelfon_redo(nullptr, &song), 1);
+    render(2 * kLineFrames);
+    std::vector<logged_event> ons = events_of(mod, PS_CMD_NOTE_ON);
+    ASSERT_EQ(ons.size(), 3u);
+    EXPECT_EQ(ons[2].event.id, b << 16);
+    EXPECT_EQ(ons[2].event.note, 60);
+    EXPECT_EQ(ons[2].frame, 4 * kLineFrames);
 }
 
 // ---- Song settings ----

@@ -20,6 +20,14 @@ std::vector<zelfon_cell> EditFixture::numbered(int tracks, int lines, int first_
     return out;
 }
 
+int EditFixture::add_filled_pattern(int x, int lines, int tracks) {
+    int slot = add_pattern(x, lines, tracks);
+    std::vector<zelfon_cell> block = numbered(tracks, lines);
+    zelfon_cell_rect all = {slot, 0, 0, tracks, lines};
+    EXPECT_EQ(zelfon_edit_set_cells(&all, block.data(), &song), ZELFON_EDIT_OK);
+    return slot;
+}
+
 void EditFixture::expect_undo_redo(const bytes& before, const bytes& after) {
     ASSERT_TRUE(zelfon_can_undo(&song));
     ASSERT_EQ(zelfon_undo(nullptr, &song), 1);

@@ -17,6 +17,8 @@ protected:
     std::vector<zelfon_cell> cells(int slot, int track, int line, int tracks, int lines);
     // tracks × lines cells whose fields tell where they came from (note 1 + t + 8·l ...).
     static std::vector<zelfon_cell> numbered(int tracks, int lines, int first_note = 1);
+    // A pattern at x filled with numbered(tracks, lines) by an edit; returns its slot.
+    int add_filled_pattern(int x, int lines, int tracks);
     // Undoes and redoes once, expecting the song's bytes `before` and then `after`.
     void expect_undo_redo(const bytes& before, const bytes& after);
 };
