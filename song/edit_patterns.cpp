@@ -125,6 +125,11 @@ static zelfon_pattern* copy_record(const zelfon_pattern* from, const zelfon_cell
     return pat;
 }
 
+// Makes sure that re-sorting the play order under the mutex will not allocate.
+static int room_for_play_order(zelfon_song* song) {
+    return zelfon_reserve_pattern_slot(song->pats_capacity > 0 ? song->pats_capacity - 1 : 0, song);
+}
+
 static void free_record(zelfon_pattern* pat, zelfon_song* song) {
     zelfon_release_icon_number(pat->icon_num, song);
     mem_free(pat->data);
@@ -159,6 +164,7 @@ static int take_out(zelfon_pattern_snapshot* s, zelfon_song* song) {
     for (int i = 0; i < s->places_count; i++) {
         if (!pat || zelfon_edit_pattern(places[i].slot, song) != pat) return 1;
     }
+    if (room_for_play_order(song)) return 1;
     tarvik_mutex_lock(&song->net->mutex);
     for (int i = 0; i < s->places_count; i++) {
         zelfon_playback_drop_pattern(places[i].slot, song);
@@ -215,6 +221,7 @@ static int move(int do_it, zelfon_move_change* m, zelfon_song* song) {
     for (int i = 0; i < m->count; i++) {
         if (!zelfon_edit_pattern(e[i].slot, song)) return 1;
     }
+    if (room_for_play_order(song)) return 1;
     tarvik_mutex_lock(&song->net->mutex);
     for (int i = 0; i < m->count; i++) {
         song->pats_info[e[i].slot].x = e[i].x[do_it];
@@ -229,7 +236,7 @@ static int move(int do_it, zelfon_move_change* m, zelfon_song* song) {
 // outside the mutex: only this thread writes cells), and never shrinks.
 static int resize(int slot, int lines, int tracks, zelfon_song* song) {
     zelfon_pattern* pat = zelfon_edit_pattern(slot, song);
-    if (!pat) return 1;
+    if (!pat || room_for_play_order(song)) return 1;
     int xsize = tracks > pat->data_xsize ? tracks : pat->data_xsize;
     int ysize = lines > pat->data_ysize ? lines : pat->data_ysize;
     zelfon_cell* data = pat->data;

@@ -41,5 +41,6 @@ uint32_t zelfon_version_value(const char* major, const char* minor);
 int zelfon_save_song(const char* path, const char* major, const char* minor, zelfon_song* song);
 // Saves the song as "1:/BACKUP.zelfon" (before risky operations). Returns 0, or 1.
 int zelfon_save_backup(zelfon_song* song);
-// Stops playback, replaces the song with the file's and marks it loaded. Returns 0 or an error code.
+// Stops playback, replaces the song with the file's, marks it loaded and starts its editing
+// history anew (not when the file cannot be opened). Returns 0 or an error code.
 int zelfon_load_song(const char* path, zelfon_song* song);
