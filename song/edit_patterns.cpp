@@ -346,25 +346,29 @@ int zelfon_edit_make_unique(int slot, zelfon_song* song) {
     return zelfon_edit_record(ZELFON_ACTION_MAKE_UNIQUE, slot, 0, 0, u, song);
 }
 
+static bool fits_int(int64_t v) { return v >= INT_MIN && v <= INT_MAX; }
+
+static int check_move(const int* slots, int count, int dx, int dy, const zelfon_song* song) {
+    for (int i = 0; i < count; i++) {
+        if (!zelfon_edit_pattern(slots[i], song)) return ZELFON_EDIT_NO_PATTERN;
+        const zelfon_pattern_info* info = &song->pats_info[slots[i]];
+        if (!fits_int((int64_t)info->x + dx) || !fits_int((int64_t)info->y + dy)) return ZELFON_EDIT_OUTSIDE;
+    }
+    return ZELFON_EDIT_OK;
+}
+
 int zelfon_edit_move_patterns(const int* slots, int count, int dx, int dy, zelfon_song* song) {
     if (count <= 0 || (dx == 0 && dy == 0)) return ZELFON_EDIT_OK;
+    int code = check_move(slots, count, dx, dy, song);
+    if (code) return code;
     zelfon_move_change* m = (zelfon_move_change*)mem_new(
         MEM_DYNAMIC, sizeof(zelfon_move_change) + (size_t)count * sizeof(zelfon_move_entry), "zelfon_move_change");
     if (!m) return ZELFON_EDIT_NO_MEMORY;
     m->count = count;
     zelfon_move_entry* e = (zelfon_move_entry*)(m + 1);
     for (int i = 0; i < count; i++) {
-        int code = ZELFON_EDIT_OK;
-        if (!zelfon_edit_pattern(slots[i], song)) code = ZELFON_EDIT_NO_PATTERN;
-        const zelfon_pattern_info* info = code ? nullptr : &song->pats_info[slots[i]];
-        int64_t x = info ? (int64_t)info->x + dx : 0;
-        int64_t y = info ? (int64_t)info->y + dy : 0;
-        if (info && (x < INT_MIN || x > INT_MAX || y < INT_MIN || y > INT_MAX)) code = ZELFON_EDIT_OUTSIDE;
-        if (code) {
-            mem_free(m);
-            return code;
-        }
-        e[i] = {slots[i], {info->x, (int)x}, {info->y, (int)y}};
+        const zelfon_pattern_info* info = &song->pats_info[slots[i]];
+        e[i] = {slots[i], {info->x, info->x + dx}, {info->y, info->y + dy}};
     }
     return zelfon_edit_record(ZELFON_ACTION_MOVE, slots[0], 0, 0, m, song);
 }
