@@ -269,8 +269,7 @@ TEST_F(SongEditTest, NewPatternsAndClonesComeBackIntoTheirOwnSlotsAndClonesShare
     expect_undo_redo(cloned, saved());
     ASSERT_EQ(zelfon_undo(nullptr, &song), 1);
 
-    // Undoing the clones empties their slots; redoing puts them back in slots 1 and 2 even
-    // when a new pattern would have taken slot 1 meanwhile.
+    // Undoing the clones empties their slots; redoing puts them back into slots 1 and 2.
     ASSERT_EQ(zelfon_undo(nullptr, &song), 1);
     EXPECT_EQ(song.pats[1], nullptr);
     EXPECT_EQ(song.pats[2], nullptr);
