@@ -149,6 +149,8 @@ static int put_in(zelfon_pattern_snapshot* s, zelfon_song* song) {
     if (!pat) return 1;
     tarvik_mutex_lock(&song->net->mutex);
     for (int i = 0; i < s->places_count; i++) {
+        // A slot emptied behind the history's back may still be on the playing list.
+        zelfon_playback_drop_pattern(places[i].slot, song);
         song->pats[places[i].slot] = pat;
         song->pats_info[places[i].slot] = places[i].info;
     }

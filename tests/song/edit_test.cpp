@@ -277,6 +277,16 @@ TEST_F(SongEditTest, NewPatternsAndClonesComeBackIntoTheirOwnSlotsAndClonesShare
     ASSERT_EQ(zelfon_redo(nullptr, &song), 1);
     EXPECT_EQ(song.pats[2], song.pats[0]);
     EXPECT_EQ(saved(), cloned);
+
+    // The removed pattern whose slot the clone took comes back into that slot.
+    ASSERT_EQ(zelfon_undo(nullptr, &song), 1);
+    ASSERT_EQ(zelfon_undo(nullptr, &song), 1);
+    ASSERT_NE(song.pats[other], nullptr);
+    EXPECT_EQ(song.pats[other]->lines, 8);
+    EXPECT_EQ(song.pats_info[other].flags, 0u);
+    ASSERT_EQ(zelfon_redo(nullptr, &song), 1);
+    ASSERT_EQ(zelfon_redo(nullptr, &song), 1);
+    EXPECT_EQ(saved(), cloned);
 }
 
 TEST_F(SongEditTest, RemovingAParentTakesItsClonesAndOneUndoBringsThemAllBack) {
