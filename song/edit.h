@@ -106,7 +106,8 @@ int zelfon_edit_delete_line(int slot, int track, int tracks, int line, zelfon_so
 
 // ---- Patterns (edit_patterns.cpp) ----
 // A new pattern (cleared cells, an icon drawn from `seed`) in the first empty slot, the
-// table growing by 16 when there is none. Returns its slot, or −1 (with nothing changed).
+// table growing by 16 when there is none. Returns its slot, or −1 (with nothing changed)
+// when memory ran out or the size lies beyond 1..ZELFON_MAX_PATTERN_LINES × 1..32.
 int zelfon_edit_new_pattern(int lines, int tracks, int x, int y, uint32_t seed, zelfon_song* song);
 // Removes the pattern in `slot`; a parent takes its clones with it (all come back on undo).
 int zelfon_edit_remove_pattern(int slot, zelfon_song* song);

@@ -44,7 +44,7 @@ static void write_cells(zelfon_pattern* pat, int track, int line, int tracks, in
 static zelfon_cells_change* start_change(const zelfon_cell_rect* r, const zelfon_pattern* pat) {
     size_t count = (size_t)r->tracks * r->lines;
     zelfon_cells_change* c = (zelfon_cells_change*)mem_new(
-        MEM_DYNAMIC, sizeof(zelfon_cells_change) + 2 * count * sizeof(zelfon_cell), "zelfon_cells_change");
+        MEM_DYNAMIC, sizeof(zelfon_cells_change) + 2 * count * sizeof(zelfon_cell), "start_change");
     if (!c) return nullptr;
     c->tracks = r->tracks;
     c->lines = r->lines;

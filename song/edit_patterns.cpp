@@ -99,7 +99,7 @@ static int parent_slot_of(int slot, const zelfon_song* song) {
 
 static zelfon_pattern_snapshot* new_snapshot(int places, size_t cells) {
     size_t size = sizeof(zelfon_pattern_snapshot) + places * sizeof(zelfon_slot_place) + cells * sizeof(zelfon_cell);
-    zelfon_pattern_snapshot* s = (zelfon_pattern_snapshot*)mem_new(MEM_DYNAMIC, size, "zelfon_pattern_snapshot");
+    zelfon_pattern_snapshot* s = (zelfon_pattern_snapshot*)mem_new(MEM_DYNAMIC, size, "new_snapshot");
     if (!s) return nullptr;
     mem_zero(s);
     s->source_slot = -1;
@@ -110,8 +110,8 @@ static zelfon_pattern_snapshot* new_snapshot(int places, size_t cells) {
 
 // A copy of a record with its cells, outside the table. Null when memory ran out.
 static zelfon_pattern* copy_record(const zelfon_pattern* from, const zelfon_cell* cells) {
-    zelfon_pattern* pat = (zelfon_pattern*)mem_new(MEM_DYNAMIC, sizeof(zelfon_pattern), "zelfon_edit_record");
-    zelfon_cell* data = (zelfon_cell*)mem_new(MEM_DYNAMIC, record_cells(from) * sizeof(zelfon_cell), "zelfon_edit_record");
+    zelfon_pattern* pat = (zelfon_pattern*)mem_new(MEM_DYNAMIC, sizeof(zelfon_pattern), "copy_record");
+    zelfon_cell* data = (zelfon_cell*)mem_new(MEM_DYNAMIC, record_cells(from) * sizeof(zelfon_cell), "copy_record");
     if (!pat || !data) {
         mem_free(pat);
         mem_free(data);
@@ -243,7 +243,7 @@ static int resize(int slot, int lines, int tracks, zelfon_song* song) {
     int ysize = lines > pat->data_ysize ? lines : pat->data_ysize;
     zelfon_cell* data = pat->data;
     if (xsize != pat->data_xsize || ysize != pat->data_ysize) {
-        data = (zelfon_cell*)mem_new(MEM_DYNAMIC, (size_t)xsize * ysize * sizeof(zelfon_cell), "zelfon_edit_resize");
+        data = (zelfon_cell*)mem_new(MEM_DYNAMIC, (size_t)xsize * ysize * sizeof(zelfon_cell), "resize");
         if (!data) return 1;
         mem_zero(data);
         for (int l = 0; l < pat->data_ysize; l++) {
@@ -342,7 +342,7 @@ int zelfon_edit_make_unique(int slot, zelfon_song* song) {
     if (!zelfon_edit_pattern(slot, song)) return ZELFON_EDIT_NO_PATTERN;
     int source = is_clone(slot, song) ? parent_slot_of(slot, song) : -1;
     if (source < 0) return ZELFON_EDIT_OK;  // already a pattern of its own
-    zelfon_unique_change* u = (zelfon_unique_change*)mem_new(MEM_DYNAMIC, sizeof(*u), "zelfon_unique_change");
+    zelfon_unique_change* u = (zelfon_unique_change*)mem_new(MEM_DYNAMIC, sizeof(*u), "zelfon_edit_make_unique");
     if (!u) return ZELFON_EDIT_NO_MEMORY;
     *u = {source, song->pats_info[slot].flags, song->pats_info[slot].parent};
     return zelfon_edit_record(ZELFON_ACTION_MAKE_UNIQUE, slot, 0, 0, u, song);
@@ -364,7 +364,7 @@ int zelfon_edit_move_patterns(const int* slots, int count, int dx, int dy, zelfo
     int code = check_move(slots, count, dx, dy, song);
     if (code) return code;
     zelfon_move_change* m = (zelfon_move_change*)mem_new(
-        MEM_DYNAMIC, sizeof(zelfon_move_change) + (size_t)count * sizeof(zelfon_move_entry), "zelfon_move_change");
+        MEM_DYNAMIC, sizeof(zelfon_move_change) + (size_t)count * sizeof(zelfon_move_entry), "zelfon_edit_move_patterns");
     if (!m) return ZELFON_EDIT_NO_MEMORY;
     m->count = count;
     zelfon_move_entry* e = (zelfon_move_entry*)(m + 1);
@@ -380,7 +380,7 @@ int zelfon_edit_resize_pattern(int slot, int lines, int tracks, zelfon_song* son
     if (!pat) return ZELFON_EDIT_NO_PATTERN;
     if (!size_allowed(lines, tracks)) return ZELFON_EDIT_OUTSIDE;
     if (lines == pat->lines && tracks == pat->channels) return ZELFON_EDIT_OK;
-    zelfon_resize_change* r = (zelfon_resize_change*)mem_new(MEM_DYNAMIC, sizeof(*r), "zelfon_resize_change");
+    zelfon_resize_change* r = (zelfon_resize_change*)mem_new(MEM_DYNAMIC, sizeof(*r), "zelfon_edit_resize_pattern");
     if (!r) return ZELFON_EDIT_NO_MEMORY;
     *r = {{pat->lines, lines}, {pat->channels, tracks}};
     return zelfon_edit_record(ZELFON_ACTION_RESIZE, slot, 0, 0, r, song);
@@ -390,7 +390,7 @@ int zelfon_edit_pattern_look(int slot, const uint8_t fg[3], const uint8_t bg[3],
                              zelfon_song* song) {
     zelfon_pattern* pat = zelfon_edit_pattern(slot, song);
     if (!pat) return ZELFON_EDIT_NO_PATTERN;
-    zelfon_look_change* l = (zelfon_look_change*)mem_new(MEM_DYNAMIC, sizeof(*l), "zelfon_look_change");
+    zelfon_look_change* l = (zelfon_look_change*)mem_new(MEM_DYNAMIC, sizeof(*l), "zelfon_edit_pattern_look");
     if (!l) return ZELFON_EDIT_NO_MEMORY;
     memcpy(l->fg[0], pat->fg, sizeof(pat->fg));
     memcpy(l->bg[0], pat->bg, sizeof(pat->bg));
