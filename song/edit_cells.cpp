@@ -9,6 +9,13 @@
 constexpr int kNoteMin = 1;    // C0
 constexpr int kNoteMax = 120;  // the highest note the editors write
 
+// ZELFON_ACTION_CELLS and _TYPED_CELL: the rectangle's size, then tracks × lines old cells,
+// then as many new cells (line by line). Its corner is the action's place.
+struct zelfon_cells_change {
+    int tracks;
+    int lines;
+};
+
 static zelfon_cell* change_cells(zelfon_cells_change* c) { return (zelfon_cell*)(c + 1); }
 static zelfon_cell* old_cells(zelfon_cells_change* c) { return change_cells(c); }
 static zelfon_cell* new_cells(zelfon_cells_change* c) { return change_cells(c) + (size_t)c->tracks * c->lines; }
