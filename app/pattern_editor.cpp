@@ -100,6 +100,7 @@ void report(studio* st, int result) {
 // anchor is the cursor when none was there); without, the selection goes.
 void start_move(studio* st, bool extend) {
     studio_pattern_editor* e = &st->pattern;
+    zelfon_edit_begin(st->song);  // digits typed after a move are a new step
     if (extend && !e->has_selection) {
         e->has_selection = 1;
         e->anchor_track = e->track;
@@ -126,6 +127,7 @@ void move_field(studio* st, int step) {
     zelfon_pattern* p = current(st);
     if (!p) return;
     studio_pattern_editor* e = &st->pattern;
+    zelfon_edit_begin(st->song);
     e->field += step;
     if (e->field < 0) {
         if (e->track == 0) e->field = 0;

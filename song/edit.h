@@ -12,8 +12,10 @@
 // and the history drops what the undo manager drops (old groups, or everything).
 //
 // Threads: the GUI thread. Cell writes and pattern-table changes take the net's mutex
-// only while the render would read what they change; the play order is rebuilt after
-// every change of places or sizes.
+// only while the render would read what they change (never while allocating); the play
+// order is rebuilt after every change of places or sizes. While the song plays, a removed
+// pattern's sounding notes end at once, and a pattern moved or put back onto the playing
+// line starts on its next pass.
 #pragma once
 
 #include <cstdint>
@@ -50,8 +52,9 @@ struct zelfon_cell_rect {
     int lines;
 };
 
-// Where an undone or redone edit happened, for the editors' cursors. slot −1: the song's
-// settings (no pattern).
+// Where an undone or redone edit happened, for the editors' cursors: a cell edit's corner;
+// track and line 0 for pattern edits (a move gives its first slot); slot −1 for the song's
+// settings.
 struct zelfon_edit_place {
     int slot;
     int track;
@@ -68,7 +71,8 @@ uint32_t zelfon_edit_profile_undo_size();
 void zelfon_edit_close_history(zelfon_song* song);
 // Starts a new undo group for the next actions.
 void zelfon_edit_begin(zelfon_song* song);
-// Undoes / redoes one group. Returns 1 and the edit's place, 0 when there was nothing.
+// Undoes / redoes one group. Returns 1 and the edit's place (undo: the group's last action,
+// redo: its first; place may be null), 0 when there was nothing.
 int zelfon_undo(zelfon_edit_place* place, zelfon_song* song);
 int zelfon_redo(zelfon_edit_place* place, zelfon_song* song);
 // Non-zero when there is a group to undo / redo.
@@ -84,13 +88,16 @@ int zelfon_edit_type_cell(int slot, int track, int line, const zelfon_cell* cell
 // Clears `fields` of every cell of the rectangle.
 int zelfon_edit_clear(const zelfon_cell_rect* r, uint32_t fields, zelfon_song* song);
 // Pastes `tracks` × `lines` cells at (r->slot, r->track, r->line), cut at the pattern's
-// edges; with `mix`, only into fields that are empty. Returns OUTSIDE when nothing fits.
+// edges; with `mix`, only into fields that are empty (controller and effect count as one
+// field). Returns OUTSIDE when nothing fits.
 int zelfon_edit_paste(const zelfon_cell_rect* at, const zelfon_cell* cells, int tracks, int lines, int mix,
                       zelfon_song* song);
 // Moves the notes (1..120) of the rectangle by `semitones`, kept within 1..120; other notes stay.
 int zelfon_edit_transpose(const zelfon_cell_rect* r, int semitones, zelfon_song* song);
 // In each track of the rectangle: velocities, and controller/effect values, are set on a
-// straight line from the rectangle's first line to its last (where both ends hold one).
+// straight line from the rectangle's first line to its last (where both ends hold one:
+// a velocity, or a controller or effect); values are rounded toward the first line's, and
+// the lines between take the first line's controller and effect.
 int zelfon_edit_interpolate(const zelfon_cell_rect* r, zelfon_song* song);
 // Inserts an empty line at `line` of the tracks track..track+tracks−1 (the lines below move
 // down; the last one falls off), or deletes it (the lines below move up; an empty one comes in).
@@ -98,13 +105,16 @@ int zelfon_edit_insert_line(int slot, int track, int tracks, int line, zelfon_so
 int zelfon_edit_delete_line(int slot, int track, int tracks, int line, zelfon_song* song);
 
 // ---- Patterns (edit_patterns.cpp) ----
-// A new pattern. Returns its slot, or −1 (with nothing changed).
+// A new pattern (cleared cells, an icon drawn from `seed`) in the first empty slot, the
+// table growing by 16 when there is none. Returns its slot, or −1 (with nothing changed)
+// when memory ran out or the size lies beyond 1..ZELFON_MAX_PATTERN_LINES × 1..32.
 int zelfon_edit_new_pattern(int lines, int tracks, int x, int y, uint32_t seed, zelfon_song* song);
 // Removes the pattern in `slot`; a parent takes its clones with it (all come back on undo).
 int zelfon_edit_remove_pattern(int slot, zelfon_song* song);
 // A clone of the pattern in `slot` at x, y. Returns its slot, or −1.
 int zelfon_edit_clone_pattern(int slot, int x, int y, zelfon_song* song);
-// Turns a clone into a pattern of its own with a copy of the cells (un-clone).
+// Turns a clone into a pattern of its own with a copy of the cells (un-clone); a pattern
+// that is no clone stays as it is (OK, nothing recorded).
 int zelfon_edit_make_unique(int slot, zelfon_song* song);
 // Moves the patterns of `slots` by dx lines and dy rows.
 int zelfon_edit_move_patterns(const int* slots, int count, int dx, int dy, zelfon_song* song);

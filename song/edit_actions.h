@@ -2,7 +2,9 @@
 // what each keeps, and the helpers every action uses to check, record and write.
 //
 // Every action keeps where it happened in its words: par1 the slot (−1: the song's
-// settings), par2 the track, par3 the line. Its `data` block keeps the rest (below).
+// settings), par2 the track, par3 the line. Its `data` block keeps the rest: one record
+// per type (below), defined beside its performer in edit_cells.cpp, edit_patterns.cpp and
+// edit_song.cpp.
 #pragma once
 
 #include "engine/undo.h"
@@ -18,13 +20,6 @@ enum : uint32_t {
     ZELFON_ACTION_RESIZE,        // zelfon_resize_change: old and new lines and tracks
     ZELFON_ACTION_LOOK,          // zelfon_look_change: old and new colours and icon
     ZELFON_ACTION_SONG,          // zelfon_song_change + names: old and new settings
-};
-
-// ZELFON_ACTION_CELLS: the rectangle's size, then tracks × lines old cells, then as many
-// new cells (line by line). Its corner is the action's place.
-struct zelfon_cells_change {
-    int tracks;
-    int lines;
 };
 
 // The pattern in `slot`, or null when the slot is empty or out of range.

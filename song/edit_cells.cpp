@@ -9,6 +9,13 @@
 constexpr int kNoteMin = 1;    // C0
 constexpr int kNoteMax = 120;  // the highest note the editors write
 
+// ZELFON_ACTION_CELLS and _TYPED_CELL: the rectangle's size, then tracks × lines old cells,
+// then as many new cells (line by line). Its corner is the action's place.
+struct zelfon_cells_change {
+    int tracks;
+    int lines;
+};
+
 static zelfon_cell* change_cells(zelfon_cells_change* c) { return (zelfon_cell*)(c + 1); }
 static zelfon_cell* old_cells(zelfon_cells_change* c) { return change_cells(c); }
 static zelfon_cell* new_cells(zelfon_cells_change* c) { return change_cells(c) + (size_t)c->tracks * c->lines; }
@@ -44,7 +51,7 @@ static void write_cells(zelfon_pattern* pat, int track, int line, int tracks, in
 static zelfon_cells_change* start_change(const zelfon_cell_rect* r, const zelfon_pattern* pat) {
     size_t count = (size_t)r->tracks * r->lines;
     zelfon_cells_change* c = (zelfon_cells_change*)mem_new(
-        MEM_DYNAMIC, sizeof(zelfon_cells_change) + 2 * count * sizeof(zelfon_cell), "zelfon_cells_change");
+        MEM_DYNAMIC, sizeof(zelfon_cells_change) + 2 * count * sizeof(zelfon_cell), "start_change");
     if (!c) return nullptr;
     c->tracks = r->tracks;
     c->lines = r->lines;

@@ -99,7 +99,7 @@ static int parent_slot_of(int slot, const zelfon_song* song) {
 
 static zelfon_pattern_snapshot* new_snapshot(int places, size_t cells) {
     size_t size = sizeof(zelfon_pattern_snapshot) + places * sizeof(zelfon_slot_place) + cells * sizeof(zelfon_cell);
-    zelfon_pattern_snapshot* s = (zelfon_pattern_snapshot*)mem_new(MEM_DYNAMIC, size, "zelfon_pattern_snapshot");
+    zelfon_pattern_snapshot* s = (zelfon_pattern_snapshot*)mem_new(MEM_DYNAMIC, size, "new_snapshot");
     if (!s) return nullptr;
     mem_zero(s);
     s->source_slot = -1;
@@ -110,8 +110,8 @@ static zelfon_pattern_snapshot* new_snapshot(int places, size_t cells) {
 
 // A copy of a record with its cells, outside the table. Null when memory ran out.
 static zelfon_pattern* copy_record(const zelfon_pattern* from, const zelfon_cell* cells) {
-    zelfon_pattern* pat = (zelfon_pattern*)mem_new(MEM_DYNAMIC, sizeof(zelfon_pattern), "zelfon_edit_record");
-    zelfon_cell* data = (zelfon_cell*)mem_new(MEM_DYNAMIC, record_cells(from) * sizeof(zelfon_cell), "zelfon_edit_record");
+    zelfon_pattern* pat = (zelfon_pattern*)mem_new(MEM_DYNAMIC, sizeof(zelfon_pattern), "copy_record");
+    zelfon_cell* data = (zelfon_cell*)mem_new(MEM_DYNAMIC, record_cells(from) * sizeof(zelfon_cell), "copy_record");
     if (!pat || !data) {
         mem_free(pat);
         mem_free(data);
@@ -123,6 +123,11 @@ static zelfon_pattern* copy_record(const zelfon_pattern* from, const zelfon_cell
     pat->data = data;
     pat->icon_num = -1;
     return pat;
+}
+
+// Makes sure that re-sorting the play order under the mutex will not allocate.
+static int room_for_play_order(zelfon_song* song) {
+    return zelfon_reserve_pattern_slot(song->pats_capacity > 0 ? song->pats_capacity - 1 : 0, song);
 }
 
 static void free_record(zelfon_pattern* pat, zelfon_song* song) {
@@ -144,6 +149,8 @@ static int put_in(zelfon_pattern_snapshot* s, zelfon_song* song) {
     if (!pat) return 1;
     tarvik_mutex_lock(&song->net->mutex);
     for (int i = 0; i < s->places_count; i++) {
+        // A slot emptied behind the history's back may still be on the playing list.
+        zelfon_playback_drop_pattern(places[i].slot, song);
         song->pats[places[i].slot] = pat;
         song->pats_info[places[i].slot] = places[i].info;
     }
@@ -159,6 +166,7 @@ static int take_out(zelfon_pattern_snapshot* s, zelfon_song* song) {
     for (int i = 0; i < s->places_count; i++) {
         if (!pat || zelfon_edit_pattern(places[i].slot, song) != pat) return 1;
     }
+    if (room_for_play_order(song)) return 1;
     tarvik_mutex_lock(&song->net->mutex);
     for (int i = 0; i < s->places_count; i++) {
         zelfon_playback_drop_pattern(places[i].slot, song);
@@ -215,6 +223,7 @@ static int move(int do_it, zelfon_move_change* m, zelfon_song* song) {
     for (int i = 0; i < m->count; i++) {
         if (!zelfon_edit_pattern(e[i].slot, song)) return 1;
     }
+    if (room_for_play_order(song)) return 1;
     tarvik_mutex_lock(&song->net->mutex);
     for (int i = 0; i < m->count; i++) {
         song->pats_info[e[i].slot].x = e[i].x[do_it];
@@ -229,12 +238,12 @@ static int move(int do_it, zelfon_move_change* m, zelfon_song* song) {
 // outside the mutex: only this thread writes cells), and never shrinks.
 static int resize(int slot, int lines, int tracks, zelfon_song* song) {
     zelfon_pattern* pat = zelfon_edit_pattern(slot, song);
-    if (!pat) return 1;
+    if (!pat || room_for_play_order(song)) return 1;
     int xsize = tracks > pat->data_xsize ? tracks : pat->data_xsize;
     int ysize = lines > pat->data_ysize ? lines : pat->data_ysize;
     zelfon_cell* data = pat->data;
     if (xsize != pat->data_xsize || ysize != pat->data_ysize) {
-        data = (zelfon_cell*)mem_new(MEM_DYNAMIC, (size_t)xsize * ysize * sizeof(zelfon_cell), "zelfon_edit_resize");
+        data = (zelfon_cell*)mem_new(MEM_DYNAMIC, (size_t)xsize * ysize * sizeof(zelfon_cell), "resize");
         if (!data) return 1;
         mem_zero(data);
         for (int l = 0; l < pat->data_ysize; l++) {
@@ -333,31 +342,35 @@ int zelfon_edit_make_unique(int slot, zelfon_song* song) {
     if (!zelfon_edit_pattern(slot, song)) return ZELFON_EDIT_NO_PATTERN;
     int source = is_clone(slot, song) ? parent_slot_of(slot, song) : -1;
     if (source < 0) return ZELFON_EDIT_OK;  // already a pattern of its own
-    zelfon_unique_change* u = (zelfon_unique_change*)mem_new(MEM_DYNAMIC, sizeof(*u), "zelfon_unique_change");
+    zelfon_unique_change* u = (zelfon_unique_change*)mem_new(MEM_DYNAMIC, sizeof(*u), "zelfon_edit_make_unique");
     if (!u) return ZELFON_EDIT_NO_MEMORY;
     *u = {source, song->pats_info[slot].flags, song->pats_info[slot].parent};
     return zelfon_edit_record(ZELFON_ACTION_MAKE_UNIQUE, slot, 0, 0, u, song);
 }
 
+static bool fits_int(int64_t v) { return v >= INT_MIN && v <= INT_MAX; }
+
+static int check_move(const int* slots, int count, int dx, int dy, const zelfon_song* song) {
+    for (int i = 0; i < count; i++) {
+        if (!zelfon_edit_pattern(slots[i], song)) return ZELFON_EDIT_NO_PATTERN;
+        const zelfon_pattern_info* info = &song->pats_info[slots[i]];
+        if (!fits_int((int64_t)info->x + dx) || !fits_int((int64_t)info->y + dy)) return ZELFON_EDIT_OUTSIDE;
+    }
+    return ZELFON_EDIT_OK;
+}
+
 int zelfon_edit_move_patterns(const int* slots, int count, int dx, int dy, zelfon_song* song) {
     if (count <= 0 || (dx == 0 && dy == 0)) return ZELFON_EDIT_OK;
+    int code = check_move(slots, count, dx, dy, song);
+    if (code) return code;
     zelfon_move_change* m = (zelfon_move_change*)mem_new(
-        MEM_DYNAMIC, sizeof(zelfon_move_change) + (size_t)count * sizeof(zelfon_move_entry), "zelfon_move_change");
+        MEM_DYNAMIC, sizeof(zelfon_move_change) + (size_t)count * sizeof(zelfon_move_entry), "zelfon_edit_move_patterns");
     if (!m) return ZELFON_EDIT_NO_MEMORY;
     m->count = count;
     zelfon_move_entry* e = (zelfon_move_entry*)(m + 1);
     for (int i = 0; i < count; i++) {
-        int code = ZELFON_EDIT_OK;
-        if (!zelfon_edit_pattern(slots[i], song)) code = ZELFON_EDIT_NO_PATTERN;
-        const zelfon_pattern_info* info = code ? nullptr : &song->pats_info[slots[i]];
-        int64_t x = info ? (int64_t)info->x + dx : 0;
-        int64_t y = info ? (int64_t)info->y + dy : 0;
-        if (info && (x < INT_MIN || x > INT_MAX || y < INT_MIN || y > INT_MAX)) code = ZELFON_EDIT_OUTSIDE;
-        if (code) {
-            mem_free(m);
-            return code;
-        }
-        e[i] = {slots[i], {info->x, (int)x}, {info->y, (int)y}};
+        const zelfon_pattern_info* info = &song->pats_info[slots[i]];
+        e[i] = {slots[i], {info->x, info->x + dx}, {info->y, info->y + dy}};
     }
     return zelfon_edit_record(ZELFON_ACTION_MOVE, slots[0], 0, 0, m, song);
 }
@@ -367,7 +380,7 @@ int zelfon_edit_resize_pattern(int slot, int lines, int tracks, zelfon_song* son
     if (!pat) return ZELFON_EDIT_NO_PATTERN;
     if (!size_allowed(lines, tracks)) return ZELFON_EDIT_OUTSIDE;
     if (lines == pat->lines && tracks == pat->channels) return ZELFON_EDIT_OK;
-    zelfon_resize_change* r = (zelfon_resize_change*)mem_new(MEM_DYNAMIC, sizeof(*r), "zelfon_resize_change");
+    zelfon_resize_change* r = (zelfon_resize_change*)mem_new(MEM_DYNAMIC, sizeof(*r), "zelfon_edit_resize_pattern");
     if (!r) return ZELFON_EDIT_NO_MEMORY;
     *r = {{pat->lines, lines}, {pat->channels, tracks}};
     return zelfon_edit_record(ZELFON_ACTION_RESIZE, slot, 0, 0, r, song);
@@ -377,7 +390,7 @@ int zelfon_edit_pattern_look(int slot, const uint8_t fg[3], const uint8_t bg[3],
                              zelfon_song* song) {
     zelfon_pattern* pat = zelfon_edit_pattern(slot, song);
     if (!pat) return ZELFON_EDIT_NO_PATTERN;
-    zelfon_look_change* l = (zelfon_look_change*)mem_new(MEM_DYNAMIC, sizeof(*l), "zelfon_look_change");
+    zelfon_look_change* l = (zelfon_look_change*)mem_new(MEM_DYNAMIC, sizeof(*l), "zelfon_edit_pattern_look");
     if (!l) return ZELFON_EDIT_NO_MEMORY;
     memcpy(l->fg[0], pat->fg, sizeof(pat->fg));
     memcpy(l->bg[0], pat->bg, sizeof(pat->bg));

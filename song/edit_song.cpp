@@ -26,7 +26,7 @@ int zelfon_perform_song(int do_it, const undo_action* a, zelfon_song* song) {
     zelfon_song_change* c = (zelfon_song_change*)a->data;
     char* name = nullptr;
     if (c->name_size[do_it] >= 0) {
-        name = (char*)mem_new(MEM_DYNAMIC, (size_t)c->name_size[do_it], "zelfon_song_name");
+        name = (char*)mem_new(MEM_DYNAMIC, (size_t)c->name_size[do_it], "zelfon_perform_song");
         if (!name) return 1;
         memcpy(name, change_name(c, do_it), (size_t)c->name_size[do_it]);
     }
@@ -50,7 +50,7 @@ int zelfon_edit_song_properties(const char* name, int bpm, int speed, int volume
     bool same_name = old_size == new_size && (new_size < 0 || memcmp(song->name, name, (size_t)new_size) == 0);
     if (same_name && bpm == song->bpm && speed == song->speed && volume == song->net->global_volume) return ZELFON_EDIT_OK;
     size_t names = (size_t)(old_size > 0 ? old_size : 0) + (size_t)(new_size > 0 ? new_size : 0);
-    zelfon_song_change* c = (zelfon_song_change*)mem_new(MEM_DYNAMIC, sizeof(*c) + names, "zelfon_song_change");
+    zelfon_song_change* c = (zelfon_song_change*)mem_new(MEM_DYNAMIC, sizeof(*c) + names, "zelfon_edit_song_properties");
     if (!c) return ZELFON_EDIT_NO_MEMORY;
     *c = {{song->bpm, bpm}, {song->speed, speed}, {song->net->global_volume, volume}, {old_size, new_size}};
     if (old_size > 0) memcpy(change_name(c, 0), song->name, (size_t)old_size);

@@ -44,5 +44,6 @@ int zelfon_save_backup(zelfon_song* song);
 // Stops playback and gives the song a fresh net (Output alone) and an empty pattern table,
 // its name, tempo and transport back to their defaults; the song is left marked not loaded.
 void zelfon_reset_song(zelfon_song* song);
-// Stops playback, replaces the song with the file's and marks it loaded. Returns 0 or an error code.
+// Stops playback, replaces the song with the file's, marks it loaded and starts its editing
+// history anew (not when the file cannot be opened). Returns 0 or an error code.
 int zelfon_load_song(const char* path, zelfon_song* song);
