@@ -7,7 +7,7 @@ set -e
 PACKAGES="g++ cmake ninja-build pkg-config libgtest-dev libgmock-dev libbenchmark-dev python3 python3-mido
   librtaudio-dev librtmidi-dev libjack-jackd2-dev libvorbisidec-dev libjpeg62-turbo-dev
   jackd2 sox libjpeg-turbo-progs vorbis-tools
-  libsdl2-dev libimgui-dev libstb-dev fonts-dejavu-core xvfb xauth xdotool x11-xkb-utils imagemagick"
+  libsdl2-dev libimgui-dev libstb-dev fonts-dejavu-core xvfb xauth x11-utils xdotool x11-xkb-utils imagemagick"
 missing=""
 for p in $PACKAGES; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing="$missing $p"
