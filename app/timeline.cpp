@@ -160,7 +160,7 @@ void draw_blocks(studio* st, const canvas& c, ImDrawList* draw) {
 void draw_markers(studio* st, const canvas& c, ImDrawList* draw) {
     float end = line_x(c, (float)st->song->song_lines);
     draw->AddLine(ImVec2(end, c.origin.y), ImVec2(end, c.origin.y + c.size.y), gui_colour_u32(GUI_COLOUR_RECORD, 200), 2.0f);
-    draw->AddText(ImVec2(end + 3, c.origin.y), gui_colour_u32(GUI_COLOUR_RECORD), "end");
+    draw->AddText(ImVec2(end + 3, c.origin.y + c.ruler), gui_colour_u32(GUI_COLOUR_RECORD), "end");
     if (studio_is_playing(st)) {
         float x = line_x(c, (float)studio_playing_line(st));
         draw->AddLine(ImVec2(x, c.origin.y), ImVec2(x, c.origin.y + c.size.y), gui_colour_u32(GUI_COLOUR_PLAY_LINE), 2.0f);
