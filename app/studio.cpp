@@ -187,6 +187,7 @@ void draw_frame(studio* st) {
     studio_files_update_title(st);
     const char* shot = st->scripted && st->script.screenshot[0] ? st->script.screenshot : nullptr;
     if (gui_window_end_frame(&st->win, shot) && shot) st->exit_code = 3;
+    st->script.screenshot[0] = 0;  // taken by this frame
 }
 
 bool busy(const studio* st) {

@@ -297,7 +297,6 @@ void gui_script_free(gui_script* s) {
 }
 
 void gui_script_step(gui_script* s, const gui_window* w, gui_script_handler handler, void* data) {
-    s->screenshot[0] = 0;
     if (s->pending_up == 3) {
         // The drag's second frame: move to the end point; the release follows.
         push_motion(s->pending_x, s->pending_y);

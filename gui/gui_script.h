@@ -40,7 +40,7 @@ struct gui_script {
     int german;            // key events carry a German layout's key codes
     int failed;
     int finished;
-    char screenshot[1024];  // asked for at the end of this frame ("" = none)
+    char screenshot[1024];  // asked for at the end of the next frame drawn; the application clears it
 };
 
 // Reads the script at `path` through the file layer. Returns 0, non-zero when unreadable.
