@@ -18,7 +18,7 @@ type_in_layout() {
     cp original.zelfon "$layout.zelfon"
     setxkbmap -layout "$layout" || { echo "setxkbmap $layout failed"; exit 1; }
     if ! setxkbmap -query | grep -q "layout: *$layout"; then
-        # Some X servers keep their first keymap whatever setxkbmap says.
+        # Some X servers keep their first keymap whatever setxkbmap says (or go away).
         echo "the X server did not take the $layout layout: skipped"
         exit 77
     fi
