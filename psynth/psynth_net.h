@@ -189,6 +189,7 @@ struct psynth_net {
     int capture_module;                // −1 = none
     int capture_full;
     int scope_position;                // write position shared by every scope ring
+    int scope_readers;                 // scopes and meters showing; rings are fed only while > 0
     int sampling_rate;
     int global_volume;
     int solo_active;
@@ -299,6 +300,11 @@ void psynth_begin_device_buffer(tarvik_ticks time, psynth_net* net);
 // (32768) through the optional outputs. −1 for a bad index or channel.
 int psynth_get_scope_position(int mod_num, int channel, psynth_sample** ring, int* ring_size,
                               psynth_net* net);
+// The scope rings and the capture buffer are fed only while a reader (a scope or a level
+// meter on screen) is registered: a window adds itself when it starts showing them and
+// removes itself when it stops. Any thread, no lock; adds and removes must pair up.
+void psynth_scope_readers_add(psynth_net* net);
+void psynth_scope_readers_remove(psynth_net* net);
 // Chooses the module whose output the capture buffer records (−1 = none) and restarts it.
 void psynth_set_capture_module(int mod_num, psynth_net* net);
 // Turns the CPU time measurement on or off.

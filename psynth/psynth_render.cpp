@@ -5,6 +5,7 @@
 // Channel buffers keep one invariant: frames before a buffer's start position are zero.
 // Whoever raises a start zeroes the frames it uncovers, so mixing may add a source into
 // any range from the source's start without looking at what was there.
+#include <atomic>
 #include <cstring>
 
 #include "engine/log.h"
@@ -320,8 +321,22 @@ static int scope_channels(const psynth_module* mod) {
     return (mod->flags & PSYNTH_FLAG_OUTPUT) ? mod->input_channels : mod->output_channels;
 }
 
+// Writes `count` samples of `src` (zeros for null) at `dest`.
+static void copy_or_zero(psynth_sample* dest, const psynth_sample* src, int count) {
+    if (count <= 0) return;
+    if (src) memcpy(dest, src, sizeof(psynth_sample) * (size_t)count);
+    else memset(dest, 0, sizeof(psynth_sample) * (size_t)count);
+}
+
+static bool scopes_read(const psynth_net* net) {
+    return std::atomic_ref<const int>(net->scope_readers).load(std::memory_order_relaxed) > 0;
+}
+
 static void feed_scopes(psynth_net* net) {
     const int frames = net->frames;
+    const int pos = net->scope_position;
+    // The ring wraps at most once per buffer: two block copies.
+    const int first = frames < PSYNTH_SCOPE_SIZE - pos ? frames : PSYNTH_SCOPE_SIZE - pos;
     for (int m = 0; m < net->slots; m++) {
         const psynth_module* mod = &net->modules[m];
         if (!(mod->flags & PSYNTH_FLAG_EXISTS)) continue;
@@ -329,14 +344,10 @@ static void feed_scopes(psynth_net* net) {
             psynth_sample* ring = mod->scope_rings[c];
             if (!ring) continue;
             const psynth_sample* src = scope_source(mod, c);
-            int pos = net->scope_position;
-            for (int i = 0; i < frames; i++) {
-                ring[pos] = src ? src[i] : 0;
-                pos = (pos + 1) & (PSYNTH_SCOPE_SIZE - 1);
-            }
+            copy_or_zero(ring + pos, src, first);
+            copy_or_zero(ring, src ? src + first : nullptr, frames - first);
         }
     }
-    net->scope_position = (net->scope_position + frames) & (PSYNTH_SCOPE_SIZE - 1);
 }
 
 static void feed_capture(psynth_net* net) {
@@ -347,9 +358,10 @@ static void feed_capture(psynth_net* net) {
     psynth_sample* dest = net->capture + net->capture_fill;
     for (int c = 0; c < scope_channels(mod); c++) {
         const psynth_sample* src = scope_source(mod, c);
-        for (int i = 0; i < count; i++) {
-            int v = src ? src[i] : 0;
-            dest[i] = (psynth_sample)(c == 0 ? v : (dest[i] + v) / 2);
+        if (c == 0) {
+            copy_or_zero(dest, src, count);
+        } else {
+            for (int i = 0; i < count; i++) dest[i] = (psynth_sample)((dest[i] + (src ? src[i] : 0)) / 2);
         }
     }
     net->capture_fill += count;
@@ -371,8 +383,11 @@ void psynth_render_all(psynth_net* net) {
     for (int i = 0; i < net->slots; i++) {
         if (!(net->modules[i].render_state & PSYNTH_RENDER_DONE)) render_module(i, net);
     }
-    feed_scopes(net);
-    feed_capture(net);
+    if (scopes_read(net)) {
+        feed_scopes(net);
+        feed_capture(net);
+    }
+    net->scope_position = (net->scope_position + net->frames) & (PSYNTH_SCOPE_SIZE - 1);
 }
 
 // ---- Time ring, capture and CPU load ----
@@ -402,6 +417,14 @@ int psynth_get_scope_position(int mod_num, int channel, psynth_sample** ring, in
         return (int)((e->position + frames) & (PSYNTH_SCOPE_SIZE - 1));
     }
     return net->scope_position;
+}
+
+void psynth_scope_readers_add(psynth_net* net) {
+    std::atomic_ref<int>(net->scope_readers).fetch_add(1, std::memory_order_relaxed);
+}
+
+void psynth_scope_readers_remove(psynth_net* net) {
+    std::atomic_ref<int>(net->scope_readers).fetch_sub(1, std::memory_order_relaxed);
 }
 
 void psynth_set_capture_module(int mod_num, psynth_net* net) {
