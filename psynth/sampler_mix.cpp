@@ -153,16 +153,44 @@ __attribute__((always_inline)) inline void mix_forward_lanes(psynth_sampler_mix_
     V vr = r->volume[1] + (RAMP ? (lane + 1) * ir : lane * 0);
     psynth_sample* out_l = r->out[0];
     psynth_sample* out_r = r->out[1];
+    int64_t q = r->pos & kFracMask;  // the lanes' positions, walked one by one for the loads
     for (int f = 0; f < full; f += N) {
-        const V index = (rel >> kFracBits) * CH;
         V cur_l, next_l, cur_r, next_r;
-        for (int j = 0; j < N; j++) {
-            const T* at = s + index[j];
-            cur_l[j] = int_value(at[0]);
-            if constexpr (INTERP) next_l[j] = int_value(at[CH]);
-            if constexpr (CH == 2) {
-                cur_r[j] = int_value(at[1]);
-                if constexpr (INTERP) next_r[j] = int_value(at[CH + 1]);
+        if constexpr (sizeof(T) == 2 && (INTERP || CH == 2)) {
+            // 16-bit frames are loaded in pairs of values: (current, next) of a mono
+            // sample, (left, right) of a stereo frame; the halves are split in the lanes.
+            V a, b;
+            for (int j = 0; j < N; j++, q += step) {
+                const T* at = s + (q >> kFracBits) * CH;
+                int32_t w;
+                memcpy(&w, at, sizeof(w));
+                a[j] = w;
+                if constexpr (CH == 2 && INTERP) {
+                    memcpy(&w, at + CH, sizeof(w));
+                    b[j] = w;
+                }
+            }
+            const V a_low = (a << 16) >> 16, a_high = a >> 16;
+            if constexpr (CH == 1) {
+                cur_l = a_low;
+                next_l = a_high;
+            } else {
+                cur_l = a_low;
+                cur_r = a_high;
+                if constexpr (INTERP) {
+                    next_l = (b << 16) >> 16;
+                    next_r = b >> 16;
+                }
+            }
+        } else {
+            for (int j = 0; j < N; j++, q += step) {
+                const T* at = s + (q >> kFracBits) * CH;
+                cur_l[j] = int_value(at[0]);
+                if constexpr (INTERP) next_l[j] = int_value(at[CH]);
+                if constexpr (CH == 2) {
+                    cur_r[j] = int_value(at[1]);
+                    if constexpr (INTERP) next_r[j] = int_value(at[CH + 1]);
+                }
             }
         }
         V left = cur_l, right = cur_r;
