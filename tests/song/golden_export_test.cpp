@@ -1,7 +1,8 @@
 // Golden exports: songs that play every module type, the Sampler in every sample format,
 // loop kind and interpolation setting, and nets with cycles, many modules and unfed
 // effects are exported to WAV and compared, second by second, with reference hashes
-// kept in tests/data/golden_exports.txt, so any change to a rendered sample shows.
+// kept in tests/data/golden_exports.txt, so any change to a rendered sample shows, with
+// the net rendered on one thread or on several.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -139,9 +140,20 @@ public:
         }
     }
 
-    // Exports the song (mode, format) into a folder of its own and compares every file with
-    // the golden line "case/file". With ZELFON_GOLDEN_WRITE set the lines are printed instead.
+    // Exports the song (mode, format) into a folder of its own with 1, 2 and 4 render
+    // threads and compares every file with the golden line "case/file". With
+    // ZELFON_GOLDEN_WRITE set the lines of the one-thread export are printed instead.
     void check_export(const std::string& name, int format, int mode) {
+        const bool write = getenv("ZELFON_GOLDEN_WRITE") != nullptr;
+        for (int threads : {1, 2, 4}) {
+            if (write && threads > 1) break;
+            ASSERT_EQ(zelfon_set_render_threads(threads, &song), threads);
+            check_export_files(name, format, mode, threads, write);
+        }
+        zelfon_set_render_threads(1, &song);
+    }
+
+    void check_export_files(const std::string& name, int format, int mode, int threads, bool write) {
         std::filesystem::path dir = std::filesystem::path(temp_dir) / name;
         std::filesystem::create_directories(dir);
         std::string path = "3:/" + name + "/out.wav";
@@ -151,7 +163,6 @@ public:
         std::sort(files.begin(), files.end());
         ASSERT_FALSE(files.empty());
         static const std::map<std::string, std::string> golden = read_golden();
-        const bool write = getenv("ZELFON_GOLDEN_WRITE") != nullptr;
         for (const std::string& file : files) {
             std::string got = fingerprint(file_bytes(("3:/" + name + "/" + file).c_str()), format == ZELFON_EXPORT_INT16 ? 4 : 8);
             std::string key = name + "/" + file;
@@ -162,7 +173,7 @@ public:
             }
             auto want = golden.find(key);
             ASSERT_NE(want, golden.end()) << key << " has no golden line";
-            EXPECT_EQ(fingerprint_difference(got, want->second), "") << key;
+            EXPECT_EQ(fingerprint_difference(got, want->second), "") << key << " with " << threads << " threads";
         }
         std::filesystem::remove_all(dir);
     }
