@@ -16,7 +16,7 @@ trap 'rm -rf "$work"' EXIT
 export TMPDIR=$work
 
 "$build/bench/zelfon_dense_song" --samplers "$minutes" "$work/dense.zelfon" >/dev/null
-frames=$(cd "$work" && "$build/zelfon" export dense.zelfon out.wav | sed -n 's/^Song length (frames): //p')
+frames=$(cd "$work" && "$build/zelfon" export dense.zelfon out.wav --threads 1 | sed -n 's/^Song length (frames): //p')
 seconds=$(echo "$frames / 44100" | bc -l)
 
 # One export, timed on the wall clock: `run NAME ZELFON [OPTIONS...]` keeps the best time per name.
@@ -36,13 +36,17 @@ run() {
 i=0
 while [ $i -lt "$runs" ]; do
     run baseline "$base"
-    run threads_1 "$build/zelfon"
+    run threads_1 "$build/zelfon" --threads 1
+    run threads_all "$build/zelfon" --threads "$cores"
     i=$((i + 1))
 done
 
 xrt() { echo "$seconds / $(cat "$work/best_$1")" | bc -l; }
 b=$(xrt baseline)
 one=$(xrt threads_1)
+all=$(xrt threads_all)
 printf 'song: %.1f s (%s frames), best of %s runs, %s cores\n' "$seconds" "$frames" "$runs" "$cores"
 printf 'baseline         %7.1f x realtime\n' "$b"
 printf 'this, 1 thread   %7.1f x realtime  (%.2f x baseline)\n' "$one" "$(echo "$one / $b" | bc -l)"
+printf 'this, %s threads  %7.1f x realtime  (%.2f x baseline, %.2f x 1 thread)\n' "$cores" "$all" \
+    "$(echo "$all / $b" | bc -l)" "$(echo "$all / $one" | bc -l)"
