@@ -143,20 +143,72 @@ void update_params(reverb_data* d) {
     d->params_changed = 0;
 }
 
-// One comb over n frames: adds its output to sum[] and feeds x[] × 4 back in.
-void comb_run(reverb_comb* c, int32_t* line, const int32_t* x, int32_t* sum, int n, int32_t feedback,
-              int32_t a) {
-    int32_t index = c->index, length = c->length, store = c->store;
+// Combs run in groups: their low-pass chains are independent, so a group's steps overlap
+// in the CPU where one comb alone would wait on its own state every frame.
+constexpr int kCombGroup = 4;
+
+// G combs over n frames: each adds its output to sum[] and feeds x[] × 4 back in. The
+// frames go in stretches that end where the first of the lines wraps, so the inner loop
+// has no wrap test (the sums wrap at 32 bits, so their order does not matter).
+template <int G>
+void comb_group_run(reverb_comb* const* combs, int32_t* const* lines, const int32_t* x, int32_t* sum, int n,
+                    int32_t feedback, int32_t a) {
     const int32_t keep = PSYNTH_GAIN_UNITY - a;
-    for (int i = 0; i < n; i++) {
-        int32_t o = line[index];
-        store = psynth_div256_toward_zero(psynth_wrap32((int64_t)o * a + (int64_t)store * keep));
-        line[index] = psynth_wrap32((int64_t)psynth_gain32(store, feedback) + ((int64_t)x[i] << kCombInputShift));
-        sum[i] = psynth_wrap32((int64_t)sum[i] + o);
-        if (++index >= length) index = 0;
+    int32_t index[G], store[G];
+    for (int g = 0; g < G; g++) {
+        index[g] = combs[g]->index;
+        store[g] = combs[g]->store;
     }
-    c->index = index;
-    c->store = store;
+    for (int i = 0; i < n;) {
+        int stretch = n - i;
+        for (int g = 0; g < G; g++) {
+            int left = combs[g]->length - index[g];
+            if (left < 1) left = 1;  // a line shortened under its index: one frame, then it wraps
+            if (stretch > left) stretch = left;
+        }
+        int32_t* at[G];
+        for (int g = 0; g < G; g++) at[g] = lines[g] + index[g];
+        for (int f = 0; f < stretch; f++) {
+            const int64_t input = (int64_t)x[i + f] << kCombInputShift;
+            int64_t s = sum[i + f];
+            for (int g = 0; g < G; g++) {
+                int32_t o = at[g][f];
+                store[g] = psynth_div256_toward_zero(psynth_wrap32((int64_t)o * a + (int64_t)store[g] * keep));
+                at[g][f] = psynth_wrap32((int64_t)psynth_gain32(store[g], feedback) + input);
+                s += o;
+            }
+            sum[i + f] = psynth_wrap32(s);
+        }
+        for (int g = 0; g < G; g++) {
+            index[g] += stretch;
+            if (index[g] >= combs[g]->length) index[g] = 0;
+        }
+        i += stretch;
+    }
+    for (int g = 0; g < G; g++) {
+        combs[g]->index = index[g];
+        combs[g]->store = store[g];
+    }
+}
+
+// The combs of one channel (every `stride`-th from `first`), a group at a time.
+void combs_run(reverb_data* d, int first, int count, int stride, const int32_t* x, int32_t* sum, int n) {
+    for (int k = 0; k < count; k += kCombGroup) {
+        reverb_comb* combs[kCombGroup];
+        int32_t* lines[kCombGroup];
+        int g = 0;
+        for (; g < kCombGroup && k + g < count; g++) {
+            int c = first + (k + g) * stride;
+            combs[g] = &d->comb[c];
+            lines[g] = comb_line(d, c);
+        }
+        switch (g) {
+        case 4: comb_group_run<4>(combs, lines, x, sum, n, d->feedback, d->damp); break;
+        case 3: comb_group_run<3>(combs, lines, x, sum, n, d->feedback, d->damp); break;
+        case 2: comb_group_run<2>(combs, lines, x, sum, n, d->feedback, d->damp); break;
+        default: comb_group_run<1>(combs, lines, x, sum, n, d->feedback, d->damp); break;
+        }
+    }
 }
 
 // One allpass over n frames, in place on sum[].
@@ -208,9 +260,7 @@ intptr_t render(int mod_num, reverb_data* d, psynth_net* net) {
     int32_t* sum[kChannels] = {scratch(d, 1), scratch(d, 2)};
     for (int c = 0; c < channels; c++) {
         memset(sum[c], 0, sizeof(int32_t) * (size_t)n);
-        for (int k = c * kCombsPerChannel; k < (c + 1) * kCombsPerChannel; k += stride) {
-            comb_run(&d->comb[k], comb_line(d, k), x, sum[c], n, d->feedback, d->damp);
-        }
+        combs_run(d, c * kCombsPerChannel, kCombsPerChannel / stride, stride, x, sum[c], n);
         for (int k = c * kAllpassesPerChannel; k < (c + 1) * kAllpassesPerChannel; k += stride) {
             allpass_run(&d->allpass[k], allpass_line(d, k), sum[c], n);
         }
