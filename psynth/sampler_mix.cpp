@@ -7,6 +7,7 @@
 #include <cstring>
 #include <type_traits>
 
+#include "psynth/psynth_cpu.h"
 #include "psynth/psynth_dsp.h"
 #include "psynth/psynth_tables.h"
 #include "psynth/sampler.h"
@@ -93,17 +94,9 @@ void mix_frames(psynth_sampler_mix_run* r) {
 }
 
 // ---- Lanes of frames ----
-// Written with the compiler's vector types, so that one body becomes SSE2 code in the
-// baseline functions and AVX2 code inside the functions built for that target.
 
 // The lane helpers are always inlined: no vector crosses a call, whatever the target.
 #pragma GCC diagnostic ignored "-Wpsabi"
-
-template <int N>
-struct lanes {
-    typedef int32_t i32 __attribute__((vector_size(4 * N)));
-    typedef int16_t i16 __attribute__((vector_size(2 * N)));
-};
 
 // floor(gain · value / 2^18) in 32-bit lanes, exact for any 32-bit gain and 16-bit value:
 // gain = high · 2^15 + low, so gain · value = (high · value + (low · value >> 15)) · 2^15
@@ -120,11 +113,11 @@ __attribute__((always_inline)) inline V mix_lanes(V gain, V value) {
 }
 
 template <int N>
-__attribute__((always_inline)) inline void add_lanes(psynth_sample* out, typename lanes<N>::i32 mixed) {
-    typename lanes<N>::i16 o;
+__attribute__((always_inline)) inline void add_lanes(psynth_sample* out, typename psynth_lanes<N>::i32 mixed) {
+    typename psynth_lanes<N>::i16 o;
     memcpy(&o, out, sizeof(o));
     // 16-bit wrap-around, as psynth_add_wrap: the sum is formed in 32 bits and truncated.
-    o = __builtin_convertvector(__builtin_convertvector(o, typename lanes<N>::i32) + mixed, typename lanes<N>::i16);
+    o = __builtin_convertvector(__builtin_convertvector(o, typename psynth_lanes<N>::i32) + mixed, typename psynth_lanes<N>::i16);
     memcpy(out, &o, sizeof(o));
 }
 
@@ -134,7 +127,7 @@ constexpr int64_t kLanePositionLimit = (int64_t)1 << 30;
 
 template <class T, int CH, bool INTERP, bool RAMP, int N>
 __attribute__((always_inline)) inline void mix_forward_lanes(psynth_sampler_mix_run* r) {
-    typedef typename lanes<N>::i32 V;
+    typedef typename psynth_lanes<N>::i32 V;
     const int count = r->count;
     const int64_t step = r->step;
     const int full = count / N * N;
@@ -240,8 +233,6 @@ __attribute__((target("avx2"))) void mix_forward_avx2(psynth_sampler_mix_run* r)
 
 // ---- Choosing the kernels ----
 
-const bool kHasAvx2 = (__builtin_cpu_init(), __builtin_cpu_supports("avx2") != 0);
-
 template <class T, int CH, bool INTERP, bool RAMP>
 psynth_sampler_mix_fn forward_kernel(int isa) {
     if constexpr (std::is_same_v<T, float>) {
@@ -270,11 +261,11 @@ void pick(int channels, bool interp, int isa, psynth_sampler_mix_fn k[2][2]) {
 }  // namespace
 
 bool psynth_sampler_mix_supported(int isa) {
-    return isa == PSYNTH_SAMPLER_MIX_AVX2 ? kHasAvx2 : isa >= 0 && isa <= PSYNTH_SAMPLER_MIX_BEST;
+    return isa == PSYNTH_SAMPLER_MIX_AVX2 ? psynth_cpu_has_avx2() : isa >= 0 && isa <= PSYNTH_SAMPLER_MIX_BEST;
 }
 
 void psynth_sampler_mix_kernels(int format, int channels, bool interp, int isa, psynth_sampler_mix_fn kernels[2][2]) {
-    if (isa >= PSYNTH_SAMPLER_MIX_AVX2 && !kHasAvx2) isa = PSYNTH_SAMPLER_MIX_SSE2;
+    if (isa >= PSYNTH_SAMPLER_MIX_AVX2 && !psynth_cpu_has_avx2()) isa = PSYNTH_SAMPLER_MIX_SSE2;
     if (isa > PSYNTH_SAMPLER_MIX_AVX2) isa = PSYNTH_SAMPLER_MIX_AVX2;
     if (format == PSYNTH_SAMPLER_FORMAT_INT8) pick<int8_t>(channels, interp, isa, kernels);
     else if (format == PSYNTH_SAMPLER_FORMAT_INT16) pick<int16_t>(channels, interp, isa, kernels);

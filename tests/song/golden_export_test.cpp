@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "engine/random.h"
+#include "psynth/psynth_cpu.h"
 #include "psynth/psynth_modules.h"
 #include "psynth/sampler.h"
 #include "song/demo.h"
@@ -141,15 +142,23 @@ public:
     }
 
     // Exports the song (mode, format) into a folder of its own with 1, 2 and 4 render
-    // threads and compares every file with the golden line "case/file". With
-    // ZELFON_GOLDEN_WRITE set the lines of the one-thread export are printed instead.
+    // threads, and with one thread on the baseline instruction set, and compares every
+    // file with the golden line "case/file". With ZELFON_GOLDEN_WRITE set the lines of the
+    // first export are printed instead; with ZELFON_GOLDEN_SONGS set to a folder the song
+    // is saved there as "case.zelfon", for exports by other builds.
     void check_export(const std::string& name, int format, int mode) {
         const bool write = getenv("ZELFON_GOLDEN_WRITE") != nullptr;
-        for (int threads : {1, 2, 4}) {
-            if (write && threads > 1) break;
+        if (const char* songs = getenv("ZELFON_GOLDEN_SONGS")) {
+            std::string path = std::string(songs) + "/" + name + ".zelfon";
+            ASSERT_EQ(zelfon_save_song(path.c_str(), ZELFON_VERSION_MAJOR, ZELFON_VERSION_MINOR, &song), 0);
+        }
+        for (int run = 0; run < 4 && !(write && run > 0); run++) {
+            const int threads = run == 1 ? 2 : run == 2 ? 4 : 1;
+            psynth_cpu_baseline_only(run == 3);
             ASSERT_EQ(zelfon_set_render_threads(threads, &song), threads);
             check_export_files(name, format, mode, threads, write);
         }
+        psynth_cpu_baseline_only(false);
         zelfon_set_render_threads(1, &song);
     }
 
@@ -173,7 +182,8 @@ public:
             }
             auto want = golden.find(key);
             ASSERT_NE(want, golden.end()) << key << " has no golden line";
-            EXPECT_EQ(fingerprint_difference(got, want->second), "") << key << " with " << threads << " threads";
+            EXPECT_EQ(fingerprint_difference(got, want->second), "")
+                << key << " with " << threads << " threads" << (psynth_cpu_has_avx2() ? "" : ", baseline instructions");
         }
         std::filesystem::remove_all(dir);
     }
@@ -255,6 +265,24 @@ TEST_F(GoldenExportTest, SamplerFormatsLoopsAndInterpolation) {
     }
     check_export("sampler_mix", ZELFON_EXPORT_INT16, ZELFON_EXPORT_ONE_FILE);
     check_export("sampler_modules", ZELFON_EXPORT_FLOAT32, ZELFON_EXPORT_PER_MODULE);
+}
+
+// The Reverb in each of its modes, fed by a Generator, each on its own and in the mix.
+TEST_F(GoldenExportTest, ReverbModes) {
+    int slot = pattern(24, 1);
+    int source = add_module(psynth_generator, "Source");
+    write_track(slot, 0, source, 24, 40);
+    for (int mode = 0; mode < 4; mode++) {
+        int reverb = add_module(psynth_reverb);
+        psynth_module* m = &song.net->modules[reverb];
+        for (int c = 0; c < m->ctls_count; c++) {
+            if (!strcmp(m->ctls[c].name, "Mode")) *m->ctls[c].value = mode;
+            if (!strcmp(m->ctls[c].name, "Feedback")) *m->ctls[c].value = 200 + 10 * mode;
+        }
+        psynth_make_link(reverb, source, song.net);
+        psynth_make_link(0, reverb, song.net);
+    }
+    check_export("reverb", ZELFON_EXPORT_INT16, ZELFON_EXPORT_PER_MODULE);
 }
 
 // Nets the render must take as they are: a cycle, a thousand modules, effects with no input.
