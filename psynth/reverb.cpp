@@ -263,14 +263,24 @@ void combs_run(reverb_data* d, int first, int count, int stride, const int32_t* 
     }
 }
 
-// One allpass over n frames, in place on sum[].
+// One allpass over n frames, in place on sum[]: in stretches between line wraps, within
+// which every frame has a line entry of its own, so the loop vectorises.
 void allpass_run(reverb_allpass* f, int32_t* line, int32_t* sum, int n) {
-    int32_t index = f->index, length = f->length;
-    for (int i = 0; i < n; i++) {
-        int32_t b = line[index];
-        line[index] = psynth_wrap32((int64_t)psynth_gain32(b, kAllpassFeedback) + sum[i]);
-        sum[i] = psynth_wrap32((int64_t)b - sum[i]);
-        if (++index >= length) index = 0;
+    int32_t index = f->index;
+    for (int i = 0; i < n;) {
+        int stretch = f->length - index;
+        if (stretch < 1) stretch = 1;  // a line shortened under its index: one frame, then it wraps
+        if (stretch > n - i) stretch = n - i;
+        int32_t* __restrict at = line + index;
+        int32_t* __restrict s = sum + i;
+        for (int k = 0; k < stretch; k++) {
+            int32_t b = at[k];
+            at[k] = psynth_wrap32((int64_t)psynth_gain32(b, kAllpassFeedback) + s[k]);
+            s[k] = psynth_wrap32((int64_t)b - s[k]);
+        }
+        index += stretch;
+        if (index >= f->length) index = 0;
+        i += stretch;
     }
     f->index = index;
 }
