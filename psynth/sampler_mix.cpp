@@ -155,12 +155,15 @@ __attribute__((always_inline)) inline void mix_forward_lanes(psynth_sampler_mix_
             V a, b;
             for (int j = 0; j < N; j++, q += step) {
                 const T* at = s + (q >> kFracBits) * CH;
-                int32_t w;
-                memcpy(&w, at, sizeof(w));
-                a[j] = w;
                 if constexpr (CH == 2 && INTERP) {
-                    memcpy(&w, at + CH, sizeof(w));
-                    b[j] = w;
+                    int64_t w;  // both frames at once
+                    memcpy(&w, at, sizeof(w));
+                    a[j] = (int32_t)w;
+                    b[j] = (int32_t)(w >> 32);
+                } else {
+                    int32_t w;
+                    memcpy(&w, at, sizeof(w));
+                    a[j] = w;
                 }
             }
             const V a_low = (a << 16) >> 16, a_high = a >> 16;
