@@ -165,7 +165,6 @@ static void plan_module(int mod_num, int* last_in_order, psynth_net* net) {
             solo |= (walk[src] & PSYNTH_RENDER_WAS_SOLOED) != 0;
         }
         if (!(walk[src] & PSYNTH_RENDER_DONE)) plan_module(src, last_in_order, net);
-        mod = &net->modules[mod_num];
     }
     if (mod_num == 0) {
         walk[0] &= (uint8_t)~PSYNTH_RENDER_BUSY;  // OUT never counts as rendered
