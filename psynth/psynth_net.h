@@ -187,6 +187,13 @@ struct psynth_render_plan {
     int count;
     uint32_t pass;        // 1..2^24 − 1, tags the claims and the done marks
     uint64_t claim;       // pass (24 bits) | job count (20) | next job to take (20), read and written atomically
+    // Whether helpers pay on this machine now (they do not when other programs hold the
+    // cores): passes are timed in trials on one thread and on all, and the faster way
+    // renders until the next trial.
+    int trial_pass;       // passes since the last trial began
+    int64_t trial_ns[2];  // time of the trial's passes alone [0] and with helpers [1]
+    int64_t trial_frames[2];
+    int helpers_pay;
 };
 
 struct psynth_time_ring_entry {

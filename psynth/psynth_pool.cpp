@@ -5,14 +5,17 @@
 
 #include <atomic>
 #include <new>
+#include <thread>
 
 #include "engine/memory.h"
 #include "engine/thread.h"
 
 namespace {
 
-// Checks of the round number before a helper goes to sleep: some tens of microseconds.
-constexpr int kSpinsBeforeSleep = 20000;
+// Checks of the round number before a helper goes to sleep, some tens of microseconds;
+// every few checks it offers its core, which the caller may need on a busy machine.
+constexpr int kSpinsBeforeSleep = 4096;
+constexpr int kSpinsPerYield = 64;
 
 struct helper {
     tarvik_thread thread;
@@ -42,7 +45,8 @@ void helper_main(tarvik_thread*, void* arg) {
         int now;
         while ((now = pool->round.load(std::memory_order_acquire)) == seen && !pool->stop.load(std::memory_order_acquire)) {
             if (++spins < kSpinsBeforeSleep) {
-                cpu_relax();
+                if (spins % kSpinsPerYield == 0) std::this_thread::yield();
+                else cpu_relax();
             } else {
                 pool->round.wait(seen, std::memory_order_acquire);
             }

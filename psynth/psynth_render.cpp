@@ -6,6 +6,7 @@
 // Whoever raises a start zeroes the frames it uncovers, so mixing may add a source into
 // any range from the source's start without looking at what was there.
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <thread>
 
@@ -325,6 +326,10 @@ constexpr uint32_t kPassLimit = 1u << 24;
 // job (a machine busier than its cores) must not cost the waiter its whole time slice.
 constexpr int kSpinsBeforeYield = 2000;
 
+// Every kTrialPeriod passes, kTrialPasses are timed alone and as many with helpers.
+constexpr int kTrialPasses = 8;
+constexpr int kTrialPeriod = 128;
+
 static bool job_done(int j, uint32_t pass, const psynth_net* net) {
     return std::atomic_ref<const uint32_t>(net->plan.done[j]).load(std::memory_order_acquire) == pass;
 }
@@ -435,16 +440,12 @@ static void work_on_pass(void* arg) {
     }
 }
 
-static bool run_in_parallel(const psynth_net* net) {
-    return net->pool && net->frames >= PSYNTH_PARALLEL_MIN_FRAMES && (uint64_t)net->plan.count <= kClaimFieldMask;
+static void run_jobs_alone(psynth_net* net) {
+    for (int j = 0; j < net->plan.count; j++) run_job(j, 0, net);
 }
 
-static void run_jobs(psynth_net* net) {
+static void run_jobs_with_helpers(psynth_net* net) {
     psynth_render_plan* plan = &net->plan;
-    if (!run_in_parallel(net)) {
-        for (int j = 0; j < plan->count; j++) run_job(j, 0, net);
-        return;
-    }
     if (++plan->pass >= kPassLimit) {
         plan->pass = 1;  // older marks could pass for this pass's: clear them
         for (int j = 0; j < plan->capacity; j++) plan->done[j] = 0;
@@ -456,6 +457,39 @@ static void run_jobs(psynth_net* net) {
     work_on_pass(net);
     // The barrier of the pass: every job taken by a helper is running, none waits to start.
     for (int j = 0; j < plan->count; j++) wait_for_job(j, pass, net);
+}
+
+static int64_t now_ns() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+// Runs the plan's jobs, with the helpers when there are some, the buffer is long enough
+// and the last trial found them faster; the output is the same either way.
+static void run_jobs(psynth_net* net) {
+    psynth_render_plan* plan = &net->plan;
+    if (!net->pool || net->frames < PSYNTH_PARALLEL_MIN_FRAMES || (uint64_t)plan->count > kClaimFieldMask) {
+        run_jobs_alone(net);
+        return;
+    }
+    const int t = plan->trial_pass++;
+    if (t >= 2 * kTrialPasses) {
+        if (t + 1 >= kTrialPeriod) plan->trial_pass = 0;
+        if (plan->helpers_pay) run_jobs_with_helpers(net);
+        else run_jobs_alone(net);
+        return;
+    }
+    const int helpers = t % 2;  // the two ways alternate, so both see the same load
+    if (t == 0) plan->trial_ns[0] = plan->trial_ns[1] = plan->trial_frames[0] = plan->trial_frames[1] = 0;
+    const int64_t started = now_ns();
+    if (helpers) run_jobs_with_helpers(net);
+    else run_jobs_alone(net);
+    plan->trial_ns[helpers] += now_ns() - started;
+    plan->trial_frames[helpers] += net->frames;
+    if (t + 1 == 2 * kTrialPasses) {
+        // time per frame with helpers below time per frame alone (cross-multiplied)
+        plan->helpers_pay = plan->trial_ns[1] * plan->trial_frames[0] < plan->trial_ns[0] * plan->trial_frames[1];
+    }
 }
 
 int psynth_set_render_threads(int threads, psynth_net* net) {
