@@ -315,7 +315,6 @@ static void render_events_in_pieces(int mod_num, int* silence, psynth_net* net) 
     render_piece(mod_num, p, frames - p, silence, &written, net);
 }
 
-
 // Passes are numbered in 24 bits inside the claim word; 0 is never a pass.
 constexpr int kClaimPassShift = 40;
 constexpr int kClaimCountShift = 20;
