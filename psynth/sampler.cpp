@@ -586,9 +586,16 @@ void record_block(sampler_data* d, const psynth_module* mod, int at, int frames)
     }
 }
 
-void relink(int mod_num, sampler_data* d, psynth_net* net) {
+// Relinks the instrument and the samples that the first `count` voices play, each once;
+// the other samples are relinked when a voice plays them.
+void relink(int mod_num, sampler_data* d, int count, psynth_net* net) {
     d->instrument = instrument_chunk(mod_num, net);
-    for (int s = 0; s < PSYNTH_SAMPLER_SAMPLES; s++) {
+    static_assert(PSYNTH_SAMPLER_SAMPLES <= 32, "one bit per sample");
+    uint32_t linked = 0;  // voices only ever hold samples below 16 (NOTE_ON checks it)
+    for (int i = 0; i < count; i++) {
+        const int s = d->voices[i].sample;
+        if (!d->voices[i].active || (linked & (1u << s))) continue;
+        linked |= 1u << s;
         sampler_link& l = d->links[s];
         int size = 0;
         l.header = header_chunk(mod_num, s, net);
@@ -604,8 +611,8 @@ intptr_t render(int mod_num, sampler_data* d, psynth_net* net) {
     if (at < 0 || frames <= 0 || at + frames > PSYNTH_BUFFER_SIZE || mod->output_channels < 1) return 0;
     if (tarvik_mutex_trylock(&d->mutex)) return 0;  // an editor is changing the samples
     record_block(d, mod, at, frames);
-    relink(mod_num, d, net);
     const int count = polyphony(d);
+    relink(mod_num, d, count, net);
     bool any = false;
     for (int i = 0; i < count; i++) any |= d->voices[i].active != 0;
     if (!any || !d->instrument) {
