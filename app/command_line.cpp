@@ -27,10 +27,11 @@ namespace {
 
 constexpr int kDefaultRate = 44100;
 constexpr const char* kDefaultDemoWav = "zelfon_demo.wav";
+constexpr int kMaxThreads = 256;
 
 const char* const kUsage =
     "usage: zelfon [COMMAND]\n"
-    "  export [SONG] OUT.wav [--format int16|float32] [--mode mix|modules|effects|connected] [--rate HZ]\n"
+    "  export [SONG] OUT.wav [--format int16|float32] [--mode mix|modules|effects|connected] [--rate HZ] [--threads N]\n"
     "  export-midi [SONG] OUT.mid\n"
     "  info [SONG]\n"
     "  demo OUT.zelfon\n"
@@ -53,6 +54,7 @@ struct options {
     int rate = 0;
     int raw_format = -1;  // sample-info: read the file as headerless data of this format
     int channels = 1;
+    int threads = 0;  // export: render threads, 0 = one per core
     std::string error;
 };
 
@@ -71,7 +73,7 @@ options parse_options(int argc, char** argv, int first) {
     for (int i = first; i < argc && o.error.empty(); i++) {
         const char* arg = argv[i];
         bool takes_value = !strcmp(arg, "--format") || !strcmp(arg, "--mode") || !strcmp(arg, "--rate") ||
-                           !strcmp(arg, "--raw") || !strcmp(arg, "--channels");
+                           !strcmp(arg, "--raw") || !strcmp(arg, "--channels") || !strcmp(arg, "--threads");
         if (!takes_value) {
             if (arg[0] == '-' && arg[1] == '-') o.error = std::string("unknown option ") + arg;
             o.positional.push_back(arg);
@@ -91,6 +93,9 @@ options parse_options(int argc, char** argv, int first) {
         } else if (!strcmp(arg, "--raw")) {
             o.raw_format = index_of(value, raw_formats, 4);
             if (o.raw_format < 0) o.error = std::string("unknown raw format ") + value;
+        } else if (!strcmp(arg, "--threads")) {
+            o.threads = atoi(value);
+            if (o.threads < 1 || o.threads > kMaxThreads) o.error = std::string("unusable thread count ") + value;
         } else if (!strcmp(arg, "--channels")) {
             o.channels = atoi(value);
             if (o.channels != 1 && o.channels != 2) o.error = std::string("unusable channel count ") + value;
@@ -129,6 +134,7 @@ int export_wav(const options& o) {
     int rate = o.rate ? o.rate : profile_get_int_value("frequency", kDefaultRate, nullptr);
     zelfon_song song;
     if (open_song(song_path, rate, &song)) return 1;
+    zelfon_set_render_threads(o.threads, &song);
     int result = zelfon_export_to_wav(out_path, o.format, o.mode, print_progress, nullptr, &song);
     if (isatty(STDOUT_FILENO)) printf("\n");
     zelfon_song_close(&song);

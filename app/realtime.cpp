@@ -81,6 +81,7 @@ int zelfon_play_command(int argc, char** args, zelfon_song_opener open_song) {
         return 1;
     }
     song.midi_kbd_module = -1;
+    zelfon_set_render_threads(0, &song);  // helpers join in on buffers of 256 frames or more
     zelfon_attach_sound(kSongSlot, &song);
     zelfon_set_stop_at_end(1, &song);
     zelfon_play(0, &song);

@@ -1,12 +1,14 @@
-// Cost of the Sampler's voices: 16 voices on a looped 16-bit stereo sample with
+// Cost of the Sampler's voices: 16 voices on a looped 16-bit mono or stereo sample with
 // volume and panning envelopes, linear interpolation and volume ramps at 44100 Hz,
-// rendered by calling the module's handler directly. Reports ns per voice per frame.
+// rendered by calling the module's handler directly, with the AVX2 kernels or with the
+// baseline (SSE2) ones. Reports ns per voice per frame.
 #include <benchmark/benchmark.h>
 
 #include <cmath>
 #include <vector>
 
 #include "engine/memory.h"
+#include "psynth/psynth_cpu.h"
 #include "psynth/psynth_modules.h"
 #include "psynth/sampler.h"
 
@@ -18,14 +20,15 @@ constexpr int kFrames = 1024;
 constexpr int kSampleFrames = 44100;
 constexpr int kLoopStart = 11025;
 
-// A stereo 16-bit sample of two detuned sines, looped over its last three quarters.
-void add_stereo_sample(int mod, psynth_net* net) {
+// A 16-bit sample of two detuned sines (one per channel of a stereo one), looped over its
+// last three quarters.
+void add_sample(int mod, int channels, psynth_net* net) {
     psynth_new_chunk(mod, psynth_sampler_header_chunk(0), sizeof(psynth_sampler_sample), 0, 0, net);
-    psynth_new_chunk(mod, psynth_sampler_data_chunk(0), kSampleFrames * 2 * sizeof(int16_t), 0, kRate, net);
+    psynth_new_chunk(mod, psynth_sampler_data_chunk(0), kSampleFrames * channels * (int)sizeof(int16_t), 0, kRate, net);
     int16_t* data = (int16_t*)psynth_get_chunk(mod, psynth_sampler_data_chunk(0), net);
     for (int i = 0; i < kSampleFrames; i++) {
-        data[2 * i] = (int16_t)(12000 * std::sin(i * 0.0627));
-        data[2 * i + 1] = (int16_t)(12000 * std::sin(i * 0.0631));
+        data[channels * i] = (int16_t)(12000 * std::sin(i * 0.0627));
+        if (channels == 2) data[2 * i + 1] = (int16_t)(12000 * std::sin(i * 0.0631));
     }
     psynth_sampler_sample* h = (psynth_sampler_sample*)psynth_get_chunk(mod, psynth_sampler_header_chunk(0), net);
     h->length = kSampleFrames;
@@ -35,7 +38,7 @@ void add_stereo_sample(int mod, psynth_net* net) {
     h->panning = 128;
     h->relative_note = 29;  // about 44100 Hz at note 48, as a sample recorded at that rate
     h->type = PSYNTH_SAMPLER_LOOP_FORWARD | (PSYNTH_SAMPLER_FORMAT_INT16 << PSYNTH_SAMPLER_FORMAT_SHIFT) |
-              PSYNTH_SAMPLER_STEREO;
+              (channels == 2 ? PSYNTH_SAMPLER_STEREO : 0);
     psynth_sampler_instrument* ins = (psynth_sampler_instrument*)psynth_get_chunk(mod, 0, net);
     ins->samples_num = 1;
     // The default envelopes, switched on: volume held at its sustain point, panning swinging.
@@ -46,11 +49,12 @@ void add_stereo_sample(int mod, psynth_net* net) {
 }
 
 void BM_SamplerVoices(benchmark::State& state) {
+    psynth_cpu_baseline_only(state.range(1) == 0);
     mem_init();
     psynth_net net;
     psynth_init(0, kRate, 125, 6, &net);
     int mod = psynth_add_synth(-1, psynth_sampler, nullptr, 0, 0, 0, 125, 6, &net);
-    add_stereo_sample(mod, &net);
+    add_sample(mod, (int)state.range(0), &net);
     psynth_do_command(mod, PS_CMD_SETUP_FINISHED, &net);
     psynth_module* m = &net.modules[mod];
     *m->ctls[PSYNTH_SAMPLER_CTL_SAMPLE_INTERP].value = 1;  // linear
@@ -81,8 +85,12 @@ void BM_SamplerVoices(benchmark::State& state) {
     state.counters["x_realtime"] = benchmark::Counter((double)frames / kRate, benchmark::Counter::kIsRate);
     if (psynth_sampler(mod, &render, &net) == 0) state.SkipWithError("the voices stopped sounding");
     psynth_close(&net);
+    psynth_cpu_baseline_only(false);
 }
 
-BENCHMARK(BM_SamplerVoices)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_SamplerVoices)
+    ->ArgNames({"channels", "avx2"})
+    ->ArgsProduct({{1, 2}, {1, 0}})
+    ->Unit(benchmark::kMicrosecond);
 
 }  // namespace

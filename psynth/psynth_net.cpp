@@ -107,6 +107,8 @@ void psynth_init(int flags, int sampling_rate, int bpm, int ticks_per_line, psyn
     } else {
         net->slots = 0;
     }
+    if (psynth_render_plan_fit(net)) net->slots = 0;
+    net->render_threads = 1;
     net->event_heap_blocks = (psynth_event**)mem_new(MEM_DYNAMIC, sizeof(psynth_event*), "psynth_init");
     if (net->event_heap_blocks) {
         net->event_heap_blocks[0] = (psynth_event*)mem_new(MEM_DYNAMIC,
@@ -125,6 +127,7 @@ void psynth_init(int flags, int sampling_rate, int bpm, int ticks_per_line, psyn
 }
 
 void psynth_close(psynth_net* net) {
+    psynth_render_plan_free(net);
     for (int i = 0; i < net->slots; i++) psynth_remove_synth(i, net);
     mem_free(net->modules);
     net->modules = nullptr;
@@ -171,6 +174,10 @@ static int find_free_slot(psynth_net* net) {
     if (!grown) return -1;
     net->modules = grown;
     net->slots = old_slots + PSYNTH_SLOTS_STEP;
+    if (psynth_render_plan_fit(net)) {
+        net->slots = old_slots;  // the render could not plan the new slots
+        return -1;
+    }
     return old_slots;
 }
 

@@ -171,6 +171,31 @@ struct psynth_module {
     int render_offset;
 };
 
+struct psynth_pool;
+
+// The render plan of a pass (psynth_render.cpp): the modules as the pass completes them,
+// inputs before outputs, worked out before any sample moves so that helper threads can
+// render the modules whose inputs are ready while the sums keep the plan's order.
+struct psynth_render_plan {
+    int* jobs;            // module of each job (OUT may come more than once)
+    uint8_t* states;      // render state each job leaves its module in
+    int* chain;           // previous job that must finish first besides the inputs (−1 = none)
+    uint32_t* done;       // number of the last pass in which the job finished (read atomically)
+    int* order;           // per slot: its job, INT32_MAX for none (and for OUT, never counted as rendered)
+    uint8_t* walk;        // per slot: render states while the plan is made
+    int capacity;         // jobs the arrays hold: 2 × slots + 1
+    int count;
+    uint32_t pass;        // 1..2^24 − 1, tags the claims and the done marks
+    uint64_t claim;       // pass (24 bits) | job count (20) | next job to take (20), read and written atomically
+    // Whether helpers pay on this machine now (they do not when other programs hold the
+    // cores): passes are timed in trials on one thread and on all, and the faster way
+    // renders until the next trial.
+    int trial_pass;       // passes since the last trial began
+    int64_t trial_ns[2];  // time of the trial's passes alone [0] and with helpers [1]
+    int64_t trial_frames[2];
+    int helpers_pay;
+};
+
 struct psynth_time_ring_entry {
     int position;  // scope write position when the device buffer started
     tarvik_ticks time;
@@ -189,6 +214,7 @@ struct psynth_net {
     int capture_module;                // −1 = none
     int capture_full;
     int scope_position;                // write position shared by every scope ring
+    int scope_readers;                 // scopes and meters showing; rings are fed only while > 0
     int sampling_rate;
     int global_volume;
     int solo_active;
@@ -199,6 +225,9 @@ struct psynth_net {
     int cpu_total;                     // per cent
     psynth_time_ring_entry time_ring[PSYNTH_TIME_RING_SIZE];
     int time_ring_index;
+    psynth_render_plan plan;
+    psynth_pool* pool;                 // helper threads of the render pass; null: the calling thread alone
+    int render_threads;
 };
 
 // ---- Net life (psynth_net.cpp) ----
@@ -292,13 +321,29 @@ void psynth_clear_events(psynth_net* net);
 void psynth_set_render_params(int frames, tarvik_ticks out_time, int editor_param1,
                               int editor_param2, int editor_param3, psynth_net* net);
 // Renders every module once into the Output module's inputs. Caller holds the net mutex.
+// With helper threads (psynth_set_render_threads) and at least 256 frames, modules whose
+// inputs are ready render in parallel; the output is the same for any thread count.
 void psynth_render_all(psynth_net* net);
+constexpr int PSYNTH_PARALLEL_MIN_FRAMES = 256;
+// Renders with `threads` threads in all (1: the calling thread alone), starting or stopping
+// helpers. Returns the count in force (1 when threads could not be started). GUI thread,
+// net mutex held.
+int psynth_set_render_threads(int threads, psynth_net* net);
+// Sizes the render plan for the slot table. Returns 0, or 1 when memory ran out. Net mutex held.
+int psynth_render_plan_fit(psynth_net* net);
+// Stops the helpers and frees the render plan (at the net's close). GUI thread.
+void psynth_render_plan_free(psynth_net* net);
 // Start of a device buffer: records (scope position, time) and clears the CPU accumulators.
 void psynth_begin_device_buffer(tarvik_ticks time, psynth_net* net);
 // Position of "now" in the module's scope ring for `channel`; the ring and its length
 // (32768) through the optional outputs. −1 for a bad index or channel.
 int psynth_get_scope_position(int mod_num, int channel, psynth_sample** ring, int* ring_size,
                               psynth_net* net);
+// The scope rings and the capture buffer are fed only while a reader (a scope or a level
+// meter on screen) is registered: a window adds itself when it starts showing them and
+// removes itself when it stops. Any thread, no lock; adds and removes must pair up.
+void psynth_scope_readers_add(psynth_net* net);
+void psynth_scope_readers_remove(psynth_net* net);
 // Chooses the module whose output the capture buffer records (−1 = none) and restarts it.
 void psynth_set_capture_module(int mod_num, psynth_net* net);
 // Turns the CPU time measurement on or off.

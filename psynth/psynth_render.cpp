@@ -5,12 +5,17 @@
 // Channel buffers keep one invariant: frames before a buffer's start position are zero.
 // Whoever raises a start zeroes the frames it uncovers, so mixing may add a source into
 // any range from the source's start without looking at what was there.
+#include <atomic>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 #include "engine/log.h"
 #include "engine/memory.h"
 #include "psynth/psynth_dsp.h"
+#include "psynth/psynth_modules.h"
 #include "psynth/psynth_net.h"
+#include "psynth/psynth_pool.h"
 
 static bool module_exists(int mod_num, const psynth_net* net) {
     return net->modules && mod_num >= 0 && mod_num < net->slots &&
@@ -113,16 +118,111 @@ static int source_channel(const psynth_module* src, int c) {
     return c < src->output_channels ? c : src->output_channels - 1;
 }
 
-// ---- The render pass ----
+// ---- The render plan ----
+//
+// A pass renders every module once, sources before the modules they feed, in the order
+// of a depth-first walk from each slot in turn; a link that closes a cycle brings nothing.
+// The walk is made first on the modules' render states alone (which modules are rendered
+// when, who is muted), recording a job per module rendered; then the jobs run, on the
+// calling thread in order, or on helper threads as soon as the jobs they read from are
+// done. A job mixes exactly the sources whose jobs come before it, in link order, so the
+// sums are the same whichever thread renders what.
 
-static int render_module(int mod_num, psynth_net* net);
-
-// Renders a link's source if needed; true when it has been rendered in this pass.
-static bool prepare_source(int src, psynth_net* net) {
-    if (!module_exists(src, net)) return false;
-    if (!(net->modules[src].render_state & PSYNTH_RENDER_DONE)) render_module(src, net);
-    return (net->modules[src].render_state & PSYNTH_RENDER_DONE) != 0;
+// The MultiSynth queues events for the modules it feeds while it renders: such modules,
+// and those with a MIDI out port, run one after the other in the plan's order.
+static bool must_run_in_order(const psynth_module* mod) {
+    return mod->handler == psynth_multisynth || mod->midi_out_port >= 0;
 }
+
+static void add_job(int mod_num, uint8_t state, int* last_in_order, psynth_net* net) {
+    psynth_render_plan* plan = &net->plan;
+    if (plan->count >= plan->capacity) return;  // cannot happen: OUT comes at most once per slot
+    const int j = plan->count++;
+    plan->jobs[j] = mod_num;
+    plan->states[j] = state;
+    plan->chain[j] = -1;
+    if (must_run_in_order(&net->modules[mod_num])) {
+        plan->chain[j] = *last_in_order;
+        *last_in_order = j;
+    }
+    if (mod_num != 0 && plan->order[mod_num] == INT32_MAX) plan->order[mod_num] = j;
+}
+
+// The walk for module m, on the plan's copy of the render states.
+static void plan_module(int mod_num, int* last_in_order, psynth_net* net) {
+    if (!module_exists(mod_num, net)) return;
+    uint8_t* walk = net->plan.walk;
+    if (walk[mod_num] & (PSYNTH_RENDER_BUSY | PSYNTH_RENDER_DONE)) return;
+    walk[mod_num] |= PSYNTH_RENDER_BUSY;
+    const psynth_module* mod = &net->modules[mod_num];
+    bool mute = (mod->flags & PSYNTH_FLAG_MUTE) != 0;
+    bool solo = (mod->flags & PSYNTH_FLAG_SOLO) != 0;
+    for (int i = 0; i < mod->input_links_capacity; i++) {
+        int src = mod->input_links[i];
+        if (!module_exists(src, net)) continue;
+        // Read before the source renders: its last pass's state unless rendered already.
+        if (mod_num != 0 && (net->modules[src].flags & PSYNTH_FLAG_PASS_MUTE_SOLO)) {
+            mute |= (walk[src] & PSYNTH_RENDER_WAS_MUTED) != 0;
+            solo |= (walk[src] & PSYNTH_RENDER_WAS_SOLOED) != 0;
+        }
+        if (!(walk[src] & PSYNTH_RENDER_DONE)) plan_module(src, last_in_order, net);
+    }
+    if (mod_num == 0) {
+        walk[0] &= (uint8_t)~PSYNTH_RENDER_BUSY;  // OUT never counts as rendered
+        add_job(0, walk[0], last_in_order, net);
+        return;
+    }
+    if (!(mod->flags & PSYNTH_FLAG_INITIALIZED)) {
+        walk[mod_num] = (uint8_t)((walk[mod_num] & ~PSYNTH_RENDER_BUSY) | PSYNTH_RENDER_DONE);
+    } else {
+        if (net->solo_active) {
+            if (mod->flags & PSYNTH_FLAG_SOLO) mute = false;
+            else if (mod->flags & PSYNTH_FLAG_GENERATOR) mute = true;
+        }
+        uint8_t state = PSYNTH_RENDER_DONE;
+        if (mute) state |= PSYNTH_RENDER_WAS_MUTED;
+        if (solo) state |= PSYNTH_RENDER_WAS_SOLOED;
+        walk[mod_num] = state;
+    }
+    add_job(mod_num, walk[mod_num], last_in_order, net);
+}
+
+static void make_plan(psynth_net* net) {
+    psynth_render_plan* plan = &net->plan;
+    plan->count = 0;
+    for (int i = 0; i < net->slots; i++) {
+        plan->walk[i] = net->modules[i].render_state;
+        plan->order[i] = INT32_MAX;
+    }
+    int last_in_order = -1;
+    for (int i = 0; i < net->slots; i++) {
+        if (!(plan->walk[i] & PSYNTH_RENDER_DONE)) plan_module(i, &last_in_order, net);
+    }
+}
+
+// Grows one plan array to `count` entries; false when memory ran out (the old one stays).
+template <class T>
+static bool grow(T** array, int count) {
+    T* grown = (T*)mem_resize(*array, sizeof(T) * (size_t)count);
+    if (!grown) return false;
+    *array = grown;
+    return true;
+}
+
+int psynth_render_plan_fit(psynth_net* net) {
+    psynth_render_plan* plan = &net->plan;
+    const int capacity = 2 * net->slots + 1;
+    if (capacity <= plan->capacity) return 0;
+    if (!grow(&plan->jobs, capacity) || !grow(&plan->states, capacity) || !grow(&plan->chain, capacity) ||
+        !grow(&plan->done, capacity) || !grow(&plan->order, net->slots) || !grow(&plan->walk, net->slots)) {
+        return 1;
+    }
+    for (int j = plan->capacity; j < capacity; j++) plan->done[j] = 0;
+    plan->capacity = capacity;
+    return 0;
+}
+
+// ---- Running the jobs ----
 
 static void mix_source_into_inputs(psynth_module* mod, const psynth_module* src, int channels,
                                    bool fed[], bool move_samples, int frames) {
@@ -131,29 +231,6 @@ static void mix_source_into_inputs(psynth_module* mod, const psynth_module* src,
         if (sc < 0 || !mod->input_buffers[c] || !src->output_buffers[sc]) continue;
         mix_channel(mod->input_buffers[c], &mod->input_start[c], &fed[c], src->output_buffers[sc],
                     src->output_start[sc], frames, move_samples);
-    }
-}
-
-static void render_output_module(psynth_net* net) {
-    const int frames = net->frames;
-    bool fed[PSYNTH_MAX_CHANNELS] = {};
-    psynth_module* out = &net->modules[0];
-    for (int i = 0; i < out->input_links_capacity; i++) {
-        int src = out->input_links[i];
-        if (!prepare_source(src, net)) continue;
-        out = &net->modules[0];
-        mix_source_into_inputs(out, &net->modules[src], out->input_channels, fed, true, frames);
-    }
-    for (int c = 0; c < out->input_channels; c++) {
-        psynth_sample* buf = out->input_buffers[c];
-        if (!buf) continue;
-        int start = out->input_start[c];
-        if (start >= frames || !fed[c]) {
-            zero_range(buf, start, frames);
-            out->input_start[c] = frames;
-        } else if (net->global_volume != PSYNTH_GAIN_UNITY) {
-            for (int i = start; i < frames; i++) buf[i] = psynth_apply_gain(buf[i], net->global_volume);
-        }
     }
 }
 
@@ -238,34 +315,81 @@ static void render_events_in_pieces(int mod_num, int* silence, psynth_net* net) 
     render_piece(mod_num, p, frames - p, silence, &written, net);
 }
 
-static int render_module(int mod_num, psynth_net* net) {
-    if (!module_exists(mod_num, net)) return 0;
-    psynth_module* mod = &net->modules[mod_num];
-    if (mod->render_state & PSYNTH_RENDER_BUSY) return -1;  // a cycle: this link brings nothing
-    if (mod->render_state & PSYNTH_RENDER_DONE) return 0;
-    mod->render_state |= PSYNTH_RENDER_BUSY;
-    const int frames = net->frames;
+// Passes are numbered in 24 bits inside the claim word; 0 is never a pass.
+constexpr int kClaimPassShift = 40;
+constexpr int kClaimCountShift = 20;
+constexpr uint64_t kClaimFieldMask = (1u << kClaimCountShift) - 1;
+constexpr uint32_t kPassLimit = 1u << 24;
 
-    if (mod_num == 0) {
-        render_output_module(net);
-        net->modules[0].render_state &= (uint8_t)~PSYNTH_RENDER_BUSY;
-        return 1;
+// Spins on a job before giving the core away: a helper descheduled in the middle of a
+// job (a machine busier than its cores) must not cost the waiter its whole time slice.
+constexpr int kSpinsBeforeYield = 2000;
+
+// Every kTrialPeriod passes, kTrialPasses are timed alone and as many with helpers.
+constexpr int kTrialPasses = 8;
+constexpr int kTrialPeriod = 128;
+
+static bool job_done(int j, uint32_t pass, const psynth_net* net) {
+    return std::atomic_ref<const uint32_t>(net->plan.done[j]).load(std::memory_order_acquire) == pass;
+}
+
+// Spins until job j of this pass is done (on another thread, which is running it).
+static void wait_for_job(int j, uint32_t pass, const psynth_net* net) {
+    for (int spins = 0; !job_done(j, pass, net); spins++) {
+        if (spins < kSpinsBeforeYield) __builtin_ia32_pause();
+        else std::this_thread::yield();
     }
+}
 
-    bool mute = (mod->flags & PSYNTH_FLAG_MUTE) != 0;
-    bool solo = (mod->flags & PSYNTH_FLAG_SOLO) != 0;
+// True when `src` feeds job j in this pass: its job came first. With `pass` non-zero
+// (helpers at work) the source's job is waited for.
+static bool feeds_job(int src, int j, uint32_t pass, const psynth_net* net) {
+    if (!module_exists(src, net)) return false;
+    int k = net->plan.order[src];
+    if (k >= j) return false;
+    if (pass) wait_for_job(k, pass, net);
+    return true;
+}
+
+static void render_output_job(int j, uint32_t pass, psynth_net* net) {
+    const int frames = net->frames;
+    bool fed[PSYNTH_MAX_CHANNELS] = {};
+    psynth_module* out = &net->modules[0];
+    for (int i = 0; i < out->input_links_capacity; i++) {
+        int src = out->input_links[i];
+        if (!feeds_job(src, j, pass, net)) continue;
+        mix_source_into_inputs(out, &net->modules[src], out->input_channels, fed, true, frames);
+    }
+    for (int c = 0; c < out->input_channels; c++) {
+        psynth_sample* buf = out->input_buffers[c];
+        if (!buf) continue;
+        int start = out->input_start[c];
+        if (start >= frames || !fed[c]) {
+            zero_range(buf, start, frames);
+            out->input_start[c] = frames;
+        } else if (net->global_volume != PSYNTH_GAIN_UNITY) {
+            for (int i = start; i < frames; i++) buf[i] = psynth_apply_gain(buf[i], net->global_volume);
+        }
+    }
+}
+
+// Job j: the module's inputs mixed from the jobs before it, its events and pieces, its
+// output starts and render state. `pass` is 0 on the calling thread alone.
+static void run_job(int j, uint32_t pass, psynth_net* net) {
+    const int mod_num = net->plan.jobs[j];
+    if (pass && net->plan.chain[j] >= 0) wait_for_job(net->plan.chain[j], pass, net);
+    if (mod_num == 0) {
+        render_output_job(j, pass, net);
+        return;
+    }
+    psynth_module* mod = &net->modules[mod_num];
+    const int frames = net->frames;
+    const uint8_t state = net->plan.states[j];
     bool fed[PSYNTH_MAX_CHANNELS] = {};
     bool move_samples = !(mod->flags & PSYNTH_FLAG_NO_INPUT_MIXING);
     for (int i = 0; i < mod->input_links_capacity; i++) {
         int src = mod->input_links[i];
-        if (!module_exists(src, net)) continue;
-        const psynth_module* s = &net->modules[src];
-        if (s->flags & PSYNTH_FLAG_PASS_MUTE_SOLO) {
-            mute |= (s->render_state & PSYNTH_RENDER_WAS_MUTED) != 0;
-            solo |= (s->render_state & PSYNTH_RENDER_WAS_SOLOED) != 0;
-        }
-        if (!prepare_source(src, net)) continue;
-        mod = &net->modules[mod_num];
+        if (!feeds_job(src, j, pass, net)) continue;
         mix_source_into_inputs(mod, &net->modules[src], mod->output_channels, fed, move_samples, frames);
     }
     if (mod->flags & PSYNTH_FLAG_EFFECT) {
@@ -276,16 +400,10 @@ static int render_module(int mod_num, psynth_net* net) {
             }
         }
     }
-
     if (!(mod->flags & PSYNTH_FLAG_INITIALIZED)) {
         set_output_starts(mod, frames);
-        mod->render_state = (uint8_t)((mod->render_state & ~PSYNTH_RENDER_BUSY) | PSYNTH_RENDER_DONE);
-        return 1;
-    }
-
-    if (net->solo_active) {
-        if (mod->flags & PSYNTH_FLAG_SOLO) mute = false;
-        else if (mod->flags & PSYNTH_FLAG_GENERATOR) mute = true;
+        mod->render_state = state;
+        return;
     }
 
     tarvik_ticks started = net->cpu_measure ? tarvik_time_ticks() : 0;
@@ -296,16 +414,101 @@ static int render_module(int mod_num, psynth_net* net) {
     render_events_in_pieces(mod_num, &silence, net);
     mod = &net->modules[mod_num];
 
-    if (mute) zero_outputs(mod, silence, frames, false);
+    if (state & PSYNTH_RENDER_WAS_MUTED) zero_outputs(mod, silence, frames, false);
     mod->cpu_frames += frames;
     if (net->cpu_measure) mod->cpu_time += (int)(tarvik_time_ticks() - started);
     set_output_starts(mod, silence);
-
-    uint8_t state = PSYNTH_RENDER_DONE;
-    if (mute) state |= PSYNTH_RENDER_WAS_MUTED;
-    if (solo) state |= PSYNTH_RENDER_WAS_SOLOED;
     mod->render_state = state;
-    return 1;
+}
+
+// Takes the jobs of the current pass one by one, in plan order, until none is left.
+// Helpers that wake late find the pass over (or a newer one) and take nothing stale.
+static void work_on_pass(void* arg) {
+    psynth_net* net = (psynth_net*)arg;
+    std::atomic_ref<uint64_t> claim(net->plan.claim);
+    uint64_t word = claim.load(std::memory_order_acquire);
+    for (;;) {
+        const uint32_t pass = (uint32_t)(word >> kClaimPassShift);
+        const int count = (int)((word >> kClaimCountShift) & kClaimFieldMask);
+        const int next = (int)(word & kClaimFieldMask);
+        if (pass == 0 || next >= count) return;
+        if (!claim.compare_exchange_weak(word, word + 1, std::memory_order_acq_rel, std::memory_order_acquire)) continue;
+        run_job(next, pass, net);
+        std::atomic_ref<uint32_t>(net->plan.done[next]).store(pass, std::memory_order_release);
+        word = claim.load(std::memory_order_acquire);
+    }
+}
+
+static void run_jobs_alone(psynth_net* net) {
+    for (int j = 0; j < net->plan.count; j++) run_job(j, 0, net);
+}
+
+static void run_jobs_with_helpers(psynth_net* net) {
+    psynth_render_plan* plan = &net->plan;
+    if (++plan->pass >= kPassLimit) {
+        plan->pass = 1;  // older marks could pass for this pass's: clear them
+        for (int j = 0; j < plan->capacity; j++) plan->done[j] = 0;
+    }
+    const uint32_t pass = plan->pass;
+    std::atomic_ref<uint64_t>(plan->claim)
+        .store((uint64_t)pass << kClaimPassShift | (uint64_t)plan->count << kClaimCountShift, std::memory_order_release);
+    psynth_pool_wake(net->pool);
+    work_on_pass(net);
+    // The barrier of the pass: every job taken by a helper is running, none waits to start.
+    for (int j = 0; j < plan->count; j++) wait_for_job(j, pass, net);
+}
+
+static int64_t now_ns() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+// Runs the plan's jobs, with the helpers when there are some, the buffer is long enough
+// and the last trial found them faster; the output is the same either way.
+static void run_jobs(psynth_net* net) {
+    psynth_render_plan* plan = &net->plan;
+    if (!net->pool || net->frames < PSYNTH_PARALLEL_MIN_FRAMES || (uint64_t)plan->count > kClaimFieldMask) {
+        run_jobs_alone(net);
+        return;
+    }
+    const int t = plan->trial_pass++;
+    if (t >= 2 * kTrialPasses) {
+        if (t + 1 >= kTrialPeriod) plan->trial_pass = 0;
+        if (plan->helpers_pay) run_jobs_with_helpers(net);
+        else run_jobs_alone(net);
+        return;
+    }
+    const int helpers = t % 2;  // the two ways alternate, so both see the same load
+    if (t == 0) plan->trial_ns[0] = plan->trial_ns[1] = plan->trial_frames[0] = plan->trial_frames[1] = 0;
+    const int64_t started = now_ns();
+    if (helpers) run_jobs_with_helpers(net);
+    else run_jobs_alone(net);
+    plan->trial_ns[helpers] += now_ns() - started;
+    plan->trial_frames[helpers] += net->frames;
+    if (t + 1 == 2 * kTrialPasses) {
+        // time per frame with helpers below time per frame alone (cross-multiplied)
+        plan->helpers_pay = plan->trial_ns[1] * plan->trial_frames[0] < plan->trial_ns[0] * plan->trial_frames[1];
+    }
+}
+
+int psynth_set_render_threads(int threads, psynth_net* net) {
+    psynth_pool_free(net->pool);
+    net->pool = nullptr;
+    net->render_threads = 1;
+    if (threads > 1 && (net->pool = psynth_pool_new(threads - 1, work_on_pass, net))) net->render_threads = threads;
+    return net->render_threads;
+}
+
+void psynth_render_plan_free(psynth_net* net) {
+    psynth_pool_free(net->pool);
+    net->pool = nullptr;
+    net->render_threads = 1;
+    psynth_render_plan* plan = &net->plan;
+    for (void* block : {(void*)plan->jobs, (void*)plan->states, (void*)plan->chain, (void*)plan->done,
+                        (void*)plan->order, (void*)plan->walk}) {
+        mem_free(block);
+    }
+    *plan = psynth_render_plan{};
 }
 
 // A channel's sound for the scope: its buffer, or nothing when it starts late.
@@ -320,8 +523,22 @@ static int scope_channels(const psynth_module* mod) {
     return (mod->flags & PSYNTH_FLAG_OUTPUT) ? mod->input_channels : mod->output_channels;
 }
 
+// Writes `count` samples of `src` (zeros for null) at `dest`.
+static void copy_or_zero(psynth_sample* dest, const psynth_sample* src, int count) {
+    if (count <= 0) return;
+    if (src) memcpy(dest, src, sizeof(psynth_sample) * (size_t)count);
+    else memset(dest, 0, sizeof(psynth_sample) * (size_t)count);
+}
+
+static bool scopes_read(const psynth_net* net) {
+    return std::atomic_ref<const int>(net->scope_readers).load(std::memory_order_relaxed) > 0;
+}
+
 static void feed_scopes(psynth_net* net) {
     const int frames = net->frames;
+    const int pos = net->scope_position;
+    // The ring wraps at most once per buffer: two block copies.
+    const int first = frames < PSYNTH_SCOPE_SIZE - pos ? frames : PSYNTH_SCOPE_SIZE - pos;
     for (int m = 0; m < net->slots; m++) {
         const psynth_module* mod = &net->modules[m];
         if (!(mod->flags & PSYNTH_FLAG_EXISTS)) continue;
@@ -329,14 +546,10 @@ static void feed_scopes(psynth_net* net) {
             psynth_sample* ring = mod->scope_rings[c];
             if (!ring) continue;
             const psynth_sample* src = scope_source(mod, c);
-            int pos = net->scope_position;
-            for (int i = 0; i < frames; i++) {
-                ring[pos] = src ? src[i] : 0;
-                pos = (pos + 1) & (PSYNTH_SCOPE_SIZE - 1);
-            }
+            copy_or_zero(ring + pos, src, first);
+            copy_or_zero(ring, src ? src + first : nullptr, frames - first);
         }
     }
-    net->scope_position = (net->scope_position + frames) & (PSYNTH_SCOPE_SIZE - 1);
 }
 
 static void feed_capture(psynth_net* net) {
@@ -347,9 +560,10 @@ static void feed_capture(psynth_net* net) {
     psynth_sample* dest = net->capture + net->capture_fill;
     for (int c = 0; c < scope_channels(mod); c++) {
         const psynth_sample* src = scope_source(mod, c);
-        for (int i = 0; i < count; i++) {
-            int v = src ? src[i] : 0;
-            dest[i] = (psynth_sample)(c == 0 ? v : (dest[i] + v) / 2);
+        if (c == 0) {
+            copy_or_zero(dest, src, count);
+        } else {
+            for (int i = 0; i < count; i++) dest[i] = (psynth_sample)((dest[i] + (src ? src[i] : 0)) / 2);
         }
     }
     net->capture_fill += count;
@@ -368,11 +582,13 @@ void psynth_render_all(psynth_net* net) {
         mod->render_state &= (uint8_t)~PSYNTH_RENDER_DONE;
         if (mod->flags & PSYNTH_FLAG_SOLO) net->solo_active = 1;
     }
-    for (int i = 0; i < net->slots; i++) {
-        if (!(net->modules[i].render_state & PSYNTH_RENDER_DONE)) render_module(i, net);
+    make_plan(net);
+    run_jobs(net);
+    if (scopes_read(net)) {
+        feed_scopes(net);
+        feed_capture(net);
     }
-    feed_scopes(net);
-    feed_capture(net);
+    net->scope_position = (net->scope_position + net->frames) & (PSYNTH_SCOPE_SIZE - 1);
 }
 
 // ---- Time ring, capture and CPU load ----
@@ -402,6 +618,14 @@ int psynth_get_scope_position(int mod_num, int channel, psynth_sample** ring, in
         return (int)((e->position + frames) & (PSYNTH_SCOPE_SIZE - 1));
     }
     return net->scope_position;
+}
+
+void psynth_scope_readers_add(psynth_net* net) {
+    std::atomic_ref<int>(net->scope_readers).fetch_add(1, std::memory_order_relaxed);
+}
+
+void psynth_scope_readers_remove(psynth_net* net) {
+    std::atomic_ref<int>(net->scope_readers).fetch_sub(1, std::memory_order_relaxed);
 }
 
 void psynth_set_capture_module(int mod_num, psynth_net* net) {

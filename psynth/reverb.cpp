@@ -25,6 +25,7 @@
 
 #include "engine/memory.h"
 #include "psynth/effect_io.h"
+#include "psynth/psynth_cpu.h"
 #include "psynth/psynth_dsp.h"
 #include "psynth/psynth_modules.h"
 
@@ -143,30 +144,143 @@ void update_params(reverb_data* d) {
     d->params_changed = 0;
 }
 
-// One comb over n frames: adds its output to sum[] and feeds x[] × 4 back in.
-void comb_run(reverb_comb* c, int32_t* line, const int32_t* x, int32_t* sum, int n, int32_t feedback,
-              int32_t a) {
-    int32_t index = c->index, length = c->length, store = c->store;
-    const int32_t keep = PSYNTH_GAIN_UNITY - a;
-    for (int i = 0; i < n; i++) {
-        int32_t o = line[index];
-        store = psynth_div256_toward_zero(psynth_wrap32((int64_t)o * a + (int64_t)store * keep));
-        line[index] = psynth_wrap32((int64_t)psynth_gain32(store, feedback) + ((int64_t)x[i] << kCombInputShift));
-        sum[i] = psynth_wrap32((int64_t)sum[i] + o);
-        if (++index >= length) index = 0;
-    }
-    c->index = index;
-    c->store = store;
+// ---- Combs ----
+// A channel's combs are independent low-pass feedback loops, so they run side by side in
+// the lanes of a vector: a channel's 8 combs, or the 4 of the LQ modes. The frames go in
+// stretches that end where the first of the lines wraps, so the inner loop tests no index;
+// the sums wrap at 32 bits, so the order in which the combs add into them does not matter.
+
+// The lane functions are always inlined: no vector crosses a call, whatever the target.
+#pragma GCC diagnostic ignored "-Wpsabi"
+
+constexpr int kMaxCombLanes = kCombsPerChannel;
+
+// x / 256 toward zero in 32-bit lanes, as psynth_div256_toward_zero.
+template <class S>
+__attribute__((always_inline)) inline S div256_toward_zero_lanes(S x) {
+    return (x + ((x >> 31) & (PSYNTH_GAIN_UNITY - 1))) >> PSYNTH_GAIN_SHIFT;
 }
 
-// One allpass over n frames, in place on sum[].
+// One frame of the combs in lanes: o the values read from their lines, `input` the comb
+// input × 4; updates the low-pass states and returns what goes back into the lines.
+// Products wrap at 32 bits, as psynth_wrap32 does.
+template <class S, class U>
+__attribute__((always_inline)) inline S comb_lanes_step(S o, S* store, uint32_t a, uint32_t keep, uint32_t feedback,
+                                                        uint32_t input) {
+    *store = div256_toward_zero_lanes((S)((U)o * a + (U)*store * keep));
+    return (S)((U)div256_toward_zero_lanes((S)((U)*store * feedback)) + input);
+}
+
+// The lines of one channel's combs and their state, taken out of the records for a run.
+struct comb_run_state {
+    reverb_comb* combs[kMaxCombLanes];
+    int32_t* lines[kMaxCombLanes];
+    int32_t index[kMaxCombLanes];
+    int32_t store[kMaxCombLanes];
+    int count;
+};
+
+// Calls stretch_run(at, i, stretch) for stretches of frames between line wraps; at[g] is
+// comb g's line at its index for frame i.
+template <class F>
+__attribute__((always_inline)) inline void run_in_stretches(comb_run_state* st, int n, F stretch_run) {
+    for (int i = 0; i < n;) {
+        int stretch = n - i;
+        int32_t* at[kMaxCombLanes];
+        for (int g = 0; g < st->count; g++) {
+            int left = st->combs[g]->length - st->index[g];
+            if (left < 1) left = 1;  // a line shortened under its index: one frame, then it wraps
+            if (stretch > left) stretch = left;
+            at[g] = st->lines[g] + st->index[g];
+        }
+        stretch_run(at, i, stretch);
+        for (int g = 0; g < st->count; g++) {
+            st->index[g] += stretch;
+            if (st->index[g] >= st->combs[g]->length) st->index[g] = 0;
+        }
+        i += stretch;
+    }
+}
+
+// All N combs of the run state in the lanes of one vector.
+template <int N>
+__attribute__((always_inline)) inline void comb_lanes_run(comb_run_state* st, const int32_t* x, int32_t* sum, int n,
+                                                          int32_t feedback, int32_t a) {
+    typedef typename psynth_lanes<N>::i32 S;
+    typedef typename psynth_lanes<N>::u32 U;
+    S store;
+    for (int g = 0; g < N; g++) store[g] = st->store[g];
+    const uint32_t keep = (uint32_t)(PSYNTH_GAIN_UNITY - a);
+    run_in_stretches(st, n, [&](int32_t* const* at, int i, int stretch) {
+        for (int f = 0; f < stretch; f++) {
+            S o;
+            uint32_t s = (uint32_t)sum[i + f];
+            for (int g = 0; g < N; g++) {
+                o[g] = at[g][f];
+                s += (uint32_t)o[g];
+            }
+            S back = comb_lanes_step<S, U>(o, &store, (uint32_t)a, keep, (uint32_t)feedback,
+                                           (uint32_t)x[i + f] << kCombInputShift);
+            for (int g = 0; g < N; g++) at[g][f] = back[g];
+            sum[i + f] = (int32_t)s;
+        }
+    });
+    for (int g = 0; g < N; g++) st->store[g] = store[g];
+}
+
+template <int N>
+void comb_lanes_sse2(comb_run_state* st, const int32_t* x, int32_t* sum, int n, int32_t feedback, int32_t a) {
+    comb_lanes_run<N>(st, x, sum, n, feedback, a);
+}
+
+template <int N>
+__attribute__((target("avx2"))) void comb_lanes_avx2(comb_run_state* st, const int32_t* x, int32_t* sum, int n,
+                                                     int32_t feedback, int32_t a) {
+    comb_lanes_run<N>(st, x, sum, n, feedback, a);
+}
+
+// The combs of one channel (every `stride`-th from `first`: 8, or 4 in the LQ modes) over n frames.
+void combs_run(reverb_data* d, int first, int count, int stride, const int32_t* x, int32_t* sum, int n) {
+    comb_run_state st = {};
+    st.count = count;
+    for (int g = 0; g < count; g++) {
+        int k = first + g * stride;
+        st.combs[g] = &d->comb[k];
+        st.lines[g] = comb_line(d, k);
+        st.index[g] = d->comb[k].index;
+        st.store[g] = d->comb[k].store;
+    }
+    const bool avx2 = psynth_cpu_has_avx2();
+    if (count == kCombsPerChannel) {
+        (avx2 ? comb_lanes_avx2<kCombsPerChannel> : comb_lanes_sse2<kCombsPerChannel>)(&st, x, sum, n, d->feedback, d->damp);
+    } else {
+        (avx2 ? comb_lanes_avx2<kCombsPerChannel / kLqStride> : comb_lanes_sse2<kCombsPerChannel / kLqStride>)(
+            &st, x, sum, n, d->feedback, d->damp);
+    }
+    for (int g = 0; g < count; g++) {
+        st.combs[g]->index = st.index[g];
+        st.combs[g]->store = st.store[g];
+    }
+}
+
+// One allpass over n frames, in place on sum[]: in stretches between line wraps, within
+// which every frame has a line entry of its own, so the loop vectorises.
 void allpass_run(reverb_allpass* f, int32_t* line, int32_t* sum, int n) {
-    int32_t index = f->index, length = f->length;
-    for (int i = 0; i < n; i++) {
-        int32_t b = line[index];
-        line[index] = psynth_wrap32((int64_t)psynth_gain32(b, kAllpassFeedback) + sum[i]);
-        sum[i] = psynth_wrap32((int64_t)b - sum[i]);
-        if (++index >= length) index = 0;
+    int32_t index = f->index;
+    for (int i = 0; i < n;) {
+        int stretch = f->length - index;
+        if (stretch < 1) stretch = 1;  // a line shortened under its index: one frame, then it wraps
+        if (stretch > n - i) stretch = n - i;
+        int32_t* __restrict at = line + index;
+        int32_t* __restrict s = sum + i;
+        for (int k = 0; k < stretch; k++) {
+            int32_t b = at[k];
+            at[k] = psynth_wrap32((int64_t)psynth_gain32(b, kAllpassFeedback) + s[k]);
+            s[k] = psynth_wrap32((int64_t)b - s[k]);
+        }
+        index += stretch;
+        if (index >= f->length) index = 0;
+        i += stretch;
     }
     f->index = index;
 }
@@ -208,9 +322,7 @@ intptr_t render(int mod_num, reverb_data* d, psynth_net* net) {
     int32_t* sum[kChannels] = {scratch(d, 1), scratch(d, 2)};
     for (int c = 0; c < channels; c++) {
         memset(sum[c], 0, sizeof(int32_t) * (size_t)n);
-        for (int k = c * kCombsPerChannel; k < (c + 1) * kCombsPerChannel; k += stride) {
-            comb_run(&d->comb[k], comb_line(d, k), x, sum[c], n, d->feedback, d->damp);
-        }
+        combs_run(d, c * kCombsPerChannel, kCombsPerChannel / stride, stride, x, sum[c], n);
         for (int k = c * kAllpassesPerChannel; k < (c + 1) * kAllpassesPerChannel; k += stride) {
             allpass_run(&d->allpass[k], allpass_line(d, k), sum[c], n);
         }

@@ -3,9 +3,7 @@
 // Records and editor helpers are in sampler.h; the render holds the module's mutex (try-lock).
 #include "psynth/sampler.h"
 
-#include <cmath>
 #include <cstring>
-#include <type_traits>
 
 #include "engine/log.h"
 #include "engine/memory.h"
@@ -13,13 +11,14 @@
 #include "psynth/psynth_modules.h"
 #include "psynth/psynth_tables.h"
 #include "psynth/psynth_voices.h"
+#include "psynth/sampler_mix.h"
 
 namespace {
 
 const char* const kName = "Sampler";
 const char* const kInfo = "Sampler.\nSupported file formats: WAV, XI\n\nAvailable local controllers:\n * Pan";
 const char* const kColor = "#FF9000";
-constexpr int kChannels = 2;
+constexpr int kChannels = PSYNTH_SAMPLER_MIX_CHANNELS;
 constexpr uint32_t kFlags = PSYNTH_FLAG_GENERATOR | PSYNTH_FLAG_EFFECT | PSYNTH_FLAG_GET_SPEED_CHANGES;  // 0x418
 static_assert(kFlags == 0x418);
 
@@ -34,18 +33,8 @@ constexpr int kSubframes = 1 << kSubframeBits;
 constexpr int kMinTickLength = kSubframes;  // a tick lasts at least one frame, so every piece advances
 constexpr int kTickStartNow = INT32_MIN;    // tick counter of a new voice: run a tick before the first frame
 
-// Interpolation weights: w1 = fraction >> 1 (0..32767), w0 = 32767 − w1, sum >> 15.
-constexpr int kWeightBits = 15;
-constexpr int kFracToWeightBits = kFracBits - kWeightBits;
-constexpr int kWeightMax = (1 << kWeightBits) - 1;
-constexpr float kWeightScale = 1.0f / (1 << kWeightBits);
-constexpr int kInt8ToInt16Bits = 8;  // 8-bit frames are worth 256 times as much
-
-// Current volumes are side volumes × 4096; a frame adds ((volume >> 7) · value) >> 18.
+// Current volumes are side volumes × 4096 (the mixing kernels scale frames by them).
 constexpr int kVolumeBits = 12;
-constexpr int kMixGainBits = 7;
-constexpr int kMixBits = 18;
-constexpr float kFloatMix = 0.125f;  // float frames: round((volume >> 7) · value · 0.125)
 // Side volumes of sane records stay below 1100; the cap keeps garbage records (negative
 // envelope tables, huge velocities) from overflowing the ramp.
 constexpr int64_t kMaxSideVolume = (1 << 18) - 1;
@@ -248,93 +237,6 @@ void envelope_advance(const envelope_view& env, int32_t* pos, bool key_held) {
     (*pos)++;
 }
 
-// ---- Mixing kernels ----
-
-// A run of frames mixed with no edge inside: every frame reads frame i (and i + 1).
-struct mix_run {
-    const void* frames;
-    int64_t pos;   // 16.16 from `frames`
-    int64_t step;  // 16.16, subtracted when going backwards
-    int count;
-    int32_t volume[kChannels];  // current volumes, updated by the ramp
-    int32_t inc[kChannels];
-    psynth_sample* out[kChannels];
-};
-typedef void (*mix_fn)(mix_run* run);
-
-template <class T>
-int32_t int_value(T x) {
-    return sizeof(T) == 1 ? (int32_t)x * (1 << kInt8ToInt16Bits) : (int32_t)x;
-}
-
-// The value of one channel at `at` (the current frame), blended with the next frame `CH` values on.
-template <class T, int CH, bool INTERP>
-inline auto frame_value(const T* at, int32_t w1) {
-    if constexpr (std::is_same_v<T, float>) {
-        if constexpr (INTERP) return (at[CH] * (float)w1 + at[0] * (float)(kWeightMax - w1)) * kWeightScale;
-        else return at[0];
-    } else {
-        if constexpr (INTERP) return (int_value(at[CH]) * w1 + int_value(at[0]) * (kWeightMax - w1)) >> kWeightBits;
-        else return int_value(at[0]);
-    }
-}
-
-inline int32_t mix_value(int32_t gain, int32_t value) { return (int32_t)(((int64_t)gain * value) >> kMixBits); }
-inline int32_t mix_value(int32_t gain, float value) {
-    float x = (float)gain * value * kFloatMix;
-    constexpr float kLimit = 1 << 30;  // far beyond 16 bits; keeps lround defined
-    if (std::isnan(x)) return 0;
-    x = x > kLimit ? kLimit : x < -kLimit ? -kLimit : x;
-    return (int32_t)std::lround(x);
-}
-
-template <class T, int CH, bool INTERP, bool RAMP, bool BACK>
-void mix_frames(mix_run* r) {
-    const T* s = (const T*)r->frames;
-    int64_t p = r->pos;
-    const int64_t step = BACK ? -r->step : r->step;
-    int32_t vl = r->volume[0], vr = r->volume[1];
-    const int32_t il = r->inc[0], ir = r->inc[1];
-    int32_t gl = vl >> kMixGainBits, gr = vr >> kMixGainBits;
-    psynth_sample* out_l = r->out[0];
-    psynth_sample* out_r = r->out[1];
-    const int count = r->count;
-    for (int f = 0; f < count; f++) {
-        const T* at = s + (p >> kFracBits) * CH;
-        const int32_t w1 = (int32_t)(p & kFracMask) >> kFracToWeightBits;
-        if constexpr (RAMP) {
-            vl += il;
-            vr += ir;
-            gl = vl >> kMixGainBits;
-            gr = vr >> kMixGainBits;
-        }
-        const auto left = frame_value<T, CH, INTERP>(at, w1);
-        out_l[f] = psynth_add_wrap(out_l[f], (int16_t)mix_value(gl, left));
-        if constexpr (CH == 2) {
-            out_r[f] = psynth_add_wrap(out_r[f], (int16_t)mix_value(gr, frame_value<T, CH, INTERP>(at + 1, w1)));
-        } else {
-            out_r[f] = psynth_add_wrap(out_r[f], (int16_t)mix_value(gr, left));  // mono feeds both sides
-        }
-        p += step;
-    }
-    r->volume[0] = vl;
-    r->volume[1] = vr;
-}
-
-template <class T, int CH, bool INTERP>
-void pick_kernels(mix_fn k[2][2]) {
-    k[0][0] = mix_frames<T, CH, INTERP, false, false>;
-    k[0][1] = mix_frames<T, CH, INTERP, false, true>;
-    k[1][0] = mix_frames<T, CH, INTERP, true, false>;
-    k[1][1] = mix_frames<T, CH, INTERP, true, true>;
-}
-
-template <class T>
-void pick_kernels(int channels, bool interp, mix_fn k[2][2]) {
-    if (channels == 2) interp ? pick_kernels<T, 2, true>(k) : pick_kernels<T, 2, false>(k);
-    else interp ? pick_kernels<T, 1, true>(k) : pick_kernels<T, 1, false>(k);
-}
-
 // ---- Voices ----
 
 // Everything a voice's render needs, gathered once per voice and render.
@@ -348,7 +250,7 @@ struct voice_context {
     int64_t loop_length;
     int64_t loop_end;
     int frame_bytes;
-    mix_fn kernels[2][2];  // [ramp][backwards]
+    psynth_sampler_mix_fn kernels[2][2];  // [ramp][backwards]
     bool volume_interp;
     int tick_length;
     int rate;
@@ -380,9 +282,7 @@ bool make_context(const sampler_data* d, const sampler_link& link, psynth_net* n
     if (c->loop_length <= 0) c->loop_type = PSYNTH_SAMPLER_LOOP_OFF;
     c->loop_end = c->loop_start + c->loop_length;
     bool interp = d->ctl[PSYNTH_SAMPLER_CTL_SAMPLE_INTERP] != 0;  // "cubic" plays as linear
-    if (format == PSYNTH_SAMPLER_FORMAT_INT8) pick_kernels<int8_t>(channels, interp, c->kernels);
-    else if (format == PSYNTH_SAMPLER_FORMAT_INT16) pick_kernels<int16_t>(channels, interp, c->kernels);
-    else pick_kernels<float>(channels, interp, c->kernels);
+    psynth_sampler_mix_kernels(format, channels, interp, PSYNTH_SAMPLER_MIX_BEST, c->kernels);
     c->volume_interp = d->ctl[PSYNTH_SAMPLER_CTL_VOLUME_INTERP] != 0;
     c->tick_length = d->tick_length < kMinTickLength ? kMinTickLength : d->tick_length;
     c->rate = net->sampling_rate;
@@ -461,7 +361,7 @@ bool mix_piece(sampler_voice* v, const voice_context& c, int at, int frames) {
     const int64_t step = v->step;
     uint8_t backwards = v->backwards;
     int32_t ramp_steps = v->ramp_steps;
-    mix_run run;
+    psynth_sampler_mix_run run;
     run.step = step;
     run.volume[0] = v->volume[0];
     run.volume[1] = v->volume[1];
@@ -686,9 +586,16 @@ void record_block(sampler_data* d, const psynth_module* mod, int at, int frames)
     }
 }
 
-void relink(int mod_num, sampler_data* d, psynth_net* net) {
+// Relinks the instrument and the samples that the first `count` voices play, each once;
+// the other samples are relinked when a voice plays them.
+void relink(int mod_num, sampler_data* d, int count, psynth_net* net) {
     d->instrument = instrument_chunk(mod_num, net);
-    for (int s = 0; s < PSYNTH_SAMPLER_SAMPLES; s++) {
+    static_assert(PSYNTH_SAMPLER_SAMPLES <= 32, "one bit per sample");
+    uint32_t linked = 0;  // voices only ever hold samples below 16 (NOTE_ON checks it)
+    for (int i = 0; i < count; i++) {
+        const int s = d->voices[i].sample;
+        if (!d->voices[i].active || (linked & (1u << s))) continue;
+        linked |= 1u << s;
         sampler_link& l = d->links[s];
         int size = 0;
         l.header = header_chunk(mod_num, s, net);
@@ -704,8 +611,8 @@ intptr_t render(int mod_num, sampler_data* d, psynth_net* net) {
     if (at < 0 || frames <= 0 || at + frames > PSYNTH_BUFFER_SIZE || mod->output_channels < 1) return 0;
     if (tarvik_mutex_trylock(&d->mutex)) return 0;  // an editor is changing the samples
     record_block(d, mod, at, frames);
-    relink(mod_num, d, net);
     const int count = polyphony(d);
+    relink(mod_num, d, count, net);
     bool any = false;
     for (int i = 0; i < count; i++) any |= d->voices[i].active != 0;
     if (!any || !d->instrument) {

@@ -609,25 +609,56 @@ static void play_piece(int frames, tarvik_ticks piece_time, zelfon_song* song) {
     }
 }
 
+// The sample of channel buffer `buf` at frame i: 0 before `start`. The load is made
+// anyway (a buffer always holds 4096 frames) so that loops of it vectorise.
+static inline psynth_sample sounding(const psynth_sample* buf, int start, int i) {
+    return (psynth_sample)(buf[i] & -(psynth_sample)(i >= start));
+}
+
+// The Output module's buffer feeding request channel c and its start (a mono mix feeds
+// every channel; no buffer gives silence).
+static void channel_source(const psynth_module* out, int c, int frames, const psynth_sample** buf, int* start) {
+    static const psynth_sample kSilence[PSYNTH_BUFFER_SIZE] = {};
+    int source = c < out->input_channels ? c : out->input_channels - 1;
+    bool exists = source >= 0 && out->input_buffers[source];
+    *buf = exists ? out->input_buffers[source] : kSilence;
+    *start = exists ? out->input_start[source] : frames;
+}
+
+// Frames of the Output module's channels into `dest`, interleaved by the request's channel
+// count; stereo, the common case, runs as one loop over both channels that vectorises.
+template <class T, class Convert>
+static void write_frames(T* dest, int channels, const psynth_module* out, int frames, Convert convert) {
+    const psynth_sample* buf[2];
+    int start[2];
+    if (channels == 2) {
+        channel_source(out, 0, frames, &buf[0], &start[0]);
+        channel_source(out, 1, frames, &buf[1], &start[1]);
+        for (int i = 0; i < frames; i++) {
+            dest[2 * i] = convert(sounding(buf[0], start[0], i));
+            dest[2 * i + 1] = convert(sounding(buf[1], start[1], i));
+        }
+        return;
+    }
+    for (int c = 0; c < channels; c++) {
+        channel_source(out, c, frames, &buf[0], &start[0]);
+        for (int i = 0; i < frames; i++) dest[(size_t)i * channels + c] = convert(sounding(buf[0], start[0], i));
+    }
+}
+
 // Writes the Output module's mix into the request's format at frame `first`.
 static void write_output(const zelfon_render_request* request, int first, int frames, const psynth_net* net) {
     const psynth_module* out = &net->modules[0];
-    for (int c = 0; c < request->channels; c++) {
-        int source = c < out->input_channels ? c : out->input_channels - 1;
-        const psynth_sample* buf = source >= 0 ? out->input_buffers[source] : nullptr;
-        int start = buf ? out->input_start[source] : frames;
-        if (request->type == ZELFON_SAMPLE_FLOAT32) {
-            float* dest = (float*)request->out + (size_t)first * request->channels + c;
-            for (int i = 0; i < frames; i++) {
-                dest[(size_t)i * request->channels] = i < start ? 0.0f : (float)buf[i] / kFloatFullScale;
-            }
-        } else {
-            int16_t* dest = (int16_t*)request->out + (size_t)first * request->channels + c;
-            for (int i = 0; i < frames; i++) {
-                int v = i < start ? 0 : buf[i] * kInt16Scale;
-                dest[(size_t)i * request->channels] = (int16_t)(v > kInt16Max ? kInt16Max : v < -kInt16Max ? -kInt16Max : v);
-            }
-        }
+    const int channels = request->channels;
+    if (request->type == ZELFON_SAMPLE_FLOAT32) {
+        write_frames((float*)request->out + (size_t)first * channels, channels, out, frames,
+                     [](psynth_sample v) { return (float)v / kFloatFullScale; });
+    } else {
+        write_frames((int16_t*)request->out + (size_t)first * channels, channels, out, frames,
+                     [](psynth_sample v) {
+                         int x = v * kInt16Scale;
+                         return (int16_t)(x > kInt16Max ? kInt16Max : x < -kInt16Max ? -kInt16Max : x);
+                     });
     }
 }
 

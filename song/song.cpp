@@ -2,6 +2,7 @@
 // playback state, and the matching clean-up.
 #include <cstring>
 #include <new>
+#include <thread>
 
 #include "engine/memory.h"
 #include "song/devices.h"
@@ -54,6 +55,15 @@ int zelfon_song_init(int psynth_flags, int sampling_rate, zelfon_song* song) {
     zelfon_edit_init_history(zelfon_edit_profile_undo_size(), song);
     song->loaded = 1;
     return 0;
+}
+
+int zelfon_set_render_threads(int threads, zelfon_song* song) {
+    if (!song->net) return 0;
+    if (threads <= 0) threads = (int)std::thread::hardware_concurrency();
+    tarvik_mutex_lock(&song->net->mutex);
+    int in_force = psynth_set_render_threads(threads, song->net);
+    tarvik_mutex_unlock(&song->net->mutex);
+    return in_force;
 }
 
 void zelfon_song_close(zelfon_song* song) {

@@ -238,6 +238,10 @@ struct zelfon_song {
 int zelfon_song_init(int psynth_flags, int sampling_rate, zelfon_song* song);
 // Frees the song, its patterns and its net. GUI thread, playback stopped.
 void zelfon_song_close(zelfon_song* song);
+// Renders the song's net with `threads` threads (0: one per core); playback and export use
+// them for pieces of 256 frames or more. Returns the count in force. GUI thread; takes the
+// net's mutex.
+int zelfon_set_render_threads(int threads, zelfon_song* song);
 
 // ---- Pattern table (patterns.cpp) ----
 

@@ -1,12 +1,18 @@
-// Writes the song of the real-time benchmark (bench/realtime_jack.sh): two Generators of
-// eight voices each, sixteen tracks that retrigger a chord every two lines so that all
-// sixteen voices always sound, through an Echo and a Reverb; about 5.5 minutes long.
+// Writes the dense songs of the benchmarks. By default the song of the real-time run
+// (bench/realtime_jack.sh): two Generators of eight voices each, sixteen tracks that
+// retrigger a chord every two lines, through an Echo and a Reverb; about 5.5 minutes.
+// With --samplers MINUTES the song of the export comparison (bench/export_compare.sh):
+// eight Samplers of two voices on sixteen tracks, a note or a velocity in most cells.
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 
 #include "engine/file.h"
 #include "engine/log.h"
 #include "engine/memory.h"
 #include "psynth/psynth_modules.h"
+#include "psynth/sampler.h"
 #include "song/song_file.h"
 
 namespace {
@@ -27,7 +33,7 @@ int add_generator(const char* name, int waveform, zelfon_song* song) {
     return mod;
 }
 
-int build(zelfon_song* song) {
+int build_generators(zelfon_song* song) {
     psynth_net* net = song->net;
     int saw = add_generator("Saws", 1, song), square = add_generator("Squares", 2, song);
     int echo = psynth_add_synth(-1, psynth_echo, "Echo", 0, 384, 512, song->bpm, song->speed, net);
@@ -59,11 +65,80 @@ int build(zelfon_song* song) {
     return 0;
 }
 
+// ---- The Sampler song of the export comparison ----
+
+constexpr int kSamplers = 8;
+constexpr int kSampleFrames = 20000;
+constexpr int kSampleLoopStart = 2000;
+constexpr int kSamplerPolyphony = 2;  // two tracks per Sampler: sixteen voices in all
+constexpr int kFadeout = 600;
+constexpr int kLinesPerMinute = 500;  // 125 BPM at speed 6: 0.12 s per line
+
+// One looped mono 16-bit sample of 20000 frames, a different tone per Sampler, with the
+// volume envelope on and sustained, a fade-out after note-off and linear interpolation.
+int add_sampler(int n, zelfon_song* song) {
+    psynth_net* net = song->net;
+    int mod = psynth_add_synth(-1, psynth_sampler, nullptr, 0, 100 * n, 200, song->bpm, song->speed, net);
+    if (mod < 0 ||
+        psynth_new_chunk(mod, psynth_sampler_header_chunk(0), sizeof(psynth_sampler_sample), 0, 0, net) ||
+        psynth_new_chunk(mod, psynth_sampler_data_chunk(0), kSampleFrames * 2, PSYNTH_SAMPLER_STORAGE_INT16, 44100, net)) {
+        return -1;
+    }
+    int16_t* data = (int16_t*)psynth_get_chunk(mod, psynth_sampler_data_chunk(0), net);
+    for (int i = 0; i < kSampleFrames; i++) {
+        double t = i * (0.05 + 0.007 * n);
+        data[i] = (int16_t)(9000 * std::sin(t) + 3000 * std::sin(2.01 * t) + 1500 * std::sin(5.03 * t));
+    }
+    auto* h = (psynth_sampler_sample*)psynth_get_chunk(mod, psynth_sampler_header_chunk(0), net);
+    h->length = kSampleFrames;
+    h->loop_start = kSampleLoopStart;
+    h->loop_length = kSampleFrames - kSampleLoopStart;
+    h->volume = 64;
+    h->panning = (uint8_t)(64 + 16 * n);
+    h->relative_note = 12;
+    h->type = PSYNTH_SAMPLER_LOOP_FORWARD | (PSYNTH_SAMPLER_FORMAT_INT16 << PSYNTH_SAMPLER_FORMAT_SHIFT);
+    auto* ins = (psynth_sampler_instrument*)psynth_get_chunk(mod, PSYNTH_SAMPLER_INSTRUMENT_CHUNK, net);
+    ins->samples_num = 1;
+    ins->volume_type = PSYNTH_SAMPLER_ENV_ON | PSYNTH_SAMPLER_ENV_SUSTAIN;  // the default points, sustained at 1
+    ins->volume_fadeout = kFadeout;
+    psynth_sampler_build_envelope_tables(ins);
+    psynth_do_command(mod, PS_CMD_SETUP_FINISHED, net);
+    *net->modules[mod].ctls[PSYNTH_SAMPLER_CTL_SAMPLE_INTERP].value = 1;
+    *net->modules[mod].ctls[PSYNTH_SAMPLER_CTL_POLYPHONY].value = kSamplerPolyphony;
+    psynth_make_link(0, mod, net);
+    return mod;
+}
+
+int build_samplers(int minutes, zelfon_song* song) {
+    int mods[kSamplers];
+    for (int n = 0; n < kSamplers; n++) {
+        if ((mods[n] = add_sampler(n, song)) < 0) return 1;
+    }
+    int slot = zelfon_get_free_pattern_num(song);
+    if (slot < 0 || new_pattern_with_num(slot, kLines, kTracks, 0, 0, 1, song) < 0) return 1;
+    for (int line = 0; line < kLines; line++) {
+        for (int track = 0; track < kTracks; track++) {
+            zelfon_cell* cell = zelfon_get_cell(slot, track, line, song);
+            int kind = (line * 3 + track) % 4;  // a note, two velocity changes, an empty cell
+            if (kind == 3) continue;
+            if (kind == 0) cell->note = (uint8_t)(37 + (line * 7 + track * 5) % 24);
+            cell->vel = (uint8_t)(40 + (line * 11 + track * 13) % 90);
+            cell->module = (uint16_t)(mods[track / 2] + 1);
+        }
+    }
+    for (int x = kLines; x < minutes * kLinesPerMinute; x += kLines) {
+        if (zelfon_clone_pattern(slot, x, 0, song) < 0) return 1;
+    }
+    zelfon_sort_patterns(song);
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 2) {
-        fprintf(stderr, "usage: zelfon_dense_song OUT.zelfon\n");
+    bool samplers = argc == 4 && !strcmp(argv[1], "--samplers");
+    if (argc != 2 && !samplers) {
+        fprintf(stderr, "usage: zelfon_dense_song [--samplers MINUTES] OUT.zelfon\n");
         return 2;
     }
     mem_init();
@@ -72,7 +147,8 @@ int main(int argc, char** argv) {
     zelfon_song song;
     int result = zelfon_song_init(0, 44100, &song);
     if (!result) {
-        result = build(&song) || zelfon_save_song(argv[1], ZELFON_VERSION_MAJOR, ZELFON_VERSION_MINOR, &song);
+        result = (samplers ? build_samplers(atoi(argv[2]), &song) : build_generators(&song)) ||
+                 zelfon_save_song(argv[argc - 1], ZELFON_VERSION_MAJOR, ZELFON_VERSION_MINOR, &song);
         zelfon_song_close(&song);
     }
     v3_deinit();

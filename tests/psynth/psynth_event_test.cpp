@@ -132,6 +132,7 @@ TEST_F(PsynthEventTest, RenderPassDoesNotAllocate) {
     psynth_make_link(0, effect, &net);
     psynth_make_link(0, rec, &net);
     psynth_set_capture_module(effect, &net);
+    psynth_scope_readers_add(&net);
     psynth_set_cpu_measure(1, &net);
 
     auto one_buffer = [&](int n) {

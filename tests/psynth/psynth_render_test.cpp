@@ -265,12 +265,22 @@ TEST_F(PsynthRenderTest, CycleRendersEveryModuleOnce) {
     EXPECT_EQ(check_frames(net.modules[0].input_buffers[0], 0, 256, ramp(1)), "");
 }
 
-TEST_F(PsynthRenderTest, ScopeRingsAndCaptureFollowThePass) {
+TEST_F(PsynthRenderTest, ScopeRingsAndCaptureFollowThePassWhileRead) {
     int m = add_ramp(&net, 0, 2);
     psynth_make_link(0, m, &net);
     psynth_set_capture_module(m, &net);
-    render_buffer(&net, 1024);
     const psynth_module& mod = net.modules[m];
+    // Nobody reads: the rings and the capture stay as they were, the position moves on.
+    render_buffer(&net, 512);
+    EXPECT_EQ(net.scope_position, 512);
+    EXPECT_EQ(check_frames(mod.scope_rings[0], 0, 512, constant(0)), "");
+    EXPECT_EQ(net.capture_fill, 0);
+
+    psynth_scope_readers_add(&net);
+    psynth_scope_readers_add(&net);
+    psynth_scope_readers_remove(&net);  // one reader is left
+    net.scope_position = 0;
+    render_buffer(&net, 1024);
     EXPECT_EQ(net.scope_position, 1024);
     EXPECT_EQ(check_frames(mod.scope_rings[0], 0, 1024, ramp(0, 0)), "");
     EXPECT_EQ(check_frames(mod.scope_rings[1], 0, 1024, ramp(0, 1)), "");
@@ -305,6 +315,10 @@ TEST_F(PsynthRenderTest, ScopeRingsAndCaptureFollowThePass) {
     psynth_get_scope_position(m, 1, &ring, &ring_size, &net);
     EXPECT_EQ(ring, mod.scope_rings[1]);
     EXPECT_EQ(ring_size, PSYNTH_SCOPE_SIZE);
+
+    psynth_scope_readers_remove(&net);
+    render_buffer(&net, 256);
+    EXPECT_EQ(check_frames(mod.scope_rings[0], 156, 412, ramp(0, 0)), "");  // the first read pass, left as it was
 }
 
 }  // namespace
