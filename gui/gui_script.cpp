@@ -67,10 +67,10 @@ int button_from_word(const char* word) {
 }
 
 // Splits "ctrl+shift+Z" into modifier scancodes and the key's. Returns 0 for an unknown name.
-int parse_key(const char* spec, int mods[3]) {
+int parse_key(const char* combo, int mods[3]) {
     mods[0] = mods[1] = mods[2] = 0;
     char buf[64];
-    snprintf(buf, sizeof buf, "%s", spec);
+    snprintf(buf, sizeof buf, "%s", combo);
     char* name = buf;
     int n = 0;
     for (char* plus = strchr(name, '+'); plus && plus[1] && n < 3; plus = strchr(name, '+')) {
@@ -145,9 +145,9 @@ int run_line(gui_script* s, char* line, const gui_window* w, gui_script_handler 
         return (int)n;
     }
     if (!strcmp(word, "key") || !strcmp(word, "keydown") || !strcmp(word, "keyup")) {
-        char* spec = next();
+        char* combo = next();
         int mods[3];
-        int sc = spec ? parse_key(spec, mods) : 0;
+        int sc = combo ? parse_key(combo, mods) : 0;
         if (!sc) return fail(s, "unknown key", original), 0;
         if (!strcmp(word, "keyup")) {
             push_key(sc, false, s->german);
