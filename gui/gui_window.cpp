@@ -186,6 +186,12 @@ void gui_window_set_style(gui_window* w, float scale, int theme) {
     w->theme = theme;
     w->fonts_missing = gui_fonts_build(w->scale);
     gui_theme_apply_style(theme, w->scale, w->touch);
+    if (w->software) {
+        // Smoothed edges cost the software rasteriser a fringe of triangles on every shape
+        // (a quarter of a frame); text keeps its own smoothing.
+        ImGui::GetStyle().AntiAliasedFill = false;
+        ImGui::GetStyle().AntiAliasedLines = false;
+    }
     // The font texture is made again at the next frame.
     ImGui_ImplSDLRenderer_DestroyFontsTexture();
 }
