@@ -12,11 +12,12 @@
 // module, OUTPUT_MODULE when asked to remove the Output module, OUTSIDE for a value beyond
 // its range.
 //
-// Threads: the GUI thread. Module images are written and read outside the net's mutex. The
-// mutex is held while a module is created or closed (the render must never see it half
-// built), while link lists and flags are swapped in, and while a controller value, the
-// pitch settings or the MIDI out port change; names, colours and places are not read by
-// the render and change without it.
+// Threads: the GUI thread. Module images are written and read, and restored link lists
+// copied, outside the net's mutex. The mutex is held while a module is created or closed
+// (psynth_add_synth publishes the slot before INIT, so the render must be kept off it
+// until it is whole), while link lists change or are swapped in, and while flags, a
+// controller value, the pitch settings or the MIDI out port change; names, colours and
+// places are not read by the render and change without it.
 #pragma once
 
 #include <cstddef>

@@ -154,13 +154,30 @@ static int* ctl_value(int mod, int ctl, const zelfon_song* song) {
     return m->ctls[ctl].value;
 }
 
+// The 0..32768 value that the net turns into `value` (exactly while the range spans no more
+// than 32768 steps): a controller event carries this.
+static int normalized_of(const psynth_ctl* c, int value) {
+    if (c->type == PSYNTH_CTL_SELECTOR) return value < 0 ? 0 : value > PSYNTH_CTL_MAX_VALUE ? PSYNTH_CTL_MAX_VALUE : value;
+    int64_t range = (int64_t)c->max - c->min;
+    if (range <= 0) return 0;
+    return (int)((((int64_t)value - c->min) * PSYNTH_CTL_MAX_VALUE + range - 1) / range);
+}
+
+// The module hears the change as a controller event, as from a pattern, so that what it
+// derives from the value follows; then the variable takes the exact value.
 static int set_ctl(int mod, int ctl, int value, zelfon_song* song) {
     int* v = ctl_value(mod, ctl, song);
     if (!v) return 1;
-    tarvik_mutex_lock(&song->net->mutex);
-    *v = value;
-    song->net->modules[mod].ctl_change_counter++;  // tells the module windows that it moved
-    tarvik_mutex_unlock(&song->net->mutex);
+    psynth_net* net = song->net;
+    psynth_event event = {};
+    event.command = PS_CMD_SET_GLOBAL_CONTROLLER;
+    event.id = -1;
+    event.note = (int16_t)ctl;
+    event.velocity = (uint16_t)normalized_of(&net->modules[mod].ctls[ctl], value);
+    tarvik_mutex_lock(&net->mutex);
+    psynth_handle_event(mod, &event, net);
+    *ctl_value(mod, ctl, song) = value;
+    tarvik_mutex_unlock(&net->mutex);
     return 0;
 }
 

@@ -12,6 +12,27 @@
 
 namespace {
 
+// A module with one controller wider than 32768 steps that counts the controller events it hears.
+struct listener_data {
+    int value;
+    int heard;
+    int normalized;  // of the last event
+};
+
+intptr_t listener_handler(int mod_num, psynth_event* e, psynth_net* net) {
+    listener_data* d = psynth_module_data<listener_data>(mod_num, net);
+    switch (e->command) {
+    case PS_CMD_GET_DATA_SIZE: return sizeof(listener_data);
+    case PS_CMD_GET_SYNTH_NAME: return (intptr_t)"Listener";
+    case PS_CMD_INIT: psynth_register_ctl(mod_num, "Wide", "", -5, 99995, 0, PSYNTH_CTL_NUMBER, &d->value, net); return 1;
+    case PS_CMD_SET_GLOBAL_CONTROLLER:
+        d->heard++;
+        d->normalized = e->velocity;
+        return 0;
+    default: return 0;
+    }
+}
+
 class SongEditNetTest : public EditFixture {
 protected:
     // Starts a group: every edit of these tests is a step of its own unless it says otherwise.
@@ -191,6 +212,24 @@ TEST_F(SongEditNetTest, ControllerMovesMergeWithinAGroupIntoOneStep) {
     EXPECT_EQ(zelfon_edit_synth_ctl(1, 2, c.min - 1, step()), ZELFON_EDIT_OUTSIDE);
     EXPECT_EQ(zelfon_edit_synth_ctl(1, mod(1).ctls_count, 0, step()), ZELFON_EDIT_OUTSIDE);
     EXPECT_EQ(zelfon_edit_synth_ctl(6, 0, 0, step()), ZELFON_EDIT_NO_MODULE);
+}
+
+TEST_F(SongEditNetTest, TheModuleHearsAControllerChangeAndKeepsTheExactValue) {
+    int mod = zelfon_edit_add_synth(listener_handler, 0, 0, step());
+    ASSERT_EQ(mod, 1);
+    listener_data* d = (listener_data*)song.net->modules[mod].data;
+    uint32_t counter = song.net->modules[mod].ctl_change_counter;
+    ASSERT_EQ(zelfon_edit_synth_ctl(mod, 0, 12345, step()), ZELFON_EDIT_OK);
+    EXPECT_EQ(d->heard, 1);
+    EXPECT_EQ(d->normalized, 4047);  // the net maps it back to 12345 exactly
+    EXPECT_EQ(d->value, 12345);
+    ASSERT_EQ(zelfon_edit_synth_ctl(mod, 0, 12346, step()), ZELFON_EDIT_OK);
+    EXPECT_EQ(d->normalized, 4048);  // which maps to 12348: the variable takes the exact value
+    EXPECT_EQ(d->value, 12346);
+    EXPECT_EQ(song.net->modules[mod].ctl_change_counter, counter + 2);
+    ASSERT_EQ(zelfon_undo(nullptr, &song), 1);
+    EXPECT_EQ(d->heard, 3);
+    EXPECT_EQ(d->value, 12345);
 }
 
 TEST_F(SongEditNetTest, SettingsChangeOneAtATimeAndUndoExactly) {
