@@ -263,6 +263,13 @@ TEST_F(SongEditNetTest, SettingsChangeOneAtATimeAndUndoExactly) {
     std::string long_name(ZELFON_MIDI_OUT_NAME_MAX, 'm');
     EXPECT_EQ(zelfon_edit_synth_midi_out(1, long_name.c_str(), 0, 0, 0, step()), ZELFON_EDIT_OUTSIDE);
     EXPECT_EQ(zelfon_edit_rename_synth(5, "x", step()), ZELFON_EDIT_NO_MODULE);
+    bytes before_device = saved();
+    ASSERT_EQ(zelfon_edit_synth_midi_out(1, "No such device", 3, 0, 127, step()), ZELFON_EDIT_OK);
+    EXPECT_STREQ(mod(1).midi_out_name, "No such device");  // kept for the file, though no port opens
+    EXPECT_EQ(mod(1).midi_out_port, -1);
+    expect_undo_redo(before_device, saved());
+    ASSERT_EQ(zelfon_undo(nullptr, &song), 1);
+    EXPECT_EQ(mod(1).midi_out_name, nullptr);
 
     for (int i = 0; i < 5; i++) ASSERT_EQ(zelfon_undo(nullptr, &song), 1);
     EXPECT_STREQ(mod(1).name, "Generator");
