@@ -42,6 +42,12 @@ static int links_count(const psynth_net* net) {
     return count;
 }
 
+// Copies a list's entries (a list without room has no array) and returns where the next goes.
+static int* append_links(int* out, const int* links, int capacity) {
+    if (capacity > 0) memcpy(out, links, sizeof(int) * capacity);
+    return out + (capacity > 0 ? capacity : 0);
+}
+
 static void write_links(const psynth_net* net, int* out) {
     *out++ = net->slots;
     int* entries = out + 2 * net->slots;
@@ -51,10 +57,8 @@ static void write_links(const psynth_net* net, int* out) {
         *out++ = used ? m->input_links_capacity : -1;
         *out++ = used ? m->output_links_capacity : -1;
         if (!used) continue;
-        memcpy(entries, m->input_links, sizeof(int) * m->input_links_capacity);
-        entries += m->input_links_capacity;
-        memcpy(entries, m->output_links, sizeof(int) * m->output_links_capacity);
-        entries += m->output_links_capacity;
+        entries = append_links(entries, m->input_links, m->input_links_capacity);
+        entries = append_links(entries, m->output_links, m->output_links_capacity);
     }
 }
 
