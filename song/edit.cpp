@@ -77,7 +77,7 @@ static void place_of(const undo_action* a, zelfon_edit_place* place) {
 }
 
 zelfon_move_change* zelfon_new_move_change(const int* slots, int count, int dx, int dy,
-                                           void (*place_of)(int slot, int* x, int* y, const void* context),
+                                           void (*place)(int slot, int* x, int* y, const void* context),
                                            const void* context) {
     zelfon_move_change* m = (zelfon_move_change*)mem_new(
         MEM_DYNAMIC, sizeof(zelfon_move_change) + (size_t)count * sizeof(zelfon_move_entry), "zelfon_new_move_change");
@@ -85,7 +85,7 @@ zelfon_move_change* zelfon_new_move_change(const int* slots, int count, int dx, 
     m->count = count;
     for (int i = 0; i < count; i++) {
         int x, y;
-        place_of(slots[i], &x, &y, context);
+        place(slots[i], &x, &y, context);
         zelfon_move_entries(m)[i] = {slots[i], {x, x + dx}, {y, y + dy}};
     }
     return m;

@@ -42,9 +42,9 @@ struct zelfon_move_entry {
 };
 
 // A move record of `count` entries for `slots`, each moved by dx, dy from the place that
-// place_of(slot, &x, &y, context) gives. Null when memory ran out.
+// place(slot, &x, &y, context) gives. Null when memory ran out.
 zelfon_move_change* zelfon_new_move_change(const int* slots, int count, int dx, int dy,
-                                           void (*place_of)(int slot, int* x, int* y, const void* context),
+                                           void (*place)(int slot, int* x, int* y, const void* context),
                                            const void* context);
 // True when (x + dx, y + dy) still fits in an int.
 inline bool zelfon_move_fits(int x, int y, int dx, int dy) {

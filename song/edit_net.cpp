@@ -3,6 +3,7 @@
 // list of the net beside it; putting it back restores both, entry for entry.
 #include "song/edit_net.h"
 
+#include <cstdio>
 #include <cstring>
 
 #include "engine/file.h"
