@@ -11,12 +11,25 @@ zelfon_pattern* zelfon_edit_pattern(int slot, const zelfon_song* song) {
     return song->pats[slot];
 }
 
+psynth_module* zelfon_edit_synth(int mod, const zelfon_song* song) {
+    const psynth_net* net = song->net;
+    if (!net || !net->modules || mod < 0 || mod >= net->slots) return nullptr;
+    psynth_module* m = &net->modules[mod];
+    return (m->flags & PSYNTH_FLAG_EXISTS) ? m : nullptr;
+}
+
 static int perform(int do_it, undo_action* a, undo* u) {
     zelfon_song* song = (zelfon_song*)u->user_data;
     switch (a->type) {
     case ZELFON_ACTION_CELLS:
     case ZELFON_ACTION_TYPED_CELL: return zelfon_perform_cells(do_it, a, song);
     case ZELFON_ACTION_SONG: return zelfon_perform_song(do_it, a, song);
+    case ZELFON_ACTION_SYNTH_IN:
+    case ZELFON_ACTION_SYNTH_OUT:
+    case ZELFON_ACTION_LINK: return zelfon_perform_synth(do_it, a, song);
+    case ZELFON_ACTION_SYNTH_MOVE:
+    case ZELFON_ACTION_SYNTH_SETTINGS:
+    case ZELFON_ACTION_SYNTH_CTL: return zelfon_perform_synth_settings(do_it, a, song);
     default: return zelfon_perform_pattern(do_it, a, song);
     }
 }
@@ -56,9 +69,26 @@ undo_action* zelfon_edit_last_action(zelfon_song* song) {
 
 static void place_of(const undo_action* a, zelfon_edit_place* place) {
     if (!place) return;
-    place->slot = (int)a->par1;
-    place->track = (int)a->par2;
-    place->line = (int)a->par3;
+    bool net = a->type >= ZELFON_ACTION_SYNTH_IN;
+    place->slot = net ? -1 : (int)a->par1;
+    place->track = net ? 0 : (int)a->par2;
+    place->line = net ? 0 : (int)a->par3;
+    place->module = net ? (int)a->par1 : -1;
+}
+
+zelfon_move_change* zelfon_new_move_change(const int* slots, int count, int dx, int dy,
+                                           void (*place)(int slot, int* x, int* y, const void* context),
+                                           const void* context) {
+    zelfon_move_change* m = (zelfon_move_change*)mem_new(
+        MEM_DYNAMIC, sizeof(zelfon_move_change) + (size_t)count * sizeof(zelfon_move_entry), "zelfon_new_move_change");
+    if (!m) return nullptr;
+    m->count = count;
+    for (int i = 0; i < count; i++) {
+        int x, y;
+        place(slots[i], &x, &y, context);
+        zelfon_move_entries(m)[i] = {slots[i], {x, x + dx}, {y, y + dy}};
+    }
+    return m;
 }
 
 int zelfon_undo(zelfon_edit_place* place, zelfon_song* song) {

@@ -31,6 +31,8 @@ enum : int {
     ZELFON_EDIT_NO_PATTERN = 2,   // the slot is empty or out of range
     ZELFON_EDIT_NO_MEMORY = 3,
     ZELFON_EDIT_NOT_A_PATTERN = 4,  // clipboard text that is not cells
+    ZELFON_EDIT_NO_MODULE = 5,    // the module slot is empty or out of range
+    ZELFON_EDIT_OUTPUT_MODULE = 6,  // the Output module (slot 0) is never removed
 };
 
 // Fields of a cell, for clearing and for paste-mix.
@@ -54,11 +56,12 @@ struct zelfon_cell_rect {
 
 // Where an undone or redone edit happened, for the editors' cursors: a cell edit's corner;
 // track and line 0 for pattern edits (a move gives its first slot); slot −1 for the song's
-// settings.
+// settings and for sound net edits, which give their module (a move its first one).
 struct zelfon_edit_place {
     int slot;
     int track;
     int line;
+    int module;  // −1 unless a sound net edit
 };
 
 // ---- History (edit.cpp) ----

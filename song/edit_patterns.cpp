@@ -1,7 +1,6 @@
 // Pattern edits on the timeline: new, remove, clone, make unique, move, resize and look.
 // A pattern comes and goes whole through one snapshot (its record, cells and every slot
 // that holds it), so that undo and redo bring it back into the very same slots.
-#include <climits>
 #include <cstring>
 
 #include "engine/memory.h"
@@ -28,15 +27,6 @@ struct zelfon_unique_change {
     int source_slot;  // a slot holding the record the clone shared
     uint32_t flags;
     int parent;
-};
-
-// ZELFON_ACTION_MOVE: count, then count zelfon_move_entries.
-struct zelfon_move_change {
-    int count;
-};
-struct zelfon_move_entry {
-    int slot;
-    int x[2], y[2];  // [0] before, [1] after
 };
 
 // ZELFON_ACTION_RESIZE and ZELFON_ACTION_LOOK: [0] before, [1] after.
@@ -219,7 +209,7 @@ static int make_unique(int do_it, int slot, const zelfon_unique_change* u, zelfo
 }
 
 static int move(int do_it, zelfon_move_change* m, zelfon_song* song) {
-    zelfon_move_entry* e = (zelfon_move_entry*)(m + 1);
+    zelfon_move_entry* e = zelfon_move_entries(m);
     for (int i = 0; i < m->count; i++) {
         if (!zelfon_edit_pattern(e[i].slot, song)) return 1;
     }
@@ -348,30 +338,27 @@ int zelfon_edit_make_unique(int slot, zelfon_song* song) {
     return zelfon_edit_record(ZELFON_ACTION_MAKE_UNIQUE, slot, 0, 0, u, song);
 }
 
-static bool fits_int(int64_t v) { return v >= INT_MIN && v <= INT_MAX; }
-
 static int check_move(const int* slots, int count, int dx, int dy, const zelfon_song* song) {
     for (int i = 0; i < count; i++) {
         if (!zelfon_edit_pattern(slots[i], song)) return ZELFON_EDIT_NO_PATTERN;
         const zelfon_pattern_info* info = &song->pats_info[slots[i]];
-        if (!fits_int((int64_t)info->x + dx) || !fits_int((int64_t)info->y + dy)) return ZELFON_EDIT_OUTSIDE;
+        if (!zelfon_move_fits(info->x, info->y, dx, dy)) return ZELFON_EDIT_OUTSIDE;
     }
     return ZELFON_EDIT_OK;
+}
+
+static void pattern_place(int slot, int* x, int* y, const void* context) {
+    const zelfon_pattern_info* info = &((const zelfon_song*)context)->pats_info[slot];
+    *x = info->x;
+    *y = info->y;
 }
 
 int zelfon_edit_move_patterns(const int* slots, int count, int dx, int dy, zelfon_song* song) {
     if (count <= 0 || (dx == 0 && dy == 0)) return ZELFON_EDIT_OK;
     int code = check_move(slots, count, dx, dy, song);
     if (code) return code;
-    zelfon_move_change* m = (zelfon_move_change*)mem_new(
-        MEM_DYNAMIC, sizeof(zelfon_move_change) + (size_t)count * sizeof(zelfon_move_entry), "zelfon_edit_move_patterns");
+    zelfon_move_change* m = zelfon_new_move_change(slots, count, dx, dy, pattern_place, song);
     if (!m) return ZELFON_EDIT_NO_MEMORY;
-    m->count = count;
-    zelfon_move_entry* e = (zelfon_move_entry*)(m + 1);
-    for (int i = 0; i < count; i++) {
-        const zelfon_pattern_info* info = &song->pats_info[slots[i]];
-        e[i] = {slots[i], {info->x, info->x + dx}, {info->y, info->y + dy}};
-    }
     return zelfon_edit_record(ZELFON_ACTION_MOVE, slots[0], 0, 0, m, song);
 }
 

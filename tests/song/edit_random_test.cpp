@@ -1,7 +1,6 @@
 // A long random walk of edits with undo and redo at random points, checked after every
 // step against the song's saved bytes: undo gives back exactly the bytes before the edit,
 // redo exactly the bytes after it, and a refused edit changes nothing.
-#include <random>
 #include <string>
 
 #include "edit_test_util.h"
@@ -14,12 +13,8 @@ constexpr int kMaxTracks = 8;
 constexpr int kMaxPatterns = 12;
 constexpr uint32_t kUndoSize = 1 << 16;  // small enough that the oldest groups leave on the way
 
-class SongEditRandomTest : public EditFixture {
+class SongEditRandomTest : public RandomEditFixture {
 protected:
-    std::mt19937 rng{16};
-
-    int pick(int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(rng); }
-
     // An occupied slot, or −1 (now and then an empty or unknown one, to be refused).
     int any_slot() {
         std::vector<int> used;
@@ -44,14 +39,6 @@ protected:
         }
         int track = pick(0, tracks), line = pick(0, lines);
         return {slot, track, line, pick(1, tracks + 1 - track), pick(1, lines + 1 - line)};
-    }
-
-    // True when the newest action before the cursor belongs to the group begun last: the
-    // edit was recorded (whatever older groups left to make room).
-    bool newest_group_is_current() {
-        const undo& u = song.history;
-        if (!u.actions || u.cur == 0) return false;
-        return u.actions[(u.first + u.cur - 1) & (u.actions_num_limit - 1)].level == u.level;
     }
 
     // One random edit in a group of its own; returns its name for failure messages.
@@ -107,51 +94,11 @@ protected:
 };
 
 TEST_F(SongEditRandomTest, EveryEditUndoesAndRedoesToTheExactBytesAroundIt) {
-    zelfon_edit_init_history(kUndoSize, &song);
-    // states[i]: the song's bytes with i groups done; pos: where the history's cursor is.
-    std::vector<bytes> states = {saved()};
-    size_t pos = 0;
-    int undos = 0, redos = 0, edits = 0, dropped_total = 0;
-    for (int step = 0; step < kSteps; step++) {
-        int roll = pick(0, 99);
-        std::string what;
-        if (roll < 18) {
-            what = "undo";
-            int done = zelfon_undo(nullptr, &song);
-            ASSERT_EQ(done, pos > 0 ? 1 : 0) << "step " << step;
-            if (done) {
-                pos--;
-                undos++;
-            }
-        } else if (roll < 30) {
-            what = "redo";
-            int done = zelfon_redo(nullptr, &song);
-            ASSERT_EQ(done, pos + 1 < states.size() ? 1 : 0) << "step " << step;
-            if (done) {
-                pos++;
-                redos++;
-            }
-        } else {
-            what = random_edit();
-            if (newest_group_is_current()) {
-                states.resize(pos + 1);
-                states.push_back(saved());
-                pos++;
-                edits++;
-            }
-        }
-        // The history drops its oldest groups when its budget is spent.
-        size_t dropped = states.size() - 1 - song.history.end;
-        states.erase(states.begin(), states.begin() + (long)dropped);
-        pos -= dropped;
-        dropped_total += (int)dropped;
-        ASSERT_EQ(pos, song.history.cur) << "step " << step << " (" << what << ")";
-        ASSERT_EQ(saved(), states[pos]) << "step " << step << " (" << what << ") gave other bytes";
-    }
-    EXPECT_GT(undos, 250);
-    EXPECT_GT(redos, 50);
-    EXPECT_GT(dropped_total, 0);
-    EXPECT_GT(edits, 600);
+    edit_walk_counts n = walk(kSteps, kUndoSize, [this] { return random_edit(); });
+    EXPECT_GT(n.undos, 250);
+    EXPECT_GT(n.redos, 50);
+    EXPECT_GT(n.dropped, 0);
+    EXPECT_GT(n.edits, 600);
 }
 
 }  // namespace

@@ -25,7 +25,7 @@ TEST_F(SongEditTest, TypingIntoOneCellMergesIntoOneStepThatUndoesToTheEmptyCell)
     EXPECT_EQ(cell(slot, 1, 2), c2);
     bytes typed = saved();
 
-    zelfon_edit_place place = {-9, -9, -9};
+    zelfon_edit_place place = {-9, -9, -9, -9};
     ASSERT_EQ(zelfon_undo(&place, &song), 1);
     EXPECT_EQ(place.slot, slot);
     EXPECT_EQ(place.track, 1);
@@ -482,7 +482,7 @@ TEST_F(SongEditTest, SongPropertiesAreOneStepAndTheirBoundsAreKept) {
     EXPECT_EQ(song.speed, 3);
     EXPECT_EQ(song.net->global_volume, 300);
     bytes named = saved();
-    zelfon_edit_place place = {0, 0, 0};
+    zelfon_edit_place place = {0, 0, 0, 0};
     ASSERT_EQ(zelfon_undo(&place, &song), 1);
     EXPECT_EQ(place.slot, -1);
     EXPECT_EQ(song.name, nullptr);
