@@ -41,7 +41,7 @@ const app_action kActions[] = {
     {"transpose_octave_down", "Transpose Octave Down", "Edit", "Ctrl+Shift+Down", [](studio* st) { studio_pattern_transpose(st, -12); }},
     {"interpolate", "Interpolate", "Edit", "Ctrl+I", studio_pattern_interpolate},
     {"clone_patterns", "Clone Selected Patterns", "Song", "Ctrl+D", studio_timeline_clone_selection},
-    {"timeline_fit", "Fit the Timeline", "View", "Ctrl+F", studio_timeline_fit},
+    {"fit", "Fit the Timeline or the Net", "View", "Ctrl+F", studio_timeline_fit},
     {"play_stop", "Play / Stop", "Song", "Space", studio_play_stop},
     {"play_from_cursor", "Play from Cursor Line", "Song", "Shift+Space", studio_play_from_cursor},
     {"play_pattern", "Play Pattern in a Loop", "Song", "Ctrl+Space", studio_play_pattern},

@@ -129,7 +129,7 @@ void studio_desktop_draw(studio* st) {
     ImGui::SameLine();
     if (gui_splitter("split.vertical", 1, gap, top, &left, min_pane, area.x - min_pane)) st->split_x = left / area.x;
     ImGui::SameLine();
-    draw_pane("##net", "Sound net", area.x - left - gap, top, studio_module_list_draw, st);
+    draw_pane("##net", "Sound net", area.x - left - gap, top, studio_net_editor_draw, st);
     if (gui_splitter("split.horizontal", 0, gap, area.x, &top, min_pane, area.y - min_pane)) st->split_y = top / area.y;
     draw_pane("##pattern", "Pattern", area.x, area.y - top - gap, studio_pattern_editor_draw, st);
     ImGui::PopStyleVar();

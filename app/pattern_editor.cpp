@@ -608,6 +608,7 @@ void studio_undo(studio* st, int redo) {
         return;
     }
     studio_song_changed(st);
+    if (place.module > 0 && place.module < st->song->net->slots) st->selected_module = place.module;
     // The cursor goes back to where the edit was.
     if (place.slot >= 0 && place.slot < st->song->pats_capacity && st->song->pats[place.slot]) {
         st->current_pattern = place.slot;

@@ -214,6 +214,10 @@ void studio_files_replace_song(studio* st, zelfon_song* song, const char* path) 
     song->midi_note_hook_data = st;
     zelfon_set_stop_at_end(st->stop_at_end, song);
     st->timeline.selected_count = 0;
+    st->net.selected_count = 0;
+    st->net.zoom = 0;          // fit the new net at its first drawing
+    st->net.scope_reader = 0;  // and read its scope rings
+    st->net.link_dest = st->net.link_src = -1;
     st->timeline.icon_editor_slot = -1;
     st->pattern.solo_track = -1;
     if (st->sound_ok) zelfon_attach_sound(STUDIO_SOUND_SLOT, song);

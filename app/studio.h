@@ -112,6 +112,33 @@ struct studio_timeline {
     int atlas_height;
 };
 
+constexpr int STUDIO_NET_SELECTION = 256;
+
+enum studio_net_drag : int {
+    STUDIO_NET_DRAG_NONE,
+    STUDIO_NET_DRAG_MOVE,
+    STUDIO_NET_DRAG_LINK,  // from a module's output port
+    STUDIO_NET_DRAG_BAND,
+    STUDIO_NET_DRAG_PAN,
+};
+
+// The sound net editor's view: modules keep their places in the song; the view pans and zooms.
+struct studio_net_view {
+    float pan_x, pan_y;  // net coordinates at the canvas's top-left
+    float zoom;
+    int selected[STUDIO_NET_SELECTION];
+    int selected_count;
+    int drag;
+    float press_x, press_y;  // canvas pixels where the drag began
+    int link_from;           // the module whose port a link drag began at
+    int link_dest, link_src; // the selected link (−1 none)
+    int menu_module;         // the module of the open context menu, −1: the canvas's menu
+    float menu_x, menu_y;    // net coordinates where the menu opened (new modules go there)
+    char search[64];         // type-to-search in the add-module menu
+    char rename[64];
+    int scope_reader;        // registered as a reader of the song's scope rings
+};
+
 struct studio_export_dialog {
     int open;
     int format;     // ZELFON_EXPORT_INT16 / FLOAT32
@@ -175,6 +202,7 @@ struct studio {
     int focus;
     studio_pattern_editor pattern;
     studio_timeline timeline;
+    studio_net_view net;
     int stop_at_end;
 
     // Desktop.

@@ -39,8 +39,12 @@ void studio_timeline_fit(studio* st);
 // The icon editor's window (opened from the timeline's menu).
 void studio_icon_editor_draw(studio* st);
 
-// ---- module_list.cpp: the net's pane ----
-void studio_module_list_draw(studio* st);
+// ---- net_editor.cpp ----
+void studio_net_editor_draw(studio* st);
+// Shows every module of the net.
+void studio_net_fit(studio* st);
+// Removes the selected link, or the selected modules (never Output).
+void studio_net_delete(studio* st);
 
 // ---- pattern_editor.cpp ----
 void studio_pattern_editor_draw(studio* st);

@@ -405,6 +405,10 @@ void studio_timeline_draw(studio* st) {
 }
 
 void studio_timeline_fit(studio* st) {
+    if (st->focus == STUDIO_FOCUS_NET) {
+        studio_net_fit(st);
+        return;
+    }
     studio_timeline* t = &st->timeline;
     zelfon_song* song = st->song;
     int first = 0, last = song->song_lines > 0 ? song->song_lines : 64, top = 0;
@@ -439,6 +443,10 @@ void studio_timeline_clone_selection(studio* st) {
 }
 
 void studio_delete_key(studio* st) {
+    if (st->focus == STUDIO_FOCUS_NET) {
+        studio_net_delete(st);
+        return;
+    }
     if (st->focus != STUDIO_FOCUS_TIMELINE) {
         studio_pattern_clear(st, 0);
         return;

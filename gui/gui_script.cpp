@@ -223,9 +223,22 @@ int run_line(gui_script* s, char* line, const gui_window* w, gui_script_handler 
         }
         return 1 + kSettleFrames;
     }
-    if (!strcmp(word, "drag")) {
+    if (!strcmp(word, "drag") || !strcmp(word, "drag_id")) {
         float x1, y1, x2, y2;
-        if (!number(&x1) || !number(&y1) || !number(&x2) || !number(&y2)) return fail(s, "drag needs X1 Y1 X2 Y2", original), 0;
+        if (!strcmp(word, "drag_id")) {
+            char* from = next();
+            char* to = next();
+            if (!from || !to) return fail(s, "drag_id needs FROM TO", original), 0;
+            if (!gui_item_find(from, &x1, &y1) || !gui_item_find(to, &x2, &y2)) {
+                if (waited_too_long(s)) return fail(s, "no item with this id on screen", original), 0;
+                return -1;
+            }
+            s->wait_since_ms = 0;
+            gui_window_ui_to_window(w, &x1, &y1);
+            gui_window_ui_to_window(w, &x2, &y2);
+        } else if (!number(&x1) || !number(&y1) || !number(&x2) || !number(&y2)) {
+            return fail(s, "drag needs X1 Y1 X2 Y2", original), 0;
+        }
         push_motion(x1, y1);
         push_button(SDL_BUTTON_LEFT, x1, y1, true);
         s->pending_up = 3;  // the move and release come in the next frames

@@ -10,6 +10,7 @@
 //   click X Y [right|middle] / doubleclick X Y
 //   click_id ID [right|middle] / doubleclick_id ID   click the centre of a named item
 //   drag X1 Y1 X2 Y2       press at the first point, move, release at the second
+//   drag_id FROM TO        the same from the centre of one named item to another's
 //   wheel DY
 //   drop PATH              a file dropped on the window
 //   screenshot PATH        save what the window shows after this frame as PNG
