@@ -267,6 +267,11 @@ void handle_mouse(studio* st, const view& v, bool hovered) {
     }
     bool port = false;
     int under = hovered ? module_at(v, net, m, &port) : -1;
+    if (hovered && under >= 0 && !port && ImGui::IsMouseDoubleClicked(0)) {
+        studio_module_window_open(st, under);
+        n->drag = STUDIO_NET_DRAG_NONE;
+        return;
+    }
     if (hovered && ImGui::IsMouseClicked(0)) {
         n->press_x = m.x;
         n->press_y = m.y;
@@ -346,6 +351,8 @@ void module_menu(studio* st, int m) {
     studio_net_view* n = &st->net;
     psynth_module* mod = &net->modules[m];
     ImGui::TextDisabled("%02d %s", m, mod->name);
+    if (ImGui::MenuItem("Properties...")) studio_module_window_open(st, m);
+    gui_item_name("net.menu.properties");
     ImGui::SetNextItemWidth(ImGui::GetFontSize() * 10);
     if (ImGui::InputText("Name", n->rename, sizeof n->rename, ImGuiInputTextFlags_EnterReturnsTrue)) {
         report(st, zelfon_edit_rename_synth(m, n->rename, st->song));

@@ -113,6 +113,7 @@ struct studio_timeline {
 };
 
 constexpr int STUDIO_NET_SELECTION = 256;
+constexpr int STUDIO_MODULE_WINDOWS = 8;  // module windows open at once
 
 enum studio_net_drag : int {
     STUDIO_NET_DRAG_NONE,
@@ -203,6 +204,7 @@ struct studio {
     studio_pattern_editor pattern;
     studio_timeline timeline;
     studio_net_view net;
+    int module_windows[STUDIO_MODULE_WINDOWS];  // module number + 1 of each open window, 0 = none
     int stop_at_end;
 
     // Desktop.

@@ -46,6 +46,11 @@ void studio_net_fit(studio* st);
 // Removes the selected link, or the selected modules (never Output).
 void studio_net_delete(studio* st);
 
+// ---- module_window.cpp ----
+// Opens the window of module `mod` (or keeps the open one).
+void studio_module_window_open(studio* st, int mod);
+void studio_module_windows_draw(studio* st);
+
 // ---- pattern_editor.cpp ----
 void studio_pattern_editor_draw(studio* st);
 // Clears the selection (or the field under the cursor; `whole_cells`: all its fields).

@@ -199,10 +199,7 @@ int run_line(gui_script* s, char* line, const gui_window* w, gui_script_handler 
         if (!number(&x) || !number(&y)) return fail(s, "click needs X Y", original), 0;
         int button = button_from_word(next());
         click(s, button, x, y, 1);
-        if (!strcmp(word, "doubleclick")) {
-            release_pending(s);
-            click(s, button, x, y, 2);
-        }
+        if (!strcmp(word, "doubleclick")) s->second_click = 1;
         return 1 + kSettleFrames;
     }
     if (!strcmp(word, "click_id") || !strcmp(word, "doubleclick_id")) {
@@ -217,10 +214,7 @@ int run_line(gui_script* s, char* line, const gui_window* w, gui_script_handler 
         gui_window_ui_to_window(w, &x, &y);
         int button = button_from_word(next());
         click(s, button, x, y, 1);
-        if (!strcmp(word, "doubleclick_id")) {
-            release_pending(s);
-            click(s, button, x, y, 2);
-        }
+        if (!strcmp(word, "doubleclick_id")) s->second_click = 1;
         return 1 + kSettleFrames;
     }
     if (!strcmp(word, "drag") || !strcmp(word, "drag_id")) {
@@ -317,7 +311,20 @@ void gui_script_step(gui_script* s, const gui_window* w, gui_script_handler hand
         s->wait_frames = 1;
         return;
     }
+    if (s->second_click == 2) {
+        // A double click's second press, a frame after the first one's release (ImGui
+        // tells presses apart by frames).
+        s->second_click = 0;
+        click(s, s->pending_button, s->pending_x, s->pending_y, 2);
+        s->wait_frames = kSettleFrames;
+        return;
+    }
+    bool was_button = s->pending_up == 2;
     release_pending(s);
+    if (was_button && s->second_click == 1) {
+        s->second_click = 2;
+        return;
+    }
     if (s->wait_frames > 0) {
         s->wait_frames--;
         return;

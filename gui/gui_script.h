@@ -37,6 +37,7 @@ struct gui_script {
     int pending_mods[3];  // modifier scancodes to release with it (0 = none)
     int pending_button;
     float pending_x, pending_y;
+    int second_click;     // 1: the press now held is the first of a double click; 2: the second is due
     uint32_t wait_since_ms;  // when the line now waiting for its item or condition began (0: none)
     int german;            // key events carry a German layout's key codes
     int failed;

@@ -28,6 +28,8 @@ TEST_F(NetEditorTest, AReverbIsAddedAndWiredBetweenTheEchoAndOutputByMouse) {
         "drag_id net.port.2 net.module.0\n"  // onto an existing link: Echo → OUT goes
         "drag_id net.port.2 net.module.3\n"  // Echo → Reverb
         "drag_id net.port.3 net.module.0\n"  // Reverb → OUT
+        "doubleclick_id net.module.3\n"      // its window
+        "click_id module.3.ctl.1\n"          // the second controller's slider, in its middle
         "screenshot " + shot("net_reverb.png") + "\n"
         "save_song " + (dir / "reverb.zelfon").string() + "\n"
         "quit\nclick_id msgbox.button.1\n";
@@ -40,6 +42,10 @@ TEST_F(NetEditorTest, AReverbIsAddedAndWiredBetweenTheEchoAndOutputByMouse) {
     EXPECT_EQ(inputs_of(net, 0), std::vector<int>{3});
     EXPECT_EQ(inputs_of(net, 3), std::vector<int>{2});
     EXPECT_EQ(inputs_of(net, 2), std::vector<int>{1});
+    // A click in the middle of a slider sets about the middle of its range.
+    const psynth_ctl& ctl = net->modules[3].ctls[1];
+    int middle = (ctl.min + ctl.max) / 2, tolerance = (ctl.max - ctl.min) / 10 + 1;
+    EXPECT_NEAR(*ctl.value, middle, tolerance) << ctl.name;
     zelfon_song_close(&song);
 }
 

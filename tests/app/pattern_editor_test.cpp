@@ -92,6 +92,7 @@ TEST_F(PatternEditorTest, ACloneOnTheTimelineFollowsItsParent) {
     std::string script = std::string(kNewSong) +
         "click_id timeline.pattern.0\n"
         "key ctrl+D\n"                   // a clone right after it
+        "wait 30\n"                      // a click and a press soon after make a double click
         "doubleclick_id timeline.pattern.0\n"
         "key Escape\nkey Q\n"            // C-5 into the parent
         "screenshot " + shot("clone.png") + "\n"

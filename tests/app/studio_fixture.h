@@ -29,6 +29,8 @@
 namespace fs = std::filesystem;
 
 constexpr int kStudioTimeoutSeconds = 120;
+// Read once before any test points TMPDIR at a folder of its own (and removes it).
+inline const fs::path kStudioTestRoot = fs::temp_directory_path();
 
 inline std::string read_file(const fs::path& p) {
     std::ifstream f(p, std::ios::binary);
@@ -44,7 +46,7 @@ class StudioFixture : public ::testing::Test {
 protected:
     void SetUp() override {
         const ::testing::TestInfo* info = ::testing::UnitTest::GetInstance()->current_test_info();
-        dir = fs::temp_directory_path() / ("zelfon_studio_" + std::string(info->name()) + "_" + std::to_string(getpid()));
+        dir = kStudioTestRoot / ("zelfon_studio_" + std::string(info->name()) + "_" + std::to_string(getpid()));
         fs::remove_all(dir);
         fs::create_directories(dir / "cfg");
         fs::create_directories(dir / "tmp");
