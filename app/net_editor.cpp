@@ -13,6 +13,7 @@
 #include <strings.h>
 
 #include "app/studio_windows.h"
+#include "engine/file.h"
 #include "gui/gui_items.h"
 #include "gui/gui_theme.h"
 #include "psynth/psynth_modules.h"
@@ -371,6 +372,12 @@ void module_menu(studio* st, int m) {
     if (m > 0 && ImGui::MenuItem("Link to Output")) report(st, zelfon_edit_link(0, m, st->song));
     gui_item_name("net.menu.link_output");
     ImGui::Separator();
+    if (m > 0 && ImGui::MenuItem("Save Module...")) {
+        char name[PSYNTH_NAME_SIZE + 16];
+        snprintf(name, sizeof name, "%s.%s", mod->name, ZELFON_SYNTH_FILE_EXTENSION);
+        studio_files_dialog(st, STUDIO_FILE_SAVE_MODULE, "Save module", ZELFON_SYNTH_FILE_EXTENSION, 1, name);
+    }
+    gui_item_name("net.menu.save");
     if (m > 0 && ImGui::MenuItem("Copy")) {
         if (zelfon_copy_synth_to_pasteboard(m, st->song)) studio_status(st, "The module could not be copied");
         else studio_status(st, "Copied %s", mod->name);
@@ -417,6 +424,10 @@ void draw_menu(studio* st) {
             add_module_items(st, true);
         }
         ImGui::Separator();
+        if (ImGui::MenuItem("Load Module...")) {
+            studio_files_dialog(st, STUDIO_FILE_LOAD_MODULE, "Load module", ZELFON_SYNTH_FILE_EXTENSION, 0, "");
+        }
+        gui_item_name("net.menu.load");
         if (ImGui::MenuItem("Paste")) {
             int m = zelfon_edit_paste_synth_file(ZELFON_PASTEBOARD_FILE, (int)n->menu_x, (int)n->menu_y, st->song);
             if (m < 0) studio_status(st, "Nothing to paste: copy a module first");
@@ -489,6 +500,45 @@ void studio_net_fit(studio* st) {
     n->zoom = n->zoom < kMinZoom ? kMinZoom : n->zoom > kMaxZoom ? kMaxZoom : n->zoom;
     n->pan_x = x0 - margin / n->zoom;
     n->pan_y = y0 - margin / n->zoom;
+}
+
+void studio_net_load_module(studio* st, const char* path) {
+    // Only a module file is taken: anything else says so and leaves the net as it was.
+    char magic[4] = {};
+    int h = v3_open(path, "rb");
+    size_t got = h ? v3_read(magic, 1, 4, h) : 0;
+    if (h) v3_close(h);
+    char text[STUDIO_PATH_SIZE + 96];
+    if (got != 4 || memcmp(magic, "ZSYN", 4)) {
+        snprintf(text, sizeof text, h ? "!%s is not a module file" : "!Cannot open %s", path);
+        studio_message(st, text, "OK", nullptr, nullptr);
+        return;
+    }
+    studio_net_view* n = &st->net;
+    zelfon_edit_begin(st->song);
+    int m = zelfon_edit_paste_synth_file(path, (int)n->menu_x, (int)n->menu_y, st->song);
+    if (m < 0) {
+        snprintf(text, sizeof text, "!Cannot load the module in %s: the file is damaged or memory ran out", path);
+        studio_message(st, text, "OK", nullptr, nullptr);
+        return;
+    }
+    studio_song_changed(st);
+    select_module(st, m, false);
+    studio_status(st, "Loaded %s as module %d", st->song->net->modules[m].name, m);
+}
+
+void studio_net_save_module(studio* st, const char* path) {
+    int m = st->net.menu_module;
+    char named[STUDIO_PATH_SIZE + 16];
+    const char* dot = strrchr(path, '.');
+    snprintf(named, sizeof named, "%s%s%s", path, dot && !strchr(dot, '/') ? "" : ".", dot && !strchr(dot, '/') ? "" : ZELFON_SYNTH_FILE_EXTENSION);
+    if (!exists(st->song->net, m) || zelfon_save_synth(m, named, 0, st->song)) {
+        char text[STUDIO_PATH_SIZE + 64];
+        snprintf(text, sizeof text, "!Cannot save the module to %s", named);
+        studio_message(st, text, "OK", nullptr, nullptr);
+        return;
+    }
+    studio_status(st, "Saved %s", named);
 }
 
 void studio_net_delete(studio* st) {

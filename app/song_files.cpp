@@ -16,6 +16,7 @@
 #include "engine/sound.h"
 #include "song/devices.h"
 #include "song/import.h"
+#include "song/module_file.h"
 #include "song/playback.h"
 #include "song/song_file.h"
 
@@ -290,7 +291,13 @@ void studio_files_drop(studio* st, const char* path) {
     const char* kind = dot ? dot + 1 : "";
     snprintf(st->pending_path, sizeof st->pending_path, "%s", path);
     if (!strcasecmp(kind, "zelfon")) ask_then(st, STUDIO_PENDING_OPEN_PATH);
-    else if (!strcasecmp(kind, "xm") || !strcasecmp(kind, "mod") || !strcasecmp(kind, "s3m") || !strcasecmp(kind, "it"))
+    else if (!strcasecmp(kind, ZELFON_SYNTH_FILE_EXTENSION)) {
+        // Around the middle of the net's view.
+        float zoom = st->net.zoom > 0 ? st->net.zoom : 1.0f;
+        st->net.menu_x = st->net.pan_x + 160 / zoom;
+        st->net.menu_y = st->net.pan_y + 110 / zoom;
+        studio_net_load_module(st, path);
+    } else if (!strcasecmp(kind, "xm") || !strcasecmp(kind, "mod") || !strcasecmp(kind, "s3m") || !strcasecmp(kind, "it"))
         ask_then(st, STUDIO_PENDING_IMPORT_PATH);
     else studio_load_sample_path(st, path);
 }

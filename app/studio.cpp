@@ -164,6 +164,14 @@ void dispatch_file_dialog(studio* st) {
         studio_load_sample_path(st, st->file_dialog.result);
         return;
     }
+    if (purpose == STUDIO_FILE_LOAD_MODULE) {
+        studio_net_load_module(st, st->file_dialog.result);
+        return;
+    }
+    if (purpose == STUDIO_FILE_SAVE_MODULE) {
+        studio_net_save_module(st, st->file_dialog.result);
+        return;
+    }
     studio_files_dialog_result(st, purpose, st->file_dialog.result);
 }
 

@@ -45,6 +45,10 @@ void studio_net_editor_draw(studio* st);
 void studio_net_fit(studio* st);
 // Removes the selected link, or the selected modules (never Output).
 void studio_net_delete(studio* st);
+// A module file (.zelsynth) into the net at the place the net's menu opened (or the view's
+// centre for a dropped file), undoable; the file dialog's answers for module files.
+void studio_net_load_module(studio* st, const char* path);
+void studio_net_save_module(studio* st, const char* path);
 
 // ---- module_window.cpp ----
 // Opens the window of module `mod` (or keeps the open one).

@@ -66,4 +66,31 @@ TEST_F(NetEditorTest, ARemovedModuleComesBackWithUndoAndOutputStays) {
     EXPECT_TRUE(read_file(dir / "undone.zelfon") == read_file(dir / "before.zelfon"));
 }
 
+TEST_F(NetEditorTest, AModuleIsSavedToAFileAndLoadedBackIntoTheNet) {
+    write_file(dir / "not_a_module.zelsynth", "ZFON this is a song's start, not a module");
+    std::string script = std::string(kNewSong) +
+        "click_id net.module.2 right\n"
+        "click_id net.menu.save\n"
+        "doubleclick_id filedlg.name\n"
+        "key ctrl+A\n"
+        "text echo_copy\n"
+        "key Return\n"
+        "expect status Saved\n"
+        "drop " + (dir / "echo_copy.zelsynth").string() + "\n"
+        "expect modules 4\n"
+        "drop " + (dir / "not_a_module.zelsynth").string() + "\n"
+        "expect message " + (dir / "not_a_module.zelsynth").string() + " is not a module file\n"
+        "click_id msgbox.button.0\n"
+        "expect modules 4\n"
+        "screenshot " + shot("net_module_loaded.png") + "\n"
+        "save_song " + (dir / "loaded.zelfon").string() + "\n"
+        "quit\nclick_id msgbox.button.1\n";
+    ASSERT_EQ(run_studio(script), 0) << output();
+    zelfon_song song;
+    load(dir / "loaded.zelfon", &song);
+    EXPECT_EQ(song.net->modules[3].handler, song.net->modules[2].handler);  // an Echo again
+    EXPECT_STREQ(song.net->modules[3].name, song.net->modules[2].name);
+    zelfon_song_close(&song);
+}
+
 }  // namespace
