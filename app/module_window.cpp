@@ -148,14 +148,10 @@ void draw_settings(studio* st, int mod) {
     int note = m->relative_note, finetune = m->finetune;
     float width = ImGui::GetFontSize() * 6;
     snprintf(id, sizeof id, "module.%d.relative_note", mod);
-    bool pitch = gui_int_field(id, &note, -128, 128, width, true) != 0;
-    ImGui::SameLine();
-    ImGui::TextUnformatted("Relative note");
+    bool pitch = gui_labelled_int_field("Relative note", id, &note, -128, 128, width, true) != 0;
     ImGui::SameLine();
     snprintf(id, sizeof id, "module.%d.finetune", mod);
-    pitch |= gui_int_field(id, &finetune, -256, 256, width, true) != 0;
-    ImGui::SameLine();
-    ImGui::TextUnformatted("Finetune");
+    pitch |= gui_labelled_int_field("Finetune", id, &finetune, -256, 256, width, true) != 0;
     if (pitch) report(st, zelfon_edit_synth_pitch(mod, note, finetune, st->song));
 
     // MIDI out: where the module's notes also go.
@@ -177,19 +173,13 @@ void draw_settings(studio* st, int mod) {
     }
     int channel = m->midi_out_channel, bank = m->midi_out_bank, program = m->midi_out_program;
     snprintf(id, sizeof id, "module.%d.midi_channel", mod);
-    bool midi = gui_int_field(id, &channel, 0, 15, width, true) != 0;
-    ImGui::SameLine();
-    ImGui::TextUnformatted("Ch");
+    bool midi = gui_labelled_int_field("Ch", id, &channel, 0, 15, width, true) != 0;
     ImGui::SameLine();
     snprintf(id, sizeof id, "module.%d.midi_bank", mod);
-    midi |= gui_int_field(id, &bank, -1, 16383, width, true) != 0;
-    ImGui::SameLine();
-    ImGui::TextUnformatted("Bank");
+    midi |= gui_labelled_int_field("Bank", id, &bank, -1, 16383, width, true) != 0;
     ImGui::SameLine();
     snprintf(id, sizeof id, "module.%d.midi_program", mod);
-    midi |= gui_int_field(id, &program, -1, 127, width, true) != 0;
-    ImGui::SameLine();
-    ImGui::TextUnformatted("Program");
+    midi |= gui_labelled_int_field("Program", id, &program, -1, 127, width, true) != 0;
     if (midi) report(st, zelfon_edit_synth_midi_out(mod, device, channel, bank, program, st->song));
 }
 

@@ -112,10 +112,10 @@ void report(studio* st, int result) {
     }
 }
 
-void draw_links(studio* st, const view& v, ImDrawList* draw) {
-    psynth_net* net = st->song->net;
-    studio_net_view* n = &st->net;
-    static uint8_t seen[4096];
+// Calls visit(dest, src, from, to) for every link, with its ends on screen, until it
+// returns true. Returns whether one did.
+template <typename Visit>
+bool for_each_link(const view& v, const psynth_net* net, Visit visit) {
     for (int d = 0; d < net->slots; d++) {
         if (!exists(net, d)) continue;
         const psynth_module* dest = &net->modules[d];
@@ -126,24 +126,38 @@ void draw_links(studio* st, const view& v, ImDrawList* draw) {
             if (!exists(net, s)) continue;
             ImVec2 sa, sb;
             box(v, &net->modules[s], &sa, &sb);
-            ImVec2 from = out_port(sa, sb), to = in_port(da, db);
-            memset(seen, 0, net->slots < 4096 ? (size_t)net->slots : sizeof seen);
-            bool loop = net->slots <= 4096 && reaches(net, d, s, seen);
-            bool chosen = n->link_dest == d && n->link_src == s;
-            uint32_t colour = gui_colour_u32(loop ? GUI_COLOUR_RECORD : chosen ? GUI_COLOUR_ACCENT_HOVER : GUI_COLOUR_TEXT_DIM);
-            draw->AddLine(from, to, colour, chosen ? 3.0f : 1.5f);
-            // The arrow's head at the destination's input.
-            float dx = to.x - from.x, dy = to.y - from.y, len = std::sqrt(dx * dx + dy * dy) + 1e-6f;
-            dx /= len, dy /= len;
-            float head = 9.0f;
-            draw->AddTriangleFilled(to, ImVec2(to.x - dx * head - dy * head / 2, to.y - dy * head + dx * head / 2),
-                                    ImVec2(to.x - dx * head + dy * head / 2, to.y - dy * head - dx * head / 2), colour);
-            char id[48];
-            snprintf(id, sizeof id, "net.link.%d.%d", s, d);
-            ImVec2 mid((from.x + to.x) / 2, (from.y + to.y) / 2);
-            gui_item_name_rect(id, mid.x - 3, mid.y - 3, mid.x + 3, mid.y + 3);
+            if (visit(d, s, out_port(sa, sb), in_port(da, db))) return true;
         }
     }
+    return false;
+}
+
+void draw_links(studio* st, const view& v, ImDrawList* draw) {
+    psynth_net* net = st->song->net;
+    studio_net_view* n = &st->net;
+    constexpr int kLoopCheckSlots = 4096;  // larger nets are drawn without the loop mark
+    uint8_t seen[kLoopCheckSlots];
+    for_each_link(v, net, [&](int d, int s, ImVec2 from, ImVec2 to) {
+        bool loop = false;
+        if (net->slots <= kLoopCheckSlots) {
+            memset(seen, 0, (size_t)net->slots);
+            loop = reaches(net, d, s, seen);
+        }
+        bool chosen = n->link_dest == d && n->link_src == s;
+        uint32_t colour = gui_colour_u32(loop ? GUI_COLOUR_RECORD : chosen ? GUI_COLOUR_ACCENT_HOVER : GUI_COLOUR_TEXT_DIM);
+        draw->AddLine(from, to, colour, chosen ? 3.0f : 1.5f);
+        // The arrow's head at the destination's input.
+        float dx = to.x - from.x, dy = to.y - from.y, len = std::sqrt(dx * dx + dy * dy) + 1e-6f;
+        dx /= len, dy /= len;
+        float head = 9.0f;
+        draw->AddTriangleFilled(to, ImVec2(to.x - dx * head - dy * head / 2, to.y - dy * head + dx * head / 2),
+                                ImVec2(to.x - dx * head + dy * head / 2, to.y - dy * head - dx * head / 2), colour);
+        char id[48];
+        snprintf(id, sizeof id, "net.link.%d.%d", s, d);
+        ImVec2 mid((from.x + to.x) / 2, (from.y + to.y) / 2);
+        gui_item_name_rect(id, mid.x - 3, mid.y - 3, mid.x + 3, mid.y + 3);
+        return false;
+    });
 }
 
 void draw_boxes(studio* st, const view& v, ImDrawList* draw) {
@@ -202,24 +216,12 @@ int module_at(const view& v, const psynth_net* net, ImVec2 p, bool* port) {
 }
 
 bool link_at(const view& v, const psynth_net* net, ImVec2 p, int* dest, int* src) {
-    for (int d = 0; d < net->slots; d++) {
-        if (!exists(net, d)) continue;
-        const psynth_module* mod = &net->modules[d];
-        ImVec2 da, db;
-        box(v, mod, &da, &db);
-        for (int i = 0; i < mod->input_links_capacity; i++) {
-            int s = mod->input_links[i];
-            if (!exists(net, s)) continue;
-            ImVec2 sa, sb;
-            box(v, &net->modules[s], &sa, &sb);
-            if (distance_to_segment(p, out_port(sa, sb), in_port(da, db)) <= kLinkGrab) {
-                *dest = d;
-                *src = s;
-                return true;
-            }
-        }
-    }
-    return false;
+    return for_each_link(v, net, [&](int d, int s, ImVec2 from, ImVec2 to) {
+        if (distance_to_segment(p, from, to) > kLinkGrab) return false;
+        *dest = d;
+        *src = s;
+        return true;
+    });
 }
 
 void finish_drag(studio* st, const view& v, ImVec2 m) {

@@ -9,17 +9,6 @@
 #include "gui/gui_items.h"
 
 
-namespace {
-
-int labelled_field(const char* label, const char* id, int* value, int min, int max, float width) {
-    int changed = gui_int_field(id, value, min, max, width);
-    ImGui::SameLine();
-    ImGui::TextUnformatted(label);
-    return changed;
-}
-
-}  // namespace
-
 void studio_edit_song_properties(studio* st, const char* name, int bpm, int speed, int volume) {
     int result = zelfon_edit_song_properties(name, bpm, speed, volume, st->song);
     if (result == ZELFON_EDIT_OK) studio_song_changed(st);
@@ -44,9 +33,9 @@ void studio_song_properties_draw(studio* st) {
     bool changed = ImGui::InputText("Name", name, sizeof name);
     gui_item_name("songprops.name");
     float width = ImGui::GetFontSize() * 8;
-    changed |= labelled_field("BPM", "songprops.bpm", &bpm, ZELFON_BPM_MIN, ZELFON_BPM_MAX, width) != 0;
-    changed |= labelled_field("Speed (ticks per line)", "songprops.speed", &speed, 1, 31, width) != 0;
-    changed |= labelled_field("Global volume", "songprops.volume", &volume, 0, 512, width) != 0;
+    changed |= gui_labelled_int_field("BPM", "songprops.bpm", &bpm, ZELFON_BPM_MIN, ZELFON_BPM_MAX, width) != 0;
+    changed |= gui_labelled_int_field("Speed (ticks per line)", "songprops.speed", &speed, 1, 31, width) != 0;
+    changed |= gui_labelled_int_field("Global volume", "songprops.volume", &volume, 0, 512, width) != 0;
     if (changed) studio_edit_song_properties(st, name, bpm, speed, volume);
     if (ImGui::Button("Close")) open = false;
     gui_item_name("songprops.close");

@@ -299,15 +299,6 @@ void handle_mouse(studio* st, const canvas& c, bool hovered) {
     }
 }
 
-// An integer field of the pattern menu, applied when Enter confirms it (a pattern does not
-// shrink to "2" on the way to typing "256"). Returns true when it changed.
-bool menu_int(const char* label, const char* id, int* value, int min, int max) {
-    bool changed = gui_int_field(id, value, min, max, ImGui::GetFontSize() * 7, true) != 0;
-    ImGui::SameLine();
-    ImGui::TextUnformatted(label);
-    return changed;
-}
-
 void draw_menu(studio* st) {
     if (!ImGui::BeginPopup("##timeline_menu")) return;
     studio_timeline* t = &st->timeline;
@@ -341,8 +332,10 @@ void draw_menu(studio* st) {
     gui_item_name("timeline.menu.delete");
     ImGui::Separator();
     int lines = p->lines, tracks = p->channels;
-    bool resized = menu_int("Lines", "timeline.menu.lines", &lines, 1, ZELFON_MAX_PATTERN_LINES);
-    resized |= menu_int("Tracks", "timeline.menu.tracks", &tracks, 1, ZELFON_MAX_TRACKS);
+    // Applied when Enter confirms them: a pattern does not shrink to "2" on the way to "256".
+    float width = ImGui::GetFontSize() * 7;
+    bool resized = gui_labelled_int_field("Lines", "timeline.menu.lines", &lines, 1, ZELFON_MAX_PATTERN_LINES, width, true);
+    resized |= gui_labelled_int_field("Tracks", "timeline.menu.tracks", &tracks, 1, ZELFON_MAX_TRACKS, width, true) != 0;
     if (resized) {
         zelfon_edit_begin(song);
         if (zelfon_edit_resize_pattern(slot, lines, tracks, song) == ZELFON_EDIT_OK) studio_song_changed(st);

@@ -29,3 +29,10 @@ int gui_int_field(const char* id, int* value, int min, int max, float width, boo
     *value = v;
     return 1;
 }
+
+int gui_labelled_int_field(const char* label, const char* id, int* value, int min, int max, float width, bool on_enter) {
+    int changed = gui_int_field(id, value, min, max, width, on_enter);
+    ImGui::SameLine();
+    ImGui::TextUnformatted(label);
+    return changed;
+}
