@@ -116,11 +116,31 @@ void draw_controller(studio* st, int mod, int c) {
     }
     if (hovered && ImGui::IsMouseClicked(1)) ImGui::OpenPopup("##ctl_menu");
     if (ImGui::BeginPopup("##ctl_menu")) {
+        if (ImGui::MenuItem("MIDI Learn")) {
+            st->learn_module = mod;
+            st->learn_ctl = c;
+            studio_status(st, "Move a controller on the MIDI keyboard for %s", ctl->name);
+        }
+        snprintf(id, sizeof id, "module.%d.ctl.%d.learn", mod, c);
+        gui_item_name(id);
+        bool bound = m->midi_learn_cc[c] != PSYNTH_MIDI_UNBOUND;
+        if (ImGui::MenuItem("Forget the MIDI Controller", nullptr, false, bound)) {
+            m->midi_learn_cc[c] = PSYNTH_MIDI_UNBOUND;
+            studio_song_changed(st);
+        }
         if (ImGui::MenuItem("Write to Pattern at Cursor")) write_to_pattern(st, mod, c, ctl);
         ImGui::EndPopup();
     }
     ImGui::SameLine();
-    ImGui::TextUnformatted(ctl->name);
+    if (m->midi_learn_cc[c] != PSYNTH_MIDI_UNBOUND) {
+        ImGui::Text("%s (CC %d, ch %d)", ctl->name, m->midi_learn_cc[c], m->midi_learn_channel[c] + 1);
+    } else {
+        ImGui::TextUnformatted(ctl->name);
+    }
+    if (st->learn_module == mod && st->learn_ctl == c) {
+        ImGui::SameLine();
+        ImGui::TextColored(ImGui::ColorConvertU32ToFloat4(gui_colour_u32(GUI_COLOUR_RECORD)), "learning...");
+    }
     ImGui::PopID();
     if (changed && value != *ctl->value) report(st, zelfon_edit_synth_ctl(mod, c, value, st->song));
 }
@@ -209,6 +229,38 @@ void draw_scope(studio* st, int mod) {
 
 }  // namespace
 
+void studio_module_midi_cc(void* data, int channel, int cc, int value) {
+    studio* st = (studio*)data;
+    psynth_net* net = st->song->net;
+    int learn = st->learn_module;
+    if (learn >= 0 && learn < net->slots && (net->modules[learn].flags & PSYNTH_FLAG_EXISTS)) {
+        psynth_module* m = &net->modules[learn];
+        m->midi_learn_cc[st->learn_ctl] = (uint8_t)cc;
+        m->midi_learn_channel[st->learn_ctl] = (uint8_t)channel;
+        studio_song_changed(st);
+        studio_status(st, "%s follows MIDI controller %d on channel %d", m->ctls[st->learn_ctl].name, cc, channel + 1);
+        st->learn_module = st->learn_ctl = -1;
+        return;
+    }
+    // In edit mode while playing, each move is written where the song plays.
+    int slot = st->current_pattern;
+    if (!st->edit_mode || !studio_is_playing(st) || slot < 0 || !st->song->pats[slot]) return;
+    int line = studio_playing_line(st) - st->song->pats_info[slot].x;
+    if (line < 0 || line >= st->song->pats[slot]->lines) return;
+    for (int mod = 0; mod < net->slots; mod++) {
+        psynth_module* m = &net->modules[mod];
+        if (!(m->flags & PSYNTH_FLAG_EXISTS)) continue;
+        for (int c = 0; c < m->ctls_count && c < PSYNTH_MAX_CTLS; c++) {
+            if (m->midi_learn_cc[c] != cc || m->midi_learn_channel[c] != channel) continue;
+            zelfon_cell cell = *zelfon_get_cell(slot, st->pattern.track, line, st->song);
+            cell.module = (uint16_t)(mod + 1);
+            cell.ctl = (uint8_t)(c + 1);
+            cell.value = (uint16_t)(value * PSYNTH_CTL_MAX_VALUE / 127);
+            report(st, zelfon_edit_type_cell(slot, st->pattern.track, line, &cell, st->song));
+        }
+    }
+}
+
 void studio_module_window_open(studio* st, int mod) {
     for (int i = 0; i < STUDIO_MODULE_WINDOWS; i++) {
         if (st->module_windows[i] == mod + 1) return;
@@ -234,7 +286,7 @@ void studio_module_windows_draw(studio* st) {
         char title[80];
         snprintf(title, sizeof title, "%s###module_window_%d", net->modules[mod].name, mod);
         bool open = true;
-        studio_place_window(0.45f + 0.03f * i, 0.12f + 0.04f * i);
+        studio_place_window(0.22f + 0.03f * i, 0.10f + 0.04f * i);
         ImGui::SetNextWindowSize(ImVec2(ImGui::GetFontSize() * 30, 0), ImGuiCond_FirstUseEver);
         if (ImGui::Begin(title, &open)) {
             draw_settings(st, mod);

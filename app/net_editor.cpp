@@ -172,8 +172,9 @@ void draw_boxes(studio* st, const view& v, ImDrawList* draw) {
         ImU32 colour = IM_COL32(mod->color[0], mod->color[1], mod->color[2], 255);
         ImU32 dark = IM_COL32(mod->color[0] / 4, mod->color[1] / 4, mod->color[2] / 4, 255);
         bool sel = selected(n, m);
-        draw->AddRectFilled(a, b, dark, 4.0f);
-        draw->AddRect(a, b, sel ? gui_colour_u32(GUI_COLOUR_ACCENT_HOVER) : colour, 4.0f, 0, sel ? 2.5f : 1.0f);
+        // Square corners: a rounded box costs the software rasteriser a fan of triangles.
+        draw->AddRectFilled(a, b, dark);
+        draw->AddRect(a, b, sel ? gui_colour_u32(GUI_COLOUR_ACCENT_HOVER) : colour, 0.0f, 0, sel ? 2.5f : 1.0f);
         float pad = 4 * st->win.scale;
         draw->PushClipRect(a, b, true);
         draw->AddText(ImVec2(a.x + pad + kPortRadius, a.y + pad / 2), colour, mod->name);

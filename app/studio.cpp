@@ -291,6 +291,7 @@ void read_layout(studio* st) {
     st->stop_at_end = profile_get_int_value("stopatend", 0, nullptr) > 0;
     st->timeline.icon_editor_slot = -1;
     st->pattern.solo_track = -1;
+    st->learn_module = st->learn_ctl = -1;
 }
 
 // Writes the layout and window size back when they changed (the profile keeps its comments).

@@ -207,6 +207,7 @@ struct studio {
     studio_timeline timeline;
     studio_net_view net;
     int module_windows[STUDIO_MODULE_WINDOWS];  // module number + 1 of each open window, 0 = none
+    int learn_module, learn_ctl;  // the controller waiting for a MIDI controller to learn (−1 none)
     int stop_at_end;
 
     // Desktop.

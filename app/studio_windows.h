@@ -54,6 +54,9 @@ void studio_net_save_module(studio* st, const char* path);
 // Opens the window of module `mod` (or keeps the open one).
 void studio_module_window_open(studio* st, int mod);
 void studio_module_windows_draw(studio* st);
+// The MIDI keyboard's controller changes (the song's hook): learning, and in edit mode while
+// playing, controller cells written at the playing line.
+void studio_module_midi_cc(void* data, int channel, int cc, int value);
 
 // ---- pattern_editor.cpp ----
 void studio_pattern_editor_draw(studio* st);

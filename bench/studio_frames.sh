@@ -26,10 +26,19 @@ cd "$work"
     i=0; while [ $i -lt $((frames / 2)) ]; do printf 'key Z\n'; i=$((i + 1)); done
     printf 'screenshot %s/typing.png\nquit\nclick_id msgbox.button.1\n' "$work"
 } > "$work/typing.txt"
+# The net editor with 64 modules and 128 links, two module windows open (the net pane
+# widened to most of the window), the song playing.
+"$build/bench/zelfon_dense_song" --net "$work/net.zelfon"
+{
+    printf 'doubleclick_id net.module.1\ndoubleclick_id net.module.9\naction play_stop\nwait 10\nwait %d\n' $frames
+    printf 'screenshot %s/net.png\nquit\n' "$work"
+} > "$work/net.txt"
 # CPU time of the main thread's process less the sound thread is not separable here, so
 # the figure is the process's user + system time per frame (start-up included).
-for kind in play idle typing; do
-    SDL_VIDEODRIVER=offscreen /usr/bin/time -f "%U %S" -o "$work/time.txt" "$build/zelfon" --script "$work/$kind.txt" >/dev/null 2>&1
+for kind in play idle typing net; do
+    song=""
+    [ $kind = net ] && song="$work/net.zelfon" && printf 'split_x 250\nsplit_y 700\n' >> "$work/zelfon_config.txt"
+    SDL_VIDEODRIVER=offscreen /usr/bin/time -f "%U %S" -o "$work/time.txt" "$build/zelfon" --script "$work/$kind.txt" $song >/dev/null 2>&1
     echo "$kind: $(awk -v n=$((frames + 12)) '{printf "%.2f", ($1 + $2) * 1000 / n}' "$work/time.txt") ms CPU per frame"
 done
 Xvfb :77 -screen 0 1280x800x24 -nolisten tcp >/dev/null 2>&1 &

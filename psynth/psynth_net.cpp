@@ -281,6 +281,7 @@ int psynth_add_synth(int index, psynth_handler handler, const char* name, uint32
     mod->midi_out_program = -1;
     mod->midi_out_channel = 0;
     for (int i = 0; i < PSYNTH_MIDI_HELD_NOTES; i++) mod->midi_held_ids[i] = -1;
+    memset(mod->midi_learn_cc, PSYNTH_MIDI_UNBOUND, sizeof mod->midi_learn_cc);
     return mod_num;
 }
 

@@ -27,6 +27,7 @@ constexpr int PSYNTH_SLOTS_STEP = 4;
 constexpr int PSYNTH_TIME_RING_SIZE = 4;
 constexpr int PSYNTH_OUTPUT_VOLUME_DEFAULT = 52;
 constexpr int PSYNTH_CTL_MAX_VALUE = 32768;     // controller values travel as 0..32768
+constexpr uint8_t PSYNTH_MIDI_UNBOUND = 0xFF;   // a controller no MIDI controller moves
 
 typedef int16_t psynth_sample;  // fixed point 13.3: full scale of the device is ±4096
 
@@ -164,6 +165,10 @@ struct psynth_module {
     uint8_t midi_held_notes[PSYNTH_MIDI_HELD_NOTES];
     void* editor_window;
     uint32_t ctl_change_counter;
+    // MIDI learn: the keyboard's controller (and channel 0..15) that moves each controller;
+    // PSYNTH_MIDI_UNBOUND when none.
+    uint8_t midi_learn_cc[PSYNTH_MAX_CTLS];
+    uint8_t midi_learn_channel[PSYNTH_MAX_CTLS];
     void** chunks;         // chunk count = mem_get_size(chunks) / sizeof(void*)
     int* chunk_flags;
     int* chunk_rates;

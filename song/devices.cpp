@@ -35,8 +35,33 @@ void post_note(int midi_note, int velocity, bool on, tarvik_ticks t, zelfon_song
     zelfon_handle_midi_event(&e, song);
 }
 
+// A controller change moves every controller learned for it, through the live ring so the
+// render applies it in order with the notes (a controller cell without a note: global).
+void move_learned_controllers(int channel, int cc, int value, zelfon_song* song) {
+    psynth_net* net = song->net;
+    for (int m = 0; m < net->slots; m++) {
+        const psynth_module* mod = &net->modules[m];
+        if (!(mod->flags & PSYNTH_FLAG_EXISTS)) continue;
+        for (int c = 0; c < mod->ctls_count && c < PSYNTH_MAX_CTLS; c++) {
+            if (mod->midi_learn_cc[c] != cc || mod->midi_learn_channel[c] != channel) continue;
+            zelfon_cell cell = {};
+            cell.module = (uint16_t)(m + 1);
+            cell.ctl = (uint8_t)(c + 1);
+            cell.value = (uint16_t)(value * PSYNTH_CTL_MAX_VALUE / 127);
+            zelfon_send_live_cell(&cell, ZELFON_MAX_TRACKS - 1, song);
+        }
+    }
+}
+
 void dispatch(uint8_t status, const uint8_t* data, tarvik_ticks t, zelfon_song* song) {
-    if (status >= 0xF0 || (status & 0x0F) != ((song->midi_kbd_channel - 1) & 0x0F)) return;
+    if (status >= 0xF0) return;
+    if ((status & 0xF0) == 0xB0) {
+        // Learned controllers listen on every channel; each binding names its own.
+        move_learned_controllers(status & 0x0F, data[0], data[1], song);
+        if (song->midi_cc_hook) song->midi_cc_hook(song->midi_note_hook_data, status & 0x0F, data[0], data[1]);
+        return;
+    }
+    if ((status & 0x0F) != ((song->midi_kbd_channel - 1) & 0x0F)) return;
     switch (status & 0xF0) {
     case 0x90:
     case 0x80: {

@@ -61,6 +61,21 @@ static int write_ctl_values(const psynth_module* mod, int fd) {
     return 0;
 }
 
+// "SMLC": the MIDI learn bindings, three bytes each (controller, channel, MIDI controller),
+// after every chunk older readers know (they skip it). Written only when there are some,
+// so modules without bindings keep their bytes.
+static int write_midi_learn(const psynth_module* mod, int fd) {
+    uint8_t bindings[PSYNTH_MAX_CTLS * 3];
+    uint32_t size = 0;
+    for (int c = 0; c < PSYNTH_MAX_CTLS; c++) {
+        if (mod->midi_learn_cc[c] == PSYNTH_MIDI_UNBOUND) continue;
+        bindings[size++] = (uint8_t)c;
+        bindings[size++] = mod->midi_learn_channel[c];
+        bindings[size++] = mod->midi_learn_cc[c];
+    }
+    return size ? zelfon_write_chunk("SMLC", size, bindings, fd) : 0;
+}
+
 int zelfon_write_synth_chunks(int mod_num, int parts, int fd, zelfon_song* song) {
     psynth_net* net = song->net;
     if (!module_used(mod_num, net)) return 1;
@@ -91,6 +106,7 @@ int zelfon_write_synth_chunks(int mod_num, int parts, int fd, zelfon_song* song)
          zelfon_write_int_array_chunk("SLNk", mod->output_links, mod->output_links_capacity, fd)) ||
         write_ctl_values(mod, fd) ||
         write_data_chunks(mod_num, fd, net) ||
+        write_midi_learn(mod, fd) ||
         zelfon_write_chunk("SEND", 0, nullptr, fd);
     return failed ? 1 : 0;
 }
@@ -104,6 +120,7 @@ void zelfon_pending_synth_init(int x, int y, zelfon_pending_synth* p) {
     p->midi_bank = -1;
     p->midi_program = -1;
     p->chunk_selected = -1;
+    memset(p->midi_learn_cc, PSYNTH_MIDI_UNBOUND, sizeof p->midi_learn_cc);
 }
 
 static void free_pending_chunks(zelfon_pending_synth* p) {
@@ -134,6 +151,16 @@ static void* new_zeroed(int count, size_t size) {
 }
 
 // "CHNK": a new table of n empty entries. Errors 4, 5 and 6 for its three arrays.
+// "SMLC": bindings outside the controllers, channels or MIDI controllers are dropped.
+static void take_midi_learn(const zelfon_chunk_reader* reader, zelfon_pending_synth* p) {
+    const uint8_t* b = (const uint8_t*)reader->data;
+    for (uint32_t i = 0; b && i + 3 <= reader->size; i += 3) {
+        if (b[i] >= PSYNTH_MAX_CTLS || b[i + 1] > 15 || b[i + 2] > 127) continue;
+        p->midi_learn_channel[b[i]] = b[i + 1];
+        p->midi_learn_cc[b[i]] = b[i + 2];
+    }
+}
+
 static int take_chunk_table(zelfon_chunk_reader* reader, zelfon_pending_synth* p) {
     int count = zelfon_chunk_int(reader);
     free_pending_chunks(p);
@@ -197,6 +224,7 @@ int zelfon_pending_synth_take(zelfon_chunk_reader* reader, int take_position_lin
         break;
     case zelfon_chunk_id("CHNK"): return take_chunk_table(reader, p);
     case zelfon_chunk_id("CHNM"): p->chunk_selected = zelfon_chunk_int(reader); break;
+    case zelfon_chunk_id("SMLC"): take_midi_learn(reader, p); break;
     case zelfon_chunk_id("CHDT"):
         if (selected) {
             mem_free(p->chunks[p->chunk_selected]);
@@ -268,6 +296,8 @@ void zelfon_pending_synth_configure(int mod_num, zelfon_pending_synth* p, zelfon
     mod->relative_note = p->relative_note;
     if (p->has_color) memcpy(mod->color, p->color, sizeof(mod->color));
     if (p->flags & PSYNTH_FLAG_EXISTS) set_ctl_values(mod, p);
+    memcpy(mod->midi_learn_cc, p->midi_learn_cc, sizeof mod->midi_learn_cc);
+    memcpy(mod->midi_learn_channel, p->midi_learn_channel, sizeof mod->midi_learn_channel);
     move_chunk_table(mod_num, p, net);
     psynth_set_midi_prog(mod_num, p->midi_bank, p->midi_program, net);
     psynth_open_midi_out(mod_num, p->midi_name, p->midi_channel, net);

@@ -56,6 +56,8 @@ struct zelfon_pending_synth {
     int* chunk_rates;
     int chunks_count;
     int chunk_selected;  // entry that "CHDT", "CHFF" and "CHFR" fill, −1 = none
+    uint8_t midi_learn_cc[PSYNTH_MAX_CTLS];  // from "SMLC"; PSYNTH_MIDI_UNBOUND when none
+    uint8_t midi_learn_channel[PSYNTH_MAX_CTLS];
 };
 
 // Clears the record to its defaults (position x, y; no MIDI bank or program).

@@ -186,6 +186,9 @@ struct zelfon_song {
     // Told of every note the MIDI keyboard plays, after it went to the live ring (the editor
     // records them). Interface thread, from zelfon_poll_midi_keyboard. Null: nobody listens.
     void (*midi_note_hook)(void* hook_data, int key, int velocity, int on);
+    // Told of every controller change the MIDI keyboard sends (any channel 0..15), after the
+    // learned controllers it moves were posted to the live ring.
+    void (*midi_cc_hook)(void* hook_data, int channel, int cc, int value);
     void* midi_note_hook_data;
 
     // Transport (sound thread unless noted; the play functions write the start fields

@@ -3,6 +3,7 @@
 // retrigger a chord every two lines, through an Echo and a Reverb; about 5.5 minutes.
 // With --samplers MINUTES the song of the export comparison (bench/export_compare.sh):
 // eight Samplers of two voices on sixteen tracks, a note or a velocity in most cells.
+// With --net the net editor's benchmark (bench/studio_frames.sh): 64 modules, 128 links.
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
@@ -133,12 +134,46 @@ int build_samplers(int minutes, zelfon_song* song) {
     return 0;
 }
 
+// 63 modules on an 8 × 8 grid (Generators in the first column, effects after) with two
+// links into each but the first column's, 128 in all with the links into Output.
+int build_net(zelfon_song* song) {
+    psynth_net* net = song->net;
+    constexpr int kColumns = 8, kRows = 8, kSpacing = 160;
+    psynth_handler effects[] = {psynth_echo, psynth_reverb, psynth_filter, psynth_distortion};
+    int grid[kRows][kColumns];
+    for (int c = 0; c < kColumns; c++) {
+        for (int r = 0; r < kRows; r++) {
+            if (c == kColumns - 1 && r == kRows - 1) {
+                grid[r][c] = 0;  // Output
+                continue;
+            }
+            psynth_handler type = c == 0 ? psynth_generator : effects[(r + c) % 4];
+            grid[r][c] = psynth_add_synth(-1, type, nullptr, 0, c * kSpacing, r * kSpacing * 2 / 3, song->bpm, song->speed, net);
+            if (grid[r][c] < 0) return 1;
+            psynth_do_command(grid[r][c], PS_CMD_SETUP_FINISHED, net);
+        }
+    }
+    net->modules[0].x = (kColumns - 1) * kSpacing;
+    net->modules[0].y = (kRows - 1) * kSpacing * 2 / 3;
+    int links = 0;
+    for (int c = 1; c < kColumns; c++) {
+        for (int r = 0; r < kRows; r++) {
+            psynth_make_link(grid[r][c], grid[r][c - 1], net);
+            psynth_make_link(grid[r][c], grid[(r + 1) % kRows][c - 1], net);
+            links += 2;
+        }
+    }
+    for (int r = 0; r < kRows - 1 && links < 128; r++, links++) psynth_make_link(0, grid[r][kColumns - 1], net);
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     bool samplers = argc == 4 && !strcmp(argv[1], "--samplers");
-    if (argc != 2 && !samplers) {
-        fprintf(stderr, "usage: zelfon_dense_song [--samplers MINUTES] OUT.zelfon\n");
+    bool net = argc == 3 && !strcmp(argv[1], "--net");
+    if (argc != 2 && !samplers && !net) {
+        fprintf(stderr, "usage: zelfon_dense_song [--samplers MINUTES | --net] OUT.zelfon\n");
         return 2;
     }
     mem_init();
@@ -147,7 +182,7 @@ int main(int argc, char** argv) {
     zelfon_song song;
     int result = zelfon_song_init(0, 44100, &song);
     if (!result) {
-        result = (samplers ? build_samplers(atoi(argv[2]), &song) : build_generators(&song)) ||
+        result = (samplers ? build_samplers(atoi(argv[2]), &song) : net ? build_net(&song) : build_generators(&song)) ||
                  zelfon_save_song(argv[argc - 1], ZELFON_VERSION_MAJOR, ZELFON_VERSION_MINOR, &song);
         zelfon_song_close(&song);
     }

@@ -1,7 +1,10 @@
 // The sound net editor as a musician uses it, scripted: a Reverb added from the canvas's
 // menu and wired between the Echo and Output by dragging from ports, a module removed
 // and brought back by undo. The saved song is checked link by link and byte by byte.
+#include <RtMidi.h>
+
 #include "app/studio_fixture.h"
+#include "engine/jack_test_server.h"
 #include "psynth/psynth_modules.h"
 
 namespace {
@@ -90,6 +93,47 @@ TEST_F(NetEditorTest, AModuleIsSavedToAFileAndLoadedBackIntoTheNet) {
     load(dir / "loaded.zelfon", &song);
     EXPECT_EQ(song.net->modules[3].handler, song.net->modules[2].handler);  // an Echo again
     EXPECT_STREQ(song.net->modules[3].name, song.net->modules[2].name);
+    zelfon_song_close(&song);
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(NetEditorTest, AControllerLearnsAMidiControllerAndFollowsIt) {
+    JackTestServer server;
+    ASSERT_TRUE(server.start());
+    RtMidiOut keys(RtMidi::UNIX_JACK, "zkeys");
+    keys.openVirtualPort("out");
+    write_file(dir / "zelfon_config.txt", "midi_kbd zkeys:out\nmidi_kbd_ch 1\n");
+    fs::path learning = dir / "learning.zelfon";
+    std::string script = std::string(kNewSong) +
+        "doubleclick_id net.module.1\n"           // the Generator's window
+        "click_id module.1.ctl.0 right\n"
+        "click_id module.1.ctl.0.learn\n"
+        "save_song " + learning.string() + "\n"   // tells the test to play the controller
+        "expect status Volume follows MIDI controller 7 on channel 3\n"
+        "sleep_ms 300\n"
+        "wait 10\n"
+        "screenshot " + shot("midi_learn.png") + "\n"
+        "save_song " + (dir / "learned.zelfon").string() + "\n"
+        "quit\nclick_id msgbox.button.1\n";
+    std::thread player([&] {
+        ASSERT_TRUE(wait_until([&] { return fs::exists(learning); }, 60.0));
+        std::vector<unsigned char> learn = {0xB2, 7, 10}, move = {0xB2, 7, 127};
+        keys.sendMessage(&learn);  // channel 3: the binding takes it
+        std::this_thread::sleep_for(std::chrono::milliseconds(150));
+        keys.sendMessage(&move);   // and then follows it: the top of the range
+    });
+    int code = run_studio(script, {}, {"JACK_DEFAULT_SERVER=" + server.name()});
+    player.join();
+    ASSERT_EQ(code, 0) << output();
+    zelfon_song song;
+    load(dir / "learned.zelfon", &song);
+    const psynth_module& generator = song.net->modules[1];
+    EXPECT_EQ(generator.midi_learn_cc[0], 7);
+    EXPECT_EQ(generator.midi_learn_channel[0], 2);
+    EXPECT_EQ(*generator.ctls[0].value, generator.ctls[0].max);
     zelfon_song_close(&song);
 }
 

@@ -255,6 +255,30 @@ TEST_F(SongFileTest, SaveLoadSaveGivesIdenticalBytes) {
               (std::vector<int>{3, 0, 1, 3}));
 }
 
+TEST_F(SongFileTest, MidiLearnBindingsTravelAsTheModulesLastChunk) {
+    build_rich_song();
+    std::vector<chunk_view> plain = chunks_of(save());
+    EXPECT_TRUE(std::none_of(plain.begin(), plain.end(), [](const chunk_view& c) { return c.id == "SMLC"; }));
+    module(1).midi_learn_cc[0] = 7;
+    module(1).midi_learn_channel[0] = 15;
+    module(3).midi_learn_cc[2] = 127;
+    module(3).midi_learn_channel[2] = 0;
+    bytes first = save();
+    // Each block ends with its bindings, then "SEND", so readers that skip unknown chunks cope.
+    std::vector<std::string> ids;
+    for (const chunk_view& c : chunks_of(first)) ids.push_back(c.id);
+    for (size_t i = 0; i + 1 < ids.size(); i++) {
+        if (ids[i] != "SMLC") continue;
+        EXPECT_EQ(ids[i + 1], "SEND") << i;
+    }
+    EXPECT_EQ(std::count(ids.begin(), ids.end(), "SMLC"), 2);
+    ASSERT_EQ(load(), 0);
+    EXPECT_EQ(save("3:/again.zelfon"), first);
+    EXPECT_EQ((std::vector<int>{module(1).midi_learn_cc[0], module(1).midi_learn_channel[0], module(3).midi_learn_cc[2],
+                                module(3).midi_learn_channel[2], module(3).midi_learn_cc[0]}),
+              (std::vector<int>{7, 15, 127, 0, PSYNTH_MIDI_UNBOUND}));
+}
+
 TEST_F(SongFileTest, EmptySlotsKeepTheirNumbersAndTrailingOnesAreDropped) {
     ASSERT_EQ(new_pattern_with_num(0, 4, 2, 0, 0, 1, &song), 0);
     ASSERT_EQ(new_pattern_with_num(3, 4, 2, 8, 0, 1, &song), 3);
