@@ -33,13 +33,24 @@ cd "$work"
     printf 'doubleclick_id net.module.1\ndoubleclick_id net.module.9\naction play_stop\nwait 10\nwait %d\n' $frames
     printf 'screenshot %s/net.png\nquit\n' "$work"
 } > "$work/net.txt"
-# CPU time of the main thread's process less the sound thread is not separable here, so
-# the figure is the process's user + system time per frame (start-up included).
+# CPU time per frame: the process's (sound thread included) and the GUI thread's alone,
+# sampled from /proc until the program ends (start-up included in both).
+gui_ticks() { awk '{print $14 + $15}' /proc/$1/task/$1/stat 2>/dev/null; }
 for kind in play idle typing net; do
     song=""
     [ $kind = net ] && song="$work/net.zelfon" && printf 'split_x 250\nsplit_y 700\n' >> "$work/zelfon_config.txt"
-    SDL_VIDEODRIVER=offscreen /usr/bin/time -f "%U %S" -o "$work/time.txt" "$build/zelfon" --script "$work/$kind.txt" $song >/dev/null 2>&1
-    echo "$kind: $(awk -v n=$((frames + 12)) '{printf "%.2f", ($1 + $2) * 1000 / n}' "$work/time.txt") ms CPU per frame"
+    SDL_VIDEODRIVER=offscreen /usr/bin/time -f "%U %S" -o "$work/time.txt" "$build/zelfon" --script "$work/$kind.txt" $song >/dev/null 2>&1 &
+    sleep 0.2
+    pid=$(pgrep -n -f "zelfon --script $work/$kind.txt")
+    gui=0
+    while [ -n "$pid" ] && kill -0 "$pid" 2>/dev/null; do
+        t=$(gui_ticks "$pid")
+        [ -n "$t" ] && gui=$t
+        sleep 0.05
+    done
+    wait
+    echo "$kind: $(awk -v n=$((frames + 12)) '{printf "%.2f", ($1 + $2) * 1000 / n}' "$work/time.txt") ms CPU per frame," \
+         "GUI thread $(awk -v t=$gui -v n=$((frames + 12)) -v hz=$(getconf CLK_TCK) 'BEGIN {printf "%.2f", t * 1000 / hz / n}') ms"
 done
 Xvfb :77 -screen 0 1280x800x24 -nolisten tcp >/dev/null 2>&1 &
 xvfb_pid=$!
