@@ -40,6 +40,7 @@ for kind in play idle typing net; do
     song=""
     [ $kind = net ] && song="$work/net.zelfon" && printf 'split_x 250\nsplit_y 700\n' >> "$work/zelfon_config.txt"
     SDL_VIDEODRIVER=offscreen /usr/bin/time -f "%U %S" -o "$work/time.txt" "$build/zelfon" --script "$work/$kind.txt" $song >/dev/null 2>&1 &
+    timer=$!
     sleep 0.2
     pid=$(pgrep -n -f "zelfon --script $work/$kind.txt")
     gui=0
@@ -48,7 +49,7 @@ for kind in play idle typing net; do
         [ -n "$t" ] && gui=$t
         sleep 0.05
     done
-    wait
+    wait $timer
     echo "$kind: $(awk -v n=$((frames + 12)) '{printf "%.2f", ($1 + $2) * 1000 / n}' "$work/time.txt") ms CPU per frame," \
          "GUI thread $(awk -v t=$gui -v n=$((frames + 12)) -v hz=$(getconf CLK_TCK) 'BEGIN {printf "%.2f", t * 1000 / hz / n}') ms"
 done
