@@ -1,10 +1,7 @@
 // The sound net editor as a musician uses it, scripted: a Reverb added from the canvas's
 // menu and wired between the Echo and Output by dragging from ports, a module removed
 // and brought back by undo. The saved song is checked link by link and byte by byte.
-#include <RtMidi.h>
-
 #include "app/studio_fixture.h"
-#include "engine/jack_test_server.h"
 #include "psynth/psynth_modules.h"
 
 namespace {
@@ -101,11 +98,6 @@ TEST_F(NetEditorTest, AModuleIsSavedToAFileAndLoadedBackIntoTheNet) {
 namespace {
 
 TEST_F(NetEditorTest, AControllerLearnsAMidiControllerAndFollowsIt) {
-    JackTestServer server;
-    ASSERT_TRUE(server.start());
-    RtMidiOut keys(RtMidi::UNIX_JACK, "zkeys");
-    keys.openVirtualPort("out");
-    write_file(dir / "zelfon_config.txt", "midi_kbd zkeys:out\nmidi_kbd_ch 1\n");
     fs::path learning = dir / "learning.zelfon";
     std::string script = std::string(kNewSong) +
         "doubleclick_id net.module.1\n"           // the Generator's window
@@ -118,15 +110,12 @@ TEST_F(NetEditorTest, AControllerLearnsAMidiControllerAndFollowsIt) {
         "screenshot " + shot("midi_learn.png") + "\n"
         "save_song " + (dir / "learned.zelfon").string() + "\n"
         "quit\nclick_id msgbox.button.1\n";
-    std::thread player([&] {
-        ASSERT_TRUE(wait_until([&] { return fs::exists(learning); }, 60.0));
+    int code = run_with_keyboard(script, learning, [](RtMidiOut& keys) {
         std::vector<unsigned char> learn = {0xB2, 7, 10}, move = {0xB2, 7, 127};
         keys.sendMessage(&learn);  // channel 3: the binding takes it
         std::this_thread::sleep_for(std::chrono::milliseconds(150));
         keys.sendMessage(&move);   // and then follows it: the top of the range
     });
-    int code = run_studio(script, {}, {"JACK_DEFAULT_SERVER=" + server.name()});
-    player.join();
     ASSERT_EQ(code, 0) << output();
     zelfon_song song;
     load(dir / "learned.zelfon", &song);

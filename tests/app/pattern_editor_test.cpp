@@ -1,10 +1,7 @@
 // The pattern editor and the timeline as a musician uses them, scripted: a melody typed
 // on the note keys, a block copied, pasted and transposed, a clone that follows its parent,
 // a deleted pattern brought back by undo. The saved song is checked cell by cell.
-#include <RtMidi.h>
-
 #include "app/studio_fixture.h"
-#include "engine/jack_test_server.h"
 #include "song/song.h"
 
 namespace {
@@ -140,11 +137,6 @@ TEST_F(PatternEditorTest, TextThatIsNoPatternPastesNothing) {
 namespace {
 
 TEST_F(PatternEditorTest, TheMidiKeyboardRecordsAtTheCursorWhenStopped) {
-    JackTestServer server;
-    ASSERT_TRUE(server.start());
-    RtMidiOut keys(RtMidi::UNIX_JACK, "zkeys");
-    keys.openVirtualPort("out");
-    write_file(dir / "zelfon_config.txt", "midi_kbd zkeys:out\nmidi_kbd_ch 1\n");
     fs::path ready = dir / "ready.zelfon";
     std::string script = std::string(kNewSong) +
         "key Escape\n"
@@ -153,8 +145,7 @@ TEST_F(PatternEditorTest, TheMidiKeyboardRecordsAtTheCursorWhenStopped) {
         "screenshot " + shot("midi_recorded.png") + "\n"
         "save_song " + (dir / "recorded.zelfon").string() + "\n"
         "quit\nclick_id msgbox.button.1\n";
-    std::thread player([&] {
-        ASSERT_TRUE(wait_until([&] { return fs::exists(ready); }, 60.0));
+    int code = run_with_keyboard(script, ready, [](RtMidiOut& keys) {
         for (unsigned char key : {60, 61}) {
             std::vector<unsigned char> on = {0x90, key, 100}, off = {0x80, key, 0};
             keys.sendMessage(&on);
@@ -163,8 +154,6 @@ TEST_F(PatternEditorTest, TheMidiKeyboardRecordsAtTheCursorWhenStopped) {
             std::this_thread::sleep_for(std::chrono::milliseconds(50));
         }
     });
-    int code = run_studio(script, {}, {"JACK_DEFAULT_SERVER=" + server.name()});
-    player.join();
     ASSERT_EQ(code, 0) << output();
     saved_song s(dir / "recorded.zelfon");
     EXPECT_EQ(s.cell(0, 0, 0).note, 61);

@@ -18,7 +18,12 @@
 #include <thread>
 #include <vector>
 
+#include <RtMidi.h>
+
+#include <functional>
+
 #include "engine/file.h"
+#include "engine/jack_test_server.h"
 #include "engine/log.h"
 #include "engine/memory.h"
 #include "engine/profile.h"
@@ -116,6 +121,25 @@ protected:
         write_file(dir / "script.txt", script);
         args.insert(args.begin(), {"--script", (dir / "script.txt").string()});
         return run_program(args, env, true);
+    }
+    // Runs the studio with `script` on a JACK server of its own, its MIDI keyboard the test's
+    // JACK MIDI port "zkeys:out". Once the script has saved a song at `ready`, `play` sends
+    // what the test plays. Returns the studio's exit code.
+    int run_with_keyboard(const std::string& script, const fs::path& ready, const std::function<void(RtMidiOut&)>& play) {
+        JackTestServer server;
+        if (!server.start()) {
+            ADD_FAILURE() << "no JACK server";
+            return -1;
+        }
+        RtMidiOut keys(RtMidi::UNIX_JACK, "zkeys");
+        keys.openVirtualPort("out");
+        write_file(dir / "zelfon_config.txt", "midi_kbd zkeys:out\nmidi_kbd_ch 1\n");
+        std::thread player([&] {
+            if (wait_until([&] { return fs::exists(ready); }, 60.0)) play(keys);
+        });
+        int code = run_studio(script, {}, {"JACK_DEFAULT_SERVER=" + server.name()});
+        player.join();
+        return code;
     }
     std::string output() const { return read_file(dir / "studio_output.txt"); }
     std::string shot(const char* name) const { return (shots / name).string(); }

@@ -6,7 +6,6 @@
 #include <signal.h>
 
 #include "app/studio_fixture.h"
-#include "engine/jack_test_server.h"
 #include "psynth/psynth_modules.h"
 #include "psynth/sample_file.h"
 #include "psynth/sampler.h"
