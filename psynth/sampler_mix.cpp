@@ -189,14 +189,15 @@ __attribute__((always_inline)) inline void mix_forward_lanes(psynth_sampler_mix_
                 }
             }
         }
-        V left = cur_l, right = cur_r;
+        V left = cur_l, right = cur_l;  // mono feeds both sides
+        if constexpr (CH == 2) right = cur_r;
         if constexpr (INTERP) {
             const V w1 = (rel & (int32_t)kFracMask) >> kFracToWeightBits;
             const V w0 = kWeightMax - w1;
             left = (next_l * w1 + cur_l * w0) >> kWeightBits;
             if constexpr (CH == 2) right = (next_r * w1 + cur_r * w0) >> kWeightBits;
         }
-        if constexpr (CH == 1) right = left;  // mono feeds both sides
+        if constexpr (CH == 1) right = left;
         add_lanes<N>(out_l + f, mix_lanes(vl >> kMixGainBits, left));
         // After the left store: with one output channel both sides land in the same buffer.
         add_lanes<N>(out_r + f, mix_lanes(vr >> kMixGainBits, right));
