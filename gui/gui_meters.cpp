@@ -49,7 +49,7 @@ void gui_level_meter(const char* id, const gui_level_state* s, float width, floa
         if (x > yellow) draw->AddRectFilled(ImVec2(yellow, y0), ImVec2(std::fmin(x, red), y1), gui_colour_u32(GUI_COLOUR_METER_HIGH));
         if (x > red) draw->AddRectFilled(ImVec2(red, y0), ImVec2(x, y1), gui_colour_u32(GUI_COLOUR_METER_CLIP));
         float hx = x_of(s->hold[c]);
-        draw->AddLine(ImVec2(hx, y0), ImVec2(hx, y1), gui_colour_u32(s->hold[c] >= 1.0f ? GUI_COLOUR_METER_CLIP : GUI_COLOUR_TEXT));
+        if (hx > a.x) draw->AddLine(ImVec2(hx, y0), ImVec2(hx, y1), gui_colour_u32(s->hold[c] >= 1.0f ? GUI_COLOUR_METER_CLIP : GUI_COLOUR_TEXT));
     }
 }
 

@@ -14,6 +14,7 @@
 #include "engine/memory.h"
 #include "gui/gui_fonts.h"
 #include "gui/gui_input.h"
+#include "gui/gui_render.h"
 #include "gui/gui_theme.h"
 
 namespace {
@@ -251,7 +252,9 @@ int gui_window_end_frame(gui_window* w, const char* screenshot_path) {
     ImGui::Render();
     // No clear: the application's first window covers the whole frame every time.
     SDL_SetRenderTarget(w->renderer, w->rotate ? w->frame : nullptr);
-    ImGui_ImplSDLRenderer_RenderDrawData(ImGui::GetDrawData());
+    // The software renderer draws into the window's surface, and so do we, straight.
+    SDL_Surface* direct = w->software && !w->rotate ? SDL_GetWindowSurface(w->window) : nullptr;
+    gui_render_draw_data(w->renderer, gui_render_can_draw_into(direct) ? direct : nullptr, ImGui::GetDrawData());
     if (w->rotate) {
         SDL_SetRenderTarget(w->renderer, nullptr);
         SDL_SetRenderDrawColor(w->renderer, 0, 0, 0, 255);
