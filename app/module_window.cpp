@@ -6,6 +6,7 @@
 // pattern at the cursor. Every change is heard at once and is one undoable step per gesture.
 #include <cstdio>
 #include <cstring>
+#include <SDL.h>
 #include <imgui.h>
 
 #include "app/studio_windows.h"
@@ -19,6 +20,7 @@ namespace {
 
 constexpr int kScopeFrames = 512;
 constexpr int kMaxMidiPorts = 32;
+constexpr uint32_t kSweepPauseMs = 1000;  // a longer pause between moves starts a new undo step
 
 struct port_list {
     char names[kMaxMidiPorts][128];
@@ -125,8 +127,7 @@ void draw_controller(studio* st, int mod, int c) {
         gui_item_name(id);
         bool bound = m->midi_learn_cc[c] != PSYNTH_MIDI_UNBOUND;
         if (ImGui::MenuItem("Forget the MIDI Controller", nullptr, false, bound)) {
-            m->midi_learn_cc[c] = PSYNTH_MIDI_UNBOUND;
-            studio_song_changed(st);
+            report(st, zelfon_edit_synth_midi_learn(mod, c, PSYNTH_MIDI_UNBOUND, 0, st->song));
         }
         if (ImGui::MenuItem("Write to Pattern at Cursor")) write_to_pattern(st, mod, c, ctl);
         ImGui::EndPopup();
@@ -235,9 +236,8 @@ void studio_module_midi_cc(void* data, int channel, int cc, int value) {
     int learn = st->learn_module;
     if (learn >= 0 && learn < net->slots && (net->modules[learn].flags & PSYNTH_FLAG_EXISTS)) {
         psynth_module* m = &net->modules[learn];
-        m->midi_learn_cc[st->learn_ctl] = (uint8_t)cc;
-        m->midi_learn_channel[st->learn_ctl] = (uint8_t)channel;
-        studio_song_changed(st);
+        zelfon_edit_begin(st->song);
+        report(st, zelfon_edit_synth_midi_learn(learn, st->learn_ctl, cc, channel, st->song));
         studio_status(st, "%s follows MIDI controller %d on channel %d", m->ctls[st->learn_ctl].name, cc, channel + 1);
         st->learn_module = st->learn_ctl = -1;
         return;
@@ -256,6 +256,11 @@ void studio_module_midi_cc(void* data, int channel, int cc, int value) {
             cell.module = (uint16_t)(mod + 1);
             cell.ctl = (uint8_t)(c + 1);
             cell.value = (uint16_t)(value * PSYNTH_CTL_MAX_VALUE / 127);
+            uint32_t now = SDL_GetTicks();
+            if (mod != st->recorded_module || c != st->recorded_ctl || now - st->recorded_ms > kSweepPauseMs) {
+                zelfon_edit_begin(st->song);
+            }
+            st->recorded_module = mod, st->recorded_ctl = c, st->recorded_ms = now;
             report(st, zelfon_edit_type_cell(slot, st->pattern.track, line, &cell, st->song));
         }
     }

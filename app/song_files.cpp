@@ -214,6 +214,7 @@ void studio_files_replace_song(studio* st, zelfon_song* song, const char* path) 
     song->midi_note_hook = studio_pattern_midi_note;
     song->midi_cc_hook = studio_module_midi_cc;
     st->learn_module = st->learn_ctl = -1;
+    st->recorded_module = -1;
     song->midi_note_hook_data = st;
     zelfon_set_stop_at_end(st->stop_at_end, song);
     st->timeline.selected_count = 0;

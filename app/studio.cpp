@@ -292,6 +292,7 @@ void read_layout(studio* st) {
     st->timeline.icon_editor_slot = -1;
     st->pattern.solo_track = -1;
     st->learn_module = st->learn_ctl = -1;
+    st->recorded_module = -1;
 }
 
 // Writes the layout and window size back when they changed (the profile keeps its comments).

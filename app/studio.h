@@ -208,6 +208,9 @@ struct studio {
     studio_net_view net;
     int module_windows[STUDIO_MODULE_WINDOWS];  // module number + 1 of each open window, 0 = none
     int learn_module, learn_ctl;  // the controller waiting for a MIDI controller to learn (−1 none)
+    // The last controller move written while playing: one sweep of a knob is one undo step.
+    int recorded_module, recorded_ctl;
+    uint32_t recorded_ms;
     int stop_at_end;
 
     // Desktop.

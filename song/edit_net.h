@@ -58,6 +58,9 @@ int zelfon_edit_synth_pitch(int mod, int relative_note, int finetune, zelfon_son
 int zelfon_edit_synth_midi_out(int mod, const char* device, int channel, int bank, int program, zelfon_song* song);
 // Sets the module's mute and solo flags.
 int zelfon_edit_synth_mute_solo(int mod, int mute, int solo, zelfon_song* song);
+// Binds controller `ctl` to MIDI controller `cc` (0..127) on `channel` (0..15) of the MIDI
+// keyboard; PSYNTH_MIDI_UNBOUND as `cc` forgets the binding.
+int zelfon_edit_synth_midi_learn(int mod, int ctl, int cc, int channel, zelfon_song* song);
 // Sets controller `ctl` to `value` in its own units (OUTSIDE beyond min..max); a change of
 // the same controller right before it in the same group merges with it.
 int zelfon_edit_synth_ctl(int mod, int ctl, int value, zelfon_song* song);

@@ -1,6 +1,7 @@
 // Sound net edits of single modules that leave the structure alone: places in the net
 // editor, the settings a module window shows (name, colour, pitch, MIDI out, mute and solo)
-// as one before-and-after record, and controller values, whose moves merge while they last.
+// and the MIDI controllers its controllers follow, as one before-and-after record, and
+// controller values, whose moves merge while they last.
 #include <cstring>
 
 #include "engine/memory.h"
@@ -25,6 +26,8 @@ struct zelfon_synth_settings {
     int midi_channel;
     int midi_bank;
     int midi_program;
+    uint8_t learn_cc[PSYNTH_MAX_CTLS];  // the MIDI controller each controller follows
+    uint8_t learn_channel[PSYNTH_MAX_CTLS];
 };
 
 // ZELFON_ACTION_SYNTH_SETTINGS: [0] before, [1] after.
@@ -51,6 +54,8 @@ static void settings_of(const psynth_module* m, zelfon_synth_settings* s) {
     s->midi_channel = m->midi_out_channel;
     s->midi_bank = m->midi_out_bank;
     s->midi_program = m->midi_out_program;
+    memcpy(s->learn_cc, m->midi_learn_cc, sizeof(s->learn_cc));
+    memcpy(s->learn_channel, m->midi_learn_channel, sizeof(s->learn_channel));
 }
 
 static bool same_midi(const zelfon_synth_settings* a, const zelfon_synth_settings* b) {
@@ -70,6 +75,8 @@ static int apply_settings(int mod, const zelfon_synth_settings* s, zelfon_song* 
     m->relative_note = s->relative_note;
     m->finetune = s->finetune;
     m->flags = (m->flags & ~kUserFlags) | s->user_flags;
+    memcpy(m->midi_learn_cc, s->learn_cc, sizeof(m->midi_learn_cc));
+    memcpy(m->midi_learn_channel, s->learn_channel, sizeof(m->midi_learn_channel));
     // The port is reopened only when its settings change: opening one is slow.
     if (!same_midi(&now, s)) {
         psynth_set_midi_prog(mod, s->midi_bank, s->midi_program, net);
@@ -142,6 +149,19 @@ int zelfon_edit_synth_mute_solo(int mod, int mute, int solo, zelfon_song* song) 
     zelfon_synth_settings s;
     if (int code = start_settings(mod, &s, song)) return code;
     s.user_flags = (mute ? (uint32_t)PSYNTH_FLAG_MUTE : 0u) | (solo ? (uint32_t)PSYNTH_FLAG_SOLO : 0u);
+    return record_settings(mod, &s, song);
+}
+
+int zelfon_edit_synth_midi_learn(int mod, int ctl, int cc, int channel, zelfon_song* song) {
+    zelfon_synth_settings s;
+    if (int code = start_settings(mod, &s, song)) return code;
+    bool forget = cc == PSYNTH_MIDI_UNBOUND;
+    if (ctl < 0 || ctl >= zelfon_edit_synth(mod, song)->ctls_count || ctl >= PSYNTH_MAX_CTLS ||
+        (!forget && (cc < 0 || cc > 127 || channel < 0 || channel > kMidiChannelMax))) {
+        return ZELFON_EDIT_OUTSIDE;
+    }
+    s.learn_cc[ctl] = (uint8_t)cc;
+    s.learn_channel[ctl] = forget ? 0 : (uint8_t)channel;
     return record_settings(mod, &s, song);
 }
 

@@ -127,3 +127,61 @@ TEST_F(NetEditorTest, AControllerLearnsAMidiControllerAndFollowsIt) {
 }
 
 }  // namespace
+
+namespace {
+
+std::string repeat(const std::string& s, int times) {
+    std::string all;
+    for (int i = 0; i < times; i++) all += s;
+    return all;
+}
+
+// In edit mode while the song plays, each move of a learned controller is written into the
+// pattern where the song plays, one sweep one undo step; the learning is a step before it.
+TEST_F(NetEditorTest, LearnedControllerMovesAreRecordedWhilePlaying) {
+    fs::path recording = dir / "recording.zelfon";
+    std::string script = std::string(kNewSong) +
+        "doubleclick_id net.module.1\n"
+        "click_id module.1.ctl.0 right\n"
+        "click_id module.1.ctl.0.learn\n"
+        "expect status Move a controller on the MIDI keyboard for Volume\n"
+        "action edit_mode\n"
+        "action play_stop\n"
+        "expect playing 1\n"
+        "save_song " + recording.string() + "\n"  // tells the test to move the controller
+        + repeat("sleep_ms 100\nwait 1\n", 8) +  // a frame every 100 ms while the moves come
+        "action stop\n"
+        "save_song " + (dir / "recorded.zelfon").string() + "\n"
+        "action undo\n"  // the sweep
+        "action undo\n"  // the learning
+        "save_song " + (dir / "unlearned.zelfon").string() + "\n"
+        "quit\nclick_id msgbox.button.1\n";
+    int code = run_with_keyboard(script, recording, [](RtMidiOut& keys) {
+        std::vector<unsigned char> learn = {0xB2, 7, 10};
+        keys.sendMessage(&learn);  // the binding takes the first move
+        for (unsigned char value : {32, 64, 127}) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(120));
+            std::vector<unsigned char> move = {0xB2, 7, value};
+            keys.sendMessage(&move);
+        }
+    });
+    ASSERT_EQ(code, 0) << output();
+    zelfon_song song;
+    load(dir / "recorded.zelfon", &song);
+    std::vector<int> values;
+    const zelfon_pattern* pat = song.pats[0];
+    for (int line = 0; line < pat->lines; line++) {
+        const zelfon_cell* cell = zelfon_get_cell(0, 0, line, &song);
+        if (cell->module == 2 && cell->ctl == 1) values.push_back(cell->value);
+    }
+    // The three moves after the learning one, each on a line of its own or the last on a line
+    // that two shared; the last one the top of the range.
+    ASSERT_GE(values.size(), 2u);
+    EXPECT_EQ(values.back(), PSYNTH_CTL_MAX_VALUE);
+    zelfon_song_close(&song);
+    load(dir / "unlearned.zelfon", &song);
+    EXPECT_EQ(song.net->modules[1].midi_learn_cc[0], PSYNTH_MIDI_UNBOUND);
+    zelfon_song_close(&song);
+}
+
+}  // namespace

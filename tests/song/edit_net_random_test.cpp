@@ -51,7 +51,7 @@ protected:
         zelfon_edit_begin(&song);
         int mod = any_module();
         bool room = (int)used_modules().size() < kMaxModules;
-        switch (pick(0, 13)) {
+        switch (pick(0, 14)) {
         case 0:
             if (room) zelfon_edit_add_synth(psynth_get_module_type(pick(0, psynth_get_module_types_count() - 1)), pick(-50, 900), pick(0, 600), &song);
             return "add";
@@ -84,6 +84,11 @@ protected:
         case 10: zelfon_edit_synth_pitch(mod, pick(-24, 24), pick(-256, 256), &song); return "pitch";
         case 11: zelfon_edit_synth_midi_out(mod, nullptr, pick(0, 16), pick(-1, 3), pick(-1, 128), &song); return "midi out";
         case 12: zelfon_edit_synth_mute_solo(mod, pick(0, 1), pick(0, 1), &song); return "mute and solo";
+        case 13: {
+            int ctl = pick(0, 8), cc = pick(0, 3);
+            zelfon_edit_synth_midi_learn(mod, ctl, cc == 3 ? PSYNTH_MIDI_UNBOUND : cc, pick(0, 15), &song);
+            return "MIDI learn";
+        }
         default: {
             int ctl = pick(0, 8);
             for (int n = pick(1, 3); n > 0; n--) zelfon_edit_synth_ctl(mod, ctl, any_value(mod, ctl), &song);

@@ -244,6 +244,7 @@ TEST_F(SongEditNetTest, SettingsChangeOneAtATimeAndUndoExactly) {
         {"pitch", zelfon_edit_synth_pitch(1, 12, -128, step())},
         {"midi", zelfon_edit_synth_midi_out(1, nullptr, 3, 0, 127, step())},
         {"mute", zelfon_edit_synth_mute_solo(1, 1, 0, step())},
+        {"learn", zelfon_edit_synth_midi_learn(1, 0, 74, 2, step())},
     };
     for (const named_code& s : steps) EXPECT_EQ(s.code, ZELFON_EDIT_OK) << s.what;
     EXPECT_STREQ(mod(1).name, "Bass");
@@ -252,10 +253,12 @@ TEST_F(SongEditNetTest, SettingsChangeOneAtATimeAndUndoExactly) {
     EXPECT_EQ(mod(1).midi_out_channel, 3);
     EXPECT_EQ(mod(1).midi_out_program, 127);
     EXPECT_EQ(mod(1).flags & (PSYNTH_FLAG_MUTE | PSYNTH_FLAG_SOLO), PSYNTH_FLAG_MUTE);
+    EXPECT_EQ(mod(1).midi_learn_cc[0], 74);
+    EXPECT_EQ(mod(1).midi_learn_channel[0], 2);
     bytes all = saved();
-    EXPECT_EQ(song.history.end, 5u);
+    EXPECT_EQ(song.history.end, 6u);
     EXPECT_EQ(zelfon_edit_synth_pitch(1, 12, -128, step()), ZELFON_EDIT_OK);  // no change: not recorded
-    EXPECT_EQ(song.history.end, 5u);
+    EXPECT_EQ(song.history.end, 6u);
 
     EXPECT_EQ(zelfon_edit_synth_midi_out(1, nullptr, 16, 0, 0, step()), ZELFON_EDIT_OUTSIDE);
     EXPECT_EQ(zelfon_edit_synth_midi_out(1, nullptr, 0, 16384, 0, step()), ZELFON_EDIT_OUTSIDE);
@@ -263,6 +266,14 @@ TEST_F(SongEditNetTest, SettingsChangeOneAtATimeAndUndoExactly) {
     std::string long_name(ZELFON_MIDI_OUT_NAME_MAX, 'm');
     EXPECT_EQ(zelfon_edit_synth_midi_out(1, long_name.c_str(), 0, 0, 0, step()), ZELFON_EDIT_OUTSIDE);
     EXPECT_EQ(zelfon_edit_rename_synth(5, "x", step()), ZELFON_EDIT_NO_MODULE);
+    EXPECT_EQ(zelfon_edit_synth_midi_learn(1, 0, 128, 0, step()), ZELFON_EDIT_OUTSIDE);
+    EXPECT_EQ(zelfon_edit_synth_midi_learn(1, 0, 1, 16, step()), ZELFON_EDIT_OUTSIDE);
+    EXPECT_EQ(zelfon_edit_synth_midi_learn(1, mod(1).ctls_count, 1, 0, step()), ZELFON_EDIT_OUTSIDE);
+    // Forgetting the binding writes the song as before it was learned.
+    ASSERT_EQ(zelfon_edit_synth_midi_learn(1, 0, PSYNTH_MIDI_UNBOUND, 0, step()), ZELFON_EDIT_OK);
+    EXPECT_EQ(mod(1).midi_learn_cc[0], PSYNTH_MIDI_UNBOUND);
+    ASSERT_EQ(zelfon_undo(nullptr, &song), 1);
+    EXPECT_EQ(saved(), all);
     bytes before_device = saved();
     ASSERT_EQ(zelfon_edit_synth_midi_out(1, "No such device", 3, 0, 127, step()), ZELFON_EDIT_OK);
     EXPECT_STREQ(mod(1).midi_out_name, "No such device");  // kept for the file, though no port opens
@@ -271,11 +282,12 @@ TEST_F(SongEditNetTest, SettingsChangeOneAtATimeAndUndoExactly) {
     ASSERT_EQ(zelfon_undo(nullptr, &song), 1);
     EXPECT_EQ(mod(1).midi_out_name, nullptr);
 
-    for (int i = 0; i < 5; i++) ASSERT_EQ(zelfon_undo(nullptr, &song), 1);
+    for (int i = 0; i < 6; i++) ASSERT_EQ(zelfon_undo(nullptr, &song), 1);
     EXPECT_STREQ(mod(1).name, "Generator");
     EXPECT_EQ(mod(1).flags & PSYNTH_FLAG_MUTE, 0u);
     EXPECT_EQ(mod(1).midi_out_program, -1);
-    for (int i = 0; i < 5; i++) ASSERT_EQ(zelfon_redo(nullptr, &song), 1);
+    EXPECT_EQ(mod(1).midi_learn_cc[0], PSYNTH_MIDI_UNBOUND);
+    for (int i = 0; i < 6; i++) ASSERT_EQ(zelfon_redo(nullptr, &song), 1);
     EXPECT_EQ(saved(), all);
 }
 
