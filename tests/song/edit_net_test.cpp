@@ -1,6 +1,8 @@
 // Sound net editing actions: the exact net and song bytes after each edit, its undo and its
 // redo; a removed module coming back whole with its links both ways; link toggling;
 // controller moves merging; pasting and duplicating modules with data chunks; refusals.
+#include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
 
@@ -230,6 +232,28 @@ TEST_F(SongEditNetTest, TheModuleHearsAControllerChangeAndKeepsTheExactValue) {
     ASSERT_EQ(zelfon_undo(nullptr, &song), 1);
     EXPECT_EQ(d->heard, 3);
     EXPECT_EQ(d->value, 12345);
+}
+
+// The module takes the move before the edit returns, so the very next buffer the sound
+// thread renders carries it.
+TEST_F(SongEditNetTest, AControllerMoveIsHeardInTheNextBuffer) {
+    zelfon_edit_begin(&song);
+    ASSERT_EQ(zelfon_edit_add_synth(psynth_generator, 0, 0, &song), 1);
+    ASSERT_EQ(zelfon_edit_link(0, 1, &song), ZELFON_EDIT_OK);
+    zelfon_cell note = {};
+    note.note = 60;
+    note.module = 2;
+    zelfon_send_live_cell(&note, 0, &song);
+    render(1024, 256);
+    auto peak = [](const std::vector<int16_t>& v, size_t from) {
+        int p = 0;
+        for (size_t i = from; i < v.size(); i++) p = std::max(p, std::abs((int)v[i]));
+        return p;
+    };
+    ASSERT_GT(peak(render(256, 256), 0), 1000);
+    ASSERT_EQ(zelfon_edit_synth_ctl(1, 0, 0, step()), ZELFON_EDIT_OK);  // Volume to 0
+    std::vector<int16_t> next = render(256, 256);
+    EXPECT_EQ(peak(next, next.size() / 2), 0);  // silent by the buffer's second half
 }
 
 TEST_F(SongEditNetTest, SettingsChangeOneAtATimeAndUndoExactly) {
