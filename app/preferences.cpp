@@ -269,6 +269,7 @@ int studio_sound_open(studio* st) {
         studio_status(st, "No sound device could be opened: Zelfon runs silent");
         return 1;
     }
+    st->sound_lost = 0;
     zelfon_attach_sound(STUDIO_SOUND_SLOT, st->song);
     studio_status(st, "Sound: %s, %d Hz, %d frames (%.1f ms)", sound_stream_driver_name(g_snd.driver), st->rate, g_snd.buffer,
                   1000.0 * g_snd.buffer / st->rate);

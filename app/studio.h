@@ -190,6 +190,8 @@ struct studio {
     int backup_failed;
 
     int sound_ok;
+    int sound_lost;             // the device went away while open: it is tried again
+    uint32_t sound_retry_ms;    // when (SDL ticks)
     int rate;
     char status[256];          // the status line's message
     uint32_t status_until_ms;

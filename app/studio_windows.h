@@ -122,6 +122,9 @@ void studio_preferences_draw(studio* st);
 // Opens the sound stream from the profile and attaches the song. Returns 0 when sound runs.
 int studio_sound_open(studio* st);
 void studio_sound_close(studio* st);
+// From the frame loop: notices a sound device that went away (the song stops, the studio
+// runs on silent and says so) and opens it again every two seconds until it is back.
+void studio_sound_watch(studio* st);
 void studio_export_open(studio* st);
 void studio_export_draw(studio* st);
 // Runs an export the dialog asked for (outside a frame). Once a loop turn.

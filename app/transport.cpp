@@ -96,15 +96,14 @@ void studio_transport_update(studio* st, float seconds) {
         song->looped_pattern != st->current_pattern && song->next_looped_pattern != st->current_pattern) {
         zelfon_set_next_looped_pattern(st->current_pattern, song);
     }
-    if (st->sound_ok) {
-        int got = sound_stream_read_scope(st->scope, STUDIO_SCOPE_FRAMES);
-        if (got < STUDIO_SCOPE_FRAMES) memset(st->scope + got * 2, 0, sizeof(float) * 2 * (STUDIO_SCOPE_FRAMES - got));
-        // The meter reads the newest part: about one frame's worth of sound.
-        int recent = (int)(st->rate * seconds);
-        recent = recent < 64 ? 64 : recent > STUDIO_SCOPE_FRAMES ? STUDIO_SCOPE_FRAMES : recent;
-        gui_level_update(&st->level, st->scope + (STUDIO_SCOPE_FRAMES - recent) * 2, recent, seconds);
-        st->underruns = sound_stream_underruns();
-    }
+    // Without a device the scope and meter fall silent instead of holding the last sound.
+    int got = st->sound_ok ? sound_stream_read_scope(st->scope, STUDIO_SCOPE_FRAMES) : 0;
+    if (got < STUDIO_SCOPE_FRAMES) memset(st->scope + got * 2, 0, sizeof(float) * 2 * (STUDIO_SCOPE_FRAMES - got));
+    // The meter reads the newest part: about one frame's worth of sound.
+    int recent = (int)(st->rate * seconds);
+    recent = recent < 64 ? 64 : recent > STUDIO_SCOPE_FRAMES ? STUDIO_SCOPE_FRAMES : recent;
+    gui_level_update(&st->level, st->scope + (STUDIO_SCOPE_FRAMES - recent) * 2, recent, seconds);
+    if (st->sound_ok) st->underruns = sound_stream_underruns();
     uint32_t now = SDL_GetTicks();
     if (now - st->cpu_last_ms >= (uint32_t)kCpuEveryMs) {
         st->cpu_last_ms = now;

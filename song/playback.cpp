@@ -685,16 +685,29 @@ int zelfon_render(const zelfon_render_request* request, zelfon_song* song) {
 
 // ---- Export ----
 
-void zelfon_reset_transport_for_export(zelfon_song* song) {
-    if (!song || !song->net || !song->net->modules || !song->live_ring || !song->midi_ring) return;
-    tarvik_mutex_lock(&song->net->mutex);
-    // The stop or clean cell just posted (and anything else waiting) is taken now: left in
-    // the ring it would reach the export's first piece and could stop the export itself.
+// With no render thread: what waits in the live rings is taken now, and playing stops.
+static void take_rings_and_stop(zelfon_song* song) {
     ring_take_due(
         song->live_ring, 0, [&](const zelfon_live_cell& e) { play_live_cell(&e.cell, e.track, 0, song); }, true);
     ring_take_due(
         song->midi_ring, 0, [&](const zelfon_live_midi_event& e) { play_live_midi(&e, 0, song); }, true);
     stop_playing(0, song);
+}
+
+void zelfon_stop_without_sound(zelfon_song* song) {
+    if (!song || !song->net || !song->net->modules || !song->live_ring || !song->midi_ring) return;
+    tarvik_mutex_lock(&song->net->mutex);
+    take_rings_and_stop(song);
+    forget_live_notes(song);
+    tarvik_mutex_unlock(&song->net->mutex);
+}
+
+void zelfon_reset_transport_for_export(zelfon_song* song) {
+    if (!song || !song->net || !song->net->modules || !song->live_ring || !song->midi_ring) return;
+    tarvik_mutex_lock(&song->net->mutex);
+    // The stop or clean cell just posted (and anything else waiting) is taken now: left in
+    // the ring it would reach the export's first piece and could stop the export itself.
+    take_rings_and_stop(song);
     // Every export starts from the same state, whatever played before it.
     send_to_every_module(PS_CMD_CLEAN, 0, song->net);
     forget_live_notes(song);

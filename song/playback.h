@@ -45,6 +45,9 @@ void zelfon_set_stop_at_end(int stop_at_end, zelfon_song* song);
 // take it, at most about two seconds. Returns 1 when it was not playing.
 int zelfon_stop(zelfon_song* song);
 
+// When the sound device has gone (no render thread): stops at once, taking what waits in
+// the live rings, without waiting for a render that will not come.
+void zelfon_stop_without_sound(zelfon_song* song);
 // Export only, after zelfon_stop, with no other thread rendering: takes whatever waits in
 // the live rings, stops, cleans every module, frees the track-state sets and starts playing
 // from line 0 at the song's own tempo, so that line 0 starts with the next piece rendered.

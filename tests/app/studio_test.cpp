@@ -5,6 +5,8 @@
 // studio_screenshots/ to be looked at.
 #include <signal.h>
 
+#include <atomic>
+
 #include "app/studio_fixture.h"
 #include "psynth/psynth_modules.h"
 #include "psynth/sample_file.h"
@@ -35,6 +37,41 @@ TEST_F(StudioTest, OpensASongPlaysAndStopsOnJack) {
         "quit\n";
     EXPECT_EQ(run_studio(script, {song.string()}, {"JACK_DEFAULT_SERVER=" + server.name()}), 0) << output();
     EXPECT_NE(output().find("Sound: JACK"), std::string::npos) << output();
+}
+
+// The sound server quits under a playing studio: the studio stops the song, runs on
+// silent, says so, and opens the server again by itself once it is back.
+TEST_F(StudioTest, RunsSilentWhenJackGoesAndReconnectsWhenItReturns) {
+    JackTestServer server;
+    ASSERT_TRUE(server.start());
+    fs::path song = demo_song();
+    fs::path gone = dir / "gone.zelfon", waiting = dir / "waiting.zelfon";
+    std::string script =
+        "click_id transport.play\n"
+        "expect line_at_least 1\n"
+        "save_song " + gone.string() + "\n"  // the test stops the server
+        "expect status The sound device went away: Zelfon runs silent until it is back\n"
+        "expect playing 0\n"
+        "screenshot " + shot("sound_gone.png") + "\n"
+        "save_song " + waiting.string() + "\n"  // the test starts it again
+        "expect status The sound device is back: JACK, 44100 Hz\n"
+        "click_id transport.play\n"
+        "expect line_at_least 2\n"
+        "click_id transport.stop\n"
+        "quit\n";
+    std::atomic<bool> studio_ended{false};
+    std::thread server_control([&] {
+        if (!wait_until([&] { return fs::exists(gone); }, 60.0)) return;
+        server.stop();
+        if (!wait_until([&] { return fs::exists(waiting); }, 60.0)) return;
+        server.start();
+        // The server dies with the thread that started it: this one lives on until the end.
+        wait_until([&] { return studio_ended.load(); }, 120.0);
+    });
+    int code = run_studio(script, {song.string()}, {"JACK_DEFAULT_SERVER=" + server.name()});
+    studio_ended = true;
+    server_control.join();
+    EXPECT_EQ(code, 0) << output();
 }
 
 TEST_F(StudioTest, SongPropertiesChangeTheTempoThatIsSaved) {
