@@ -244,7 +244,7 @@ void apply(studio* st) {
     store_int("backupinterval", p->backup_interval, st->backup_interval);
     store_int("undosize", p->undo_size, profile_get_int_value("undosize", kUndoSizeDefault, nullptr));
     app_keys_store(st->keys);
-    if (profile_save(nullptr)) {
+    if (!st->safe_mode && studio_profile_save(st)) {
         studio_message(st, "!The preferences could not be saved: the settings file cannot be written.\n"
                            "They apply until Zelfon closes.", "OK", nullptr, nullptr);
     }
@@ -259,6 +259,7 @@ void apply(studio* st) {
         st->rate = p->rate;
         studio_sound_open(st);
     }
+    if (st->safe_mode) studio_status(st, "Safe mode: the preferences apply until Zelfon closes");
 }
 
 }  // namespace

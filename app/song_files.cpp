@@ -70,7 +70,7 @@ void add_recent(studio* st, const char* path) {
         snprintf(key, sizeof key, "recent%d", i + 1);
         if (st->recent[i][0]) profile_set_str_value(key, st->recent[i], nullptr);
     }
-    if (profile_save(nullptr)) tarvik_log("studio: the recent files could not be saved in the preferences\n");
+    if (studio_profile_save(st)) tarvik_log("studio: the recent files could not be saved in the preferences\n");
 }
 
 int save_to(studio* st, const char* path) {
@@ -354,6 +354,9 @@ void studio_files_save_as(studio* st) {
 
 int studio_files_backup(studio* st, const char* why) {
     if (!st->song) return 1;
+    // In safe mode the backup may hold the work of the session that crashed: it is kept
+    // until this session has work of its own.
+    if (st->safe_mode && st->changes == st->backup_changes) return 0;
     if (zelfon_save_backup(st->song)) {
         if (!st->backup_failed) studio_status(st, "The backup %s could not be written (%s)", ZELFON_BACKUP_FILE, why);
         st->backup_failed = 1;

@@ -258,6 +258,10 @@ void run_loop(studio* st) {
         bool stale = signature != drawn_signature || now - last_draw >= (uint32_t)kIdleRedrawMs;
         if (!input && !busy(st) && !stale) continue;
         draw_and_count(st);
+        if (!st->start_finished) {
+            st->start_finished = 1;
+            studio_safe_start_done();
+        }
         last_draw = now;
         drawn_signature = signature;
         if (st->scripted || !st->win.software) continue;  // scripts run flat out; vsync paces the others
@@ -317,17 +321,18 @@ void store_layout(studio* st) {
         profile_set_str_value(v.key, text, nullptr);
         changed = true;
     }
-    if (changed && profile_save(nullptr)) tarvik_log("studio: the preferences could not be saved\n");
+    if (changed && studio_profile_save(st)) tarvik_log("studio: the preferences could not be saved\n");
 }
 
 int open_first_song(studio* st, const char* song_path) {
     if (song_path && !studio_files_load(st, song_path)) return 0;
     zelfon_song* song = (zelfon_song*)mem_new(MEM_DYNAMIC, sizeof(zelfon_song), "studio_song");
-    if (!song || zelfon_song_init(0, st->rate, song)) {
+    // Safe mode starts on a new song of the starter net, the others on the demo.
+    if (!song || zelfon_song_init(st->safe_mode, st->rate, song)) {
         mem_free(song);
         return 1;
     }
-    if (zelfon_make_demo_song(song)) {
+    if (!st->safe_mode && zelfon_make_demo_song(song)) {
         zelfon_song_close(song);
         mem_free(song);
         return 1;
@@ -367,6 +372,13 @@ int studio_run(const char* song_path, const char* script_path) {
     studio* st = (studio*)mem_new(MEM_DYNAMIC, sizeof(studio), "studio_run");
     if (!st) return 1;
     memset(st, 0, sizeof *st);
+    st->safe_mode = studio_safe_start_begin();
+    if (st->safe_mode) {
+        // Default preferences: the profile read at start is set aside (its file untouched).
+        profile_close(nullptr);
+        profile_new(nullptr);
+        song_path = nullptr;
+    }
 
     // The window options of the profile.
     gui_window_options options = {};
@@ -382,6 +394,7 @@ int studio_run(const char* song_path, const char* script_path) {
     if (options.width < 320 || options.width > 16384) options.width = kDefaultWidth;
     if (options.height < 240 || options.height > 16384) options.height = kDefaultHeight;
     if (gui_window_open(&options, &st->win)) {
+        studio_safe_start_done();  // no display is no crash
         mem_free(st);
         return STUDIO_NO_DISPLAY;
     }
@@ -409,6 +422,9 @@ int studio_run(const char* song_path, const char* script_path) {
         tarvik_log("studio: no song could be made (out of memory)\n");
         st->exit_code = 1;
         st->quit = 1;
+    } else if (st->safe_mode) {
+        // No devices, and the crash mark and backup stay for the next usual start.
+        studio_safe_mode_explain(st);
     } else {
         studio_sound_open(st);
         studio_files_check_crash(st);
@@ -424,7 +440,8 @@ int studio_run(const char* song_path, const char* script_path) {
         mem_free(st->song);
     }
     sound_stream_close();
-    if (st->exit_code == 0) studio_files_clean_exit(st);
+    if (st->exit_code == 0 && !st->safe_mode) studio_files_clean_exit(st);
+    studio_safe_start_done();  // an orderly end, even before the first frame
     store_layout(st);
     save_window_places();
     gui_file_dialog_free(&st->file_dialog);

@@ -29,6 +29,7 @@ constexpr int STUDIO_LOG_LINES = 400;
 constexpr int STUDIO_LOG_LINE_SIZE = 256;
 constexpr int STUDIO_BACKUP_INTERVAL_DEFAULT = 120;  // seconds, profile key "backupinterval"
 constexpr const char* STUDIO_RUNNING_MARK = "2:/zelfon_running";  // present while a studio runs
+constexpr const char* STUDIO_STARTING_MARK = "2:/zelfon_starting";  // start-ups begun and not finished
 
 // What a file dialog was opened for.
 enum studio_file_purpose : int {
@@ -178,6 +179,8 @@ struct studio {
     gui_window win;
     gui_script script;
     int scripted;
+    int safe_mode;      // two start-ups in a row never finished: defaults, no song, no devices
+    int start_finished; // the first frame is drawn: the start-up counts as done
     int script_frames_after_end;
 
     zelfon_song* song;  // a memory-manager block

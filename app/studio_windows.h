@@ -125,6 +125,16 @@ void studio_sound_close(studio* st);
 // From the frame loop: notices a sound device that went away (the song stops, the studio
 // runs on silent and says so) and opens it again every two seconds until it is back.
 void studio_sound_watch(studio* st);
+// Start-ups that never finish: the count in STUDIO_STARTING_MARK is raised before the
+// window opens and the mark removed once the first frame is drawn. Returns 1 when the two
+// start-ups before this one did not finish: this one is to run in safe mode.
+int studio_safe_start_begin();
+void studio_safe_start_done();
+// Saves the preferences file, except in safe mode (whose defaults stay in memory). Returns
+// 0 or non-zero as profile_save.
+int studio_profile_save(const studio* st);
+// Tells the musician why the studio runs in safe mode.
+void studio_safe_mode_explain(studio* st);
 void studio_export_open(studio* st);
 void studio_export_draw(studio* st);
 // Runs an export the dialog asked for (outside a frame). Once a loop turn.

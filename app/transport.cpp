@@ -53,7 +53,7 @@ void studio_toggle_stop_at_end(studio* st) {
     st->stop_at_end = !st->stop_at_end;
     zelfon_set_stop_at_end(st->stop_at_end, st->song);
     profile_set_str_value("stopatend", st->stop_at_end ? "1" : "0", nullptr);
-    if (profile_save(nullptr)) studio_status(st, "The preference could not be saved in the settings file");
+    if (studio_profile_save(st)) studio_status(st, "The preference could not be saved in the settings file");
 }
 
 void studio_play_song(studio* st) {

@@ -74,6 +74,34 @@ TEST_F(StudioTest, RunsSilentWhenJackGoesAndReconnectsWhenItReturns) {
     EXPECT_EQ(code, 0) << output();
 }
 
+// After two start-ups that never drew their first frame, the next one runs in safe mode:
+// default preferences (the file left as it was), a new song instead of the one asked for,
+// no device; it says why. The start after it is the usual one.
+TEST_F(StudioTest, TwoUnfinishedStartsMakeTheNextOneSafe) {
+    fs::path song = demo_song();
+    const std::string profile = "// my studio\nsplit_x 300\nbackupinterval 1\n";
+    write_file(dir / "zelfon_config.txt", profile);
+    fs::path starting = dir / "cfg" / "zelfon" / "zelfon_starting";
+    fs::create_directories(starting.parent_path());
+    write_file(starting, "2\n");
+    std::string safe =
+        "expect message Zelfon did not finish starting the last two times\n"
+        "screenshot " + shot("safe_mode.png") + "\n"
+        "click_id msgbox.button.0\n"
+        "expect modules 3\n"  // the starter net, not the song of the command line
+        "action preferences\n"
+        "click_id prefs.buffer\n"
+        "click_id prefs.buffer.2048\n"
+        "click_id prefs.ok\n"
+        "expect status Safe mode: the preferences apply until Zelfon closes\n"
+        "quit\n";
+    ASSERT_EQ(run_studio(safe, {song.string()}), 0) << output();
+    EXPECT_EQ(read_file(dir / "zelfon_config.txt"), profile);
+    EXPECT_FALSE(fs::exists(starting));
+    EXPECT_EQ(run_studio("expect no_message\nexpect modules 6\nquit\n", {song.string()}), 0) << output();
+    EXPECT_FALSE(fs::exists(starting));
+}
+
 TEST_F(StudioTest, SongPropertiesChangeTheTempoThatIsSaved) {
     fs::path song = demo_song();
     std::string script =
