@@ -251,7 +251,7 @@ void run_loop(studio* st) {
         st->song->midi_kbd_module = st->selected_module;
         if (keyboard && zelfon_poll_midi_keyboard(st->song)) input = true;
         studio_files_tick(st);
-        studio_sound_watch(st);
+        studio_devices_watch(st);
         studio_export_run(st);
         uint32_t now = SDL_GetTicks();
         uint32_t signature = idle_signature(st);

@@ -195,6 +195,7 @@ struct studio {
     int sound_ok;
     int sound_lost;             // the device went away while open: it is tried again
     uint32_t sound_retry_ms;    // when (SDL ticks)
+    uint32_t midi_watch_ms;     // when the MIDI keyboard's device is looked for next
     int rate;
     char status[256];          // the status line's message
     uint32_t status_until_ms;

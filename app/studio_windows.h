@@ -123,8 +123,9 @@ void studio_preferences_draw(studio* st);
 int studio_sound_open(studio* st);
 void studio_sound_close(studio* st);
 // From the frame loop: notices a sound device that went away (the song stops, the studio
-// runs on silent and says so) and opens it again every two seconds until it is back.
-void studio_sound_watch(studio* st);
+// runs on silent and says so) and opens it again every two seconds until it is back; opens
+// the MIDI keyboard again when its device comes back.
+void studio_devices_watch(studio* st);
 // Start-ups that never finish: the count in STUDIO_STARTING_MARK is raised before the
 // window opens and the mark removed once the first frame is drawn. Returns 1 when the two
 // start-ups before this one did not finish: this one is to run in safe mode.

@@ -3,6 +3,11 @@
 // MIDI ring at their time stamps).
 #include "song/devices.h"
 
+#include <cstdio>
+#include <cstring>
+
+#include "engine/log.h"
+#include "engine/memory.h"
 #include "engine/midi.h"
 #include "engine/profile.h"
 #include "song/playback.h"
@@ -92,14 +97,44 @@ void zelfon_detach_sound(int slot) {
     sound_stream_set_slot(slot, nullptr, nullptr);
 }
 
-int zelfon_open_midi_keyboard(zelfon_song* song) {
-    song->midi_kbd_port = -1;
-    song->midi_kbd_parser = {};
+namespace {
+
+// The keyboard's device from the profile ("midi_kbd", else "midi_in"), or null.
+const char* keyboard_device() {
     const char* midi_in = profile_get_str_value("midi_in", nullptr, nullptr);
     const char* device = profile_get_str_value("midi_kbd", midi_in, nullptr);
+    return device && *device ? device : nullptr;
+}
+
+struct device_search {
+    const char* name;
+    bool found;
+};
+
+// Whether the MIDI system lists the device, by the names a port opens on: the exact name
+// or one that contains it.
+bool device_listed(const char* name, tarvik_midi_client* client) {
+    device_search search = {name, false};
+    tarvik_midi_client_get_devices(
+        client, MIDI_PORT_READ,
+        [](const char* listed, void* data) {
+            device_search* s = (device_search*)data;
+            if (listed && strstr(listed, s->name)) s->found = true;
+        },
+        &search);
+    return search.found;
+}
+
+}  // namespace
+
+int zelfon_open_midi_keyboard(zelfon_song* song) {
+    if (song->net && song->midi_kbd_port >= 0) tarvik_midi_client_close_port(&song->net->midi_client, song->midi_kbd_port);
+    song->midi_kbd_port = -1;
+    song->midi_kbd_parser = {};
+    const char* device = keyboard_device();
     int channel = profile_get_int_value("midi_in_ch", 1, nullptr);
     song->midi_kbd_channel = profile_get_int_value("midi_kbd_ch", channel, nullptr);
-    if (!song->net || !device || !*device) return -1;
+    if (!song->net || !device) return -1;
     song->midi_kbd_port = tarvik_midi_client_open_port(&song->net->midi_client, "Keyboard", device, MIDI_PORT_READ);
     return song->midi_kbd_port;
 }
@@ -121,6 +156,39 @@ void zelfon_parse_midi_keyboard(const uint8_t* bytes, int size, tarvik_ticks t, 
         dispatch(p->status, p->data, t, song);
         p->count = 0;  // the status runs on for the next data bytes
     }
+}
+
+int zelfon_watch_midi_keyboard(zelfon_song* song) {
+    const char* device = keyboard_device();
+    if (!song->net || !device) return 0;
+    bool listed = device_listed(device, &song->net->midi_client);
+    bool reopen = listed && (!song->midi_kbd_listed || song->midi_kbd_port < 0);
+    if (song->midi_kbd_listed && !listed) tarvik_log("MIDI keyboard %s went away\n", device);
+    song->midi_kbd_listed = listed;
+    if (!reopen) return 0;
+    tarvik_log("MIDI keyboard %s is there: opening it again\n", device);
+    return zelfon_open_midi_keyboard(song) >= 0;
+}
+
+void zelfon_reopen_midi(zelfon_song* song) {
+    psynth_net* net = song->net;
+    if (!net) return;
+    // The render sends on the modules' MIDI out ports: it waits for the new ones.
+    tarvik_mutex_lock(&net->mutex);
+    tarvik_midi_client_close(&net->midi_client);
+    tarvik_midi_client_open(&net->midi_client, "PSynth");
+    for (int m = 0; m < net->slots; m++) {
+        psynth_module* mod = &net->modules[m];
+        if (!(mod->flags & PSYNTH_FLAG_EXISTS) || !mod->midi_out_name) continue;
+        char* name = mod->midi_out_name;  // the reopening takes a copy
+        mod->midi_out_name = nullptr;
+        mod->midi_out_port = -1;  // closed with the client
+        psynth_open_midi_out(m, name, mod->midi_out_channel, net);
+        mem_free(name);
+    }
+    tarvik_mutex_unlock(&net->mutex);
+    song->midi_kbd_port = -1;  // closed with the client
+    zelfon_open_midi_keyboard(song);
 }
 
 int zelfon_poll_midi_keyboard(zelfon_song* song) {

@@ -17,6 +17,14 @@ void zelfon_detach_sound(int slot);
 // "midi_in"), channel "midi_kbd_ch" (default "midi_in_ch", default 1). No device
 // configured: the port stays closed. Returns the port or −1. Interface thread.
 int zelfon_open_midi_keyboard(zelfon_song* song);
+// Watches the keyboard's device, for a call every second or two: when the MIDI system lists
+// it again after it went away (or it appears after the start), the port is opened again.
+// Returns 1 when it was. Interface thread.
+int zelfon_watch_midi_keyboard(zelfon_song* song);
+// Opens the net's MIDI client again with all its ports (the keyboard and every module's MIDI
+// out, on the devices named as before), for a MIDI system that went away and came back:
+// a restarted JACK server. Interface thread.
+void zelfon_reopen_midi(zelfon_song* song);
 // Takes every waiting message of the keyboard port and posts its notes to the MIDI ring
 // for song->midi_kbd_module (−1: the notes are dropped). Returns the messages taken.
 // Interface thread.

@@ -182,6 +182,7 @@ struct zelfon_song {
     int midi_kbd_module;
     int midi_kbd_channel;  // 1-based
     int midi_kbd_port;     // "Keyboard" port of the net's MIDI client, −1 = closed
+    int midi_kbd_listed;   // the MIDI system listed the keyboard's device at the last watch
     zelfon_midi_parser midi_kbd_parser;
     // Told of every note the MIDI keyboard plays, after it went to the live ring (the editor
     // records them). Interface thread, from zelfon_poll_midi_keyboard. Null: nobody listens.

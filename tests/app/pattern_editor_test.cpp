@@ -163,3 +163,46 @@ TEST_F(PatternEditorTest, TheMidiKeyboardRecordsAtTheCursorWhenStopped) {
 }
 
 }  // namespace
+
+namespace {
+
+// A MIDI keyboard that is not there when the studio starts, then unplugged and plugged in
+// again: the studio opens it each time it appears, and its notes are written.
+TEST_F(PatternEditorTest, TheMidiKeyboardIsOpenedWheneverItAppears) {
+    JackTestServer server;
+    ASSERT_TRUE(server.start());
+    write_file(dir / "zelfon_config.txt", "midi_kbd zkeys:out\nmidi_kbd_ch 1\n");
+    fs::path ready = dir / "ready.zelfon", unplug = dir / "unplug.zelfon";
+    std::string script = std::string(kNewSong) +
+        "key Escape\n"
+        "save_song " + ready.string() + "\n"
+        "expect note 0 0 61\n"
+        "save_song " + unplug.string() + "\n"
+        "expect note 0 1 63\n"
+        "expect status The MIDI keyboard is back\n"
+        "save_song " + (dir / "recorded.zelfon").string() + "\n"
+        "quit\nclick_id msgbox.button.1\n";
+    auto plug_in_and_play = [](unsigned char key) {
+        RtMidiOut keys(RtMidi::UNIX_JACK, "zkeys");
+        keys.openVirtualPort("out");
+        // The studio looks for it every two seconds.
+        std::this_thread::sleep_for(std::chrono::milliseconds(3000));
+        std::vector<unsigned char> on = {0x90, key, 100}, off = {0x80, key, 0};
+        keys.sendMessage(&on);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        keys.sendMessage(&off);
+    };
+    std::thread player([&] {
+        if (!wait_until([&] { return fs::exists(ready); }, 60.0)) return;
+        plug_in_and_play(60);
+        if (!wait_until([&] { return fs::exists(unplug); }, 60.0)) return;
+        std::this_thread::sleep_for(std::chrono::milliseconds(2500));  // unplugged for a look or two
+        plug_in_and_play(62);
+    });
+    int code = run_studio(script, {}, {"JACK_DEFAULT_SERVER=" + server.name()});
+    player.join();
+    ASSERT_EQ(code, 0) << output();
+    EXPECT_NE(output().find("went away"), std::string::npos) << output();
+}
+
+}  // namespace
