@@ -6,6 +6,7 @@
 #include <signal.h>
 
 #include "app/studio_fixture.h"
+#include "file_faults.h"
 #include "psynth/psynth_modules.h"
 #include "psynth/sample_file.h"
 #include "psynth/sampler.h"
@@ -272,8 +273,9 @@ TEST_F(StudioTest, AnExportCanBeCancelledWhileTheWindowKeepsDrawing) {
 TEST_F(StudioTest, UnwritableBackupAndSettingsAreSaidAndTheStudioKeepsRunning) {
     fs::path song = demo_song();
     write_file(dir / "zelfon_config.txt", "buffer 512\n");
-    fs::create_directories(dir / "BACKUP.zelfon");         // no file can be written there
-    fs::create_directories(dir / "zelfon_config.txt.tmp");  // nor the settings' new copy
+    fs::create_directories(dir / "BACKUP.zelfon");  // no file can be written there
+    TestUnwritable fixed((dir / "zelfon_config.txt").string());  // nor can the settings be replaced
+    ASSERT_TRUE(fixed.active);
     std::string script =
         "drop " + song.string() + "\n"
         "expect status Opened song.zelfon. The backup 1:/BACKUP.zelfon could not be written\n"
