@@ -96,9 +96,13 @@ public:
     // temporary files.
     void kill_at_many_points(const fs::path& target, const std::string& old_bytes, const std::string& new_bytes,
                              const std::function<void()>& job) {
-        write_all(target, old_bytes);
-        std::chrono::microseconds duration = child_duration(job);
-        ASSERT_EQ(read_all(target), new_bytes);
+        // The shortest of three runs: the first one also warms the caches.
+        std::chrono::microseconds duration = std::chrono::microseconds::max();
+        for (int i = 0; i < 3; i++) {
+            write_all(target, old_bytes);
+            duration = std::min(duration, child_duration(job));
+            ASSERT_EQ(read_all(target), new_bytes);
+        }
         int old_kept = 0, new_done = 0, temps_left = 0;
         for (int i = 0; i < kKillPoints; i++) {
             write_all(target, old_bytes);
