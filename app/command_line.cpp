@@ -356,15 +356,17 @@ int make_module_song(const options& o) {
     return error.empty() ? 0 : fail(error);
 }
 
-void print_import_summary(const char* in, const zelfon_song* song, const zelfon_import_report* report) {
-    printf("Imported %s (%s) \"%s\": %d tracks, %d lines; patterns %d, clones %d; Samplers %d, samples %d\n", in,
+// On standard output, unless the song itself goes there.
+void print_import_summary(const char* in, const char* out, const zelfon_song* song, const zelfon_import_report* report) {
+    FILE* to = strcmp(out, V3_SAVE_STDOUT) ? stdout : stderr;
+    fprintf(to, "Imported %s (%s) \"%s\": %d tracks, %d lines; patterns %d, clones %d; Samplers %d, samples %d\n", in,
            zelfon_import_format_name(report->format), song->name ? song->name : "", report->channels, report->lines,
            report->patterns, report->clones, report->instruments, report->samples);
     char losses[4096];
     if (zelfon_import_report_losses(report, losses, sizeof(losses)) == 0) {
-        printf("Everything was carried over.\n");
+        fprintf(to, "Everything was carried over.\n");
     } else {
-        printf("Not carried over:\n%s", losses);
+        fprintf(to, "Not carried over:\n%s", losses);
     }
 }
 
@@ -384,7 +386,7 @@ int import_song(const options& o) {
     } else if (zelfon_save_song(out, ZELFON_VERSION_MAJOR, ZELFON_VERSION_MINOR, &song)) {
         error = "cannot write " + std::string(out);
     } else {
-        print_import_summary(in, &song, &report);
+        print_import_summary(in, out, &song, &report);
     }
     zelfon_song_close(&song);
     return error.empty() ? 0 : fail(error);
