@@ -4,6 +4,7 @@
 // and the song state it reports; every screenshot stays in the build folder's
 // studio_screenshots/ to be looked at.
 #include <signal.h>
+#include <sys/stat.h>
 
 #include "app/studio_fixture.h"
 #include "file_faults.h"
@@ -109,6 +110,31 @@ TEST_F(StudioTest, AnUnknownFileTakesTheRawPathThroughTheEngineMessages) {
     EXPECT_EQ(bytes, 4000);  // 2000 mono 16-bit frames: the file's bytes as they are
     EXPECT_EQ(memcmp(psynth_get_chunk(sampler, psynth_sampler_data_chunk(0), net), noise.data(), 4000), 0);
     zelfon_song_close(&song);
+}
+
+// FIFOs (which nobody writes: reading one would never end) and a WAV named as a song are
+// refused with a message; the studio carries on.
+TEST_F(StudioTest, FilesThatAreNotWhatTheySeemAreRefusedWithAMessage) {
+    for (const char* name : {"pipe.zelfon", "pipe.zelsynth", "pipe.wav", "pipe.xm"}) {
+        ASSERT_EQ(mkfifo((dir / name).c_str(), 0600), 0);
+    }
+    write_file(dir / "take.zelfon", std::string("RIFF") + std::string(40, '\0'));
+    std::string script;
+    const std::pair<const char*, const char*> drops[] = {{"pipe.zelfon", " is not a regular file"},
+                                                         {"take.zelfon", " is not a Zelfon song"},
+                                                         {"pipe.zelsynth", " is not a regular file"},
+                                                         {"pipe.wav", " is not a regular file"},
+                                                         {"pipe.xm", " is not a regular file"}};
+    for (const auto& [name, why] : drops) {
+        script += "drop " + (dir / name).string() + "\n"
+                  "expect message " + (dir / name).string() + why + "\n"
+                  "click_id msgbox.button.0\n"
+                  "expect no_message\n";
+    }
+    script += "quit\n";
+    ASSERT_EQ(run_studio(script), 0) << output();
+    EXPECT_TRUE(fs::is_fifo(dir / "pipe.zelfon"));
+    EXPECT_EQ(read_file(dir / "take.zelfon"), std::string("RIFF") + std::string(40, '\0'));
 }
 
 TEST_F(StudioTest, AnotherTrackersSongIsImportedWithWhatItLost) {
