@@ -153,7 +153,7 @@ FILE* platform_open_stdout() {
 
 int platform_sync(FILE* f) { return std::fflush(f) == 0 && _commit(_fileno(f)) == 0 ? 0 : -1; }
 
-// MoveFileEx with MOVEFILE_WRITE_THROUGH would be the folder's sync; the rename above is enough here.
+// Folders are not synced on Windows: MoveFileEx has made the rename by the time it returns.
 void platform_sync_folder(const char* file_name) {}
 
 uint64_t platform_process_id() { return GetCurrentProcessId(); }
@@ -868,6 +868,9 @@ int v3_flush(int h) {
 }
 
 int64_t v3_get_file_size(const char* path) {
+    // A FIFO or device has no size, and opening one may wait for ever (a FIFO with no writer).
+    int type = path && !(has_prefix(path) && path[0] == '0') ? v3_get_file_type(path) : V3_FILE_REGULAR;
+    if (type != V3_FILE_REGULAR) return 0;
     int h = open_any(path, "rb");
     if (!h) return 0;
     int64_t size = 0;

@@ -98,7 +98,8 @@ void v3_rewind(int h);
 // long-standing quirk kept on purpose): do not rely on it. Returns the flush result, else 0.
 int v3_flush(int h);
 
-// Size of the file at `path` (opened, measured and closed); 0 when it cannot be opened.
+// Size of the file at `path` (opened, measured and closed); 0 when it cannot be opened or
+// is not a regular file (a FIFO or device is never opened).
 int64_t v3_get_file_size(const char* path);
 // Last change of the file at `path` in seconds since 1970; -1 when it does not exist.
 int64_t v3_get_file_time(const char* path);

@@ -170,6 +170,10 @@ bool collect_entry(const entry& e, const char*, void* context) {
 // Reads the whole file plus a terminator into a new block. 0 read, -1 cannot be opened,
 // 1 unreadable or too large (logged).
 int read_text(const char* name, char** text) {
+    if (v3_get_file_type(name) == V3_FILE_SPECIAL) {  // a FIFO with no writer would never end
+        tarvik_log("profile_load(): %s is not a regular file\n", name);
+        return 1;
+    }
     int h = v3_open(name, "rb");
     if (!h) return -1;
     int64_t size = v3_seek(h, 0, V3_SEEK_END) == 0 ? v3_tell(h) : -1;

@@ -536,6 +536,11 @@ TEST_F(V3Test, FileTypesFollowLinks) {
     EXPECT_EQ(v3_get_file_type("1:/missing"), V3_FILE_NONE);
     EXPECT_EQ(v3_get_file_type("7:/f"), V3_FILE_NONE);
     EXPECT_EQ(v3_get_file_type(nullptr), V3_FILE_NONE);
+    ASSERT_EQ(mkfifo((dir_ / "fifo").c_str(), 0600), 0);
+    EXPECT_EQ(v3_get_file_type("1:/fifo"), V3_FILE_SPECIAL);
+    EXPECT_EQ(v3_get_file_size("1:/fifo"), 0);  // not opened: nobody writes it, so that would never end
+    EXPECT_EQ(v3_get_file_size("/dev/zero"), 0);
+    EXPECT_EQ(v3_get_file_size("1:/link"), 1);
     int a = register_archive(tar_entry("member", "00000000003", "abc"));
     EXPECT_EQ(v3_get_file_type("0:/member"), V3_FILE_REGULAR);
     EXPECT_EQ(v3_get_file_type("0:/other"), V3_FILE_NONE);

@@ -194,6 +194,13 @@ TEST_F(ProfileTest, FailedSaveLeavesTheOldFileWhole) {
     EXPECT_EQ(read_bytes(dir_ / "cfg.txt").substr(0, text.size() + 5), text + "key0 ");
 }
 
+TEST_F(ProfileTest, AFifoIsNotReadAsTheConfiguration) {
+    ASSERT_EQ(mkfifo((dir_ / "zelfon_config.txt").c_str(), 0600), 0);  // nobody writes it
+    EXPECT_NE(profile_load("1:/zelfon_config.txt", &p_), 0);
+    EXPECT_EQ(p_.num, 0);
+    EXPECT_NE(log_text().find("profile_load(): 1:/zelfon_config.txt is not a regular file\n"), std::string::npos) << log_text();
+}
+
 TEST_F(ProfileTest, SaveFallsBackToEarlierDefaultFiles) {
     fs::create_directories(dir_ / "cfg" / "zelfon");
     write_bytes(dir_ / "cfg" / "zelfon" / "zelfon_config.txt", "rate 1\n");

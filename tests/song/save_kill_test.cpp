@@ -27,9 +27,13 @@ namespace fs = std::filesystem;
 constexpr int kKillPoints = 32;       // per kind of file
 constexpr int kChunkBytes = 12 << 20;  // big enough for a save to take a while
 
+// In one read: the files are big and read dozens of times.
 std::string read_all(const fs::path& p) {
-    std::ifstream f(p, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(f), {});
+    std::ifstream f(p, std::ios::binary | std::ios::ate);
+    std::string bytes(f ? (size_t)f.tellg() : 0, '\0');
+    f.seekg(0);
+    f.read(bytes.data(), (std::streamsize)bytes.size());
+    return bytes;
 }
 
 void write_all(const fs::path& p, const std::string& bytes) { std::ofstream(p, std::ios::binary) << bytes; }
