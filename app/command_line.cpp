@@ -167,6 +167,7 @@ int open_song(const char* path, int rate, zelfon_song* song) {
 // Shown on a terminal only, and never when the output itself goes to standard output.
 bool shows_progress(const char* out_path) { return strcmp(out_path, V3_SAVE_STDOUT) != 0 && isatty(STDOUT_FILENO); }
 
+// `data` is non-null when the progress is shown (see shows_progress).
 void print_progress(void* data, int progress) {
     if (data) {
         printf("\rExporting: %3d%%", progress * 100 / 256);
