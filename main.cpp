@@ -31,6 +31,7 @@ int main(int argc, char** argv) {
     mem_init();
     v3_init();
     tarvik_log_init(TARVIK_LOG_FILE);
+    if (zelfon_command_writes_stdout(argc, argv)) tarvik_log_echo_to_stderr(1);  // "-": the data goes there
     profile_new(nullptr);
     profile_load(nullptr, nullptr);  // the first default configuration file that exists
     tarvik_log("%s / %s\n", PROGRAM_NAME, ENGINE_NAME);

@@ -1,10 +1,15 @@
 // Command-line jobs: "export", "export-midi", "info", "demo", "sample-info", "module" and "import"
 // (and the real-time "play" and "devices" of app/realtime.cpp). A missing SONG argument
-// means the bundled demo song. Outputs are written beside their target and renamed into
-// place by the savers, so a failed job never leaves a half-written file.
+// means the bundled demo song. Inputs are checked before the loaders see them: only
+// regular files are opened (a FIFO or device could block or never end) and a SONG must
+// start with the song magic. Outputs are safe saves of the file layer, so a failed job
+// never leaves a half-written file; "-" writes to standard output, and an export never
+// replaces a song or module file. Numbers are read whole and strictly.
 #include "app/command_line.h"
 
+#include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <unistd.h>
@@ -18,6 +23,7 @@
 #include "psynth/sample_file.h"
 #include "psynth/sampler.h"
 #include "psynth/vorbis_player.h"
+#include "song/chunks.h"
 #include "song/demo.h"
 #include "song/export.h"
 #include "song/import.h"
@@ -28,6 +34,7 @@ namespace {
 constexpr int kDefaultRate = 44100;
 constexpr const char* kDefaultDemoWav = "zelfon_demo.wav";
 constexpr int kMaxThreads = 256;
+constexpr int kMaxChannels = 2;
 
 const char* const kUsage =
     "usage: zelfon [COMMAND]\n"
@@ -57,6 +64,16 @@ struct options {
     int threads = 0;  // export: render threads, 0 = one per core
     std::string error;
 };
+
+// The value of a number option; sets `error` when `value` is not a whole number in min..max.
+int number_option(const char* what, const char* value, int min, int max, std::string* error) {
+    int n = 0;
+    if (!zelfon_parse_number(value, min, max, &n)) {
+        *error = std::string("unusable ") + what + " " + value + " (a whole number from " + std::to_string(min) +
+                 " to " + std::to_string(max) + ")";
+    }
+    return n;
+}
 
 int index_of(const char* value, const char* const* names, int count) {
     for (int i = 0; i < count; i++) {
@@ -94,21 +111,48 @@ options parse_options(int argc, char** argv, int first) {
             o.raw_format = index_of(value, raw_formats, 4);
             if (o.raw_format < 0) o.error = std::string("unknown raw format ") + value;
         } else if (!strcmp(arg, "--threads")) {
-            o.threads = atoi(value);
-            if (o.threads < 1 || o.threads > kMaxThreads) o.error = std::string("unusable thread count ") + value;
+            o.threads = number_option("thread count", value, 1, kMaxThreads, &o.error);
         } else if (!strcmp(arg, "--channels")) {
-            o.channels = atoi(value);
-            if (o.channels != 1 && o.channels != 2) o.error = std::string("unusable channel count ") + value;
+            o.channels = number_option("channel count", value, 1, kMaxChannels, &o.error);
         } else {
-            o.rate = atoi(value);
-            if (o.rate < 8000 || o.rate > 384000) o.error = std::string("unusable rate ") + value;
+            o.rate = number_option("rate", value, ZELFON_CLI_RATE_MIN, ZELFON_CLI_RATE_MAX, &o.error);
         }
     }
     return o;
 }
 
+// Empty when `path` is a song file the loader may read, else why not.
+std::string song_input_problem(const char* path) {
+    std::string p = path;
+    switch (zelfon_file_kind(path)) {
+    case ZELFON_FILE_SONG: return "";
+    case ZELFON_FILE_CANT_OPEN: return "cannot open " + p;
+    case ZELFON_FILE_NOT_REGULAR: return p + " is not a regular file";
+    case ZELFON_FILE_MODULE: return p + " is a module file, not a song";
+    default: return p + " is not a Zelfon song";
+    }
+}
+
+// Empty unless something other than a regular file is at `path` (a missing file is for the
+// loader to report).
+std::string regular_input_problem(const char* path) {
+    int type = v3_get_file_type(path);
+    return type == V3_FILE_NONE || type == V3_FILE_REGULAR ? "" : std::string(path) + " is not a regular file";
+}
+
+// Empty when an export may write `path`: never over a song or module file, never a folder.
+std::string export_output_problem(const char* path) {
+    int kind = zelfon_file_kind(path);
+    if (kind == ZELFON_FILE_SONG || kind == ZELFON_FILE_MODULE) {
+        return std::string(path) + " is a song or module file: an export does not replace it";
+    }
+    return v3_get_file_type(path) == V3_FILE_DIRECTORY ? std::string(path) + " is a folder" : "";
+}
+
 // Loads `path` into a new song at `rate`, or makes the demo when path is null.
 int open_song(const char* path, int rate, zelfon_song* song) {
+    std::string problem = path ? song_input_problem(path) : "";
+    if (!problem.empty()) return fail(problem);
     if (zelfon_song_init(0, rate, song)) return fail("out of memory");
     int error = path ? zelfon_load_song(path, song) : zelfon_make_demo_song(song);
     if (error) {
@@ -120,8 +164,12 @@ int open_song(const char* path, int rate, zelfon_song* song) {
     return 0;
 }
 
+// Shown on a terminal only, and never when the output itself goes to standard output.
+bool shows_progress(const char* out_path) { return strcmp(out_path, V3_SAVE_STDOUT) != 0 && isatty(STDOUT_FILENO); }
+
+// `data` is non-null when the progress is shown (see shows_progress).
 void print_progress(void* data, int progress) {
-    if (isatty(STDOUT_FILENO)) {
+    if (data) {
         printf("\rExporting: %3d%%", progress * 100 / 256);
         fflush(stdout);
     }
@@ -131,18 +179,23 @@ int export_wav(const options& o) {
     if (o.positional.empty() || o.positional.size() > 2) return fail("export needs [SONG] OUT.wav");
     const char* song_path = o.positional.size() == 2 ? o.positional[0] : nullptr;
     const char* out_path = o.positional.back();
+    std::string problem = export_output_problem(out_path);
+    if (!problem.empty()) return fail(problem);
     int rate = o.rate ? o.rate : profile_get_int_value("frequency", kDefaultRate, nullptr);
     zelfon_song song;
     if (open_song(song_path, rate, &song)) return 1;
     zelfon_set_render_threads(o.threads, &song);
-    int result = zelfon_export_to_wav(out_path, o.format, o.mode, print_progress, nullptr, &song);
-    if (isatty(STDOUT_FILENO)) printf("\n");
+    bool progress = shows_progress(out_path);
+    int result = zelfon_export_to_wav(out_path, o.format, o.mode, print_progress, progress ? &song : nullptr, &song);
+    if (progress) printf("\n");
     zelfon_song_close(&song);
     return result ? fail("cannot write " + std::string(out_path)) : 0;
 }
 
 int export_midi(const options& o) {
     if (o.positional.empty() || o.positional.size() > 2) return fail("export-midi needs [SONG] OUT.mid");
+    std::string problem = export_output_problem(o.positional.back());
+    if (!problem.empty()) return fail(problem);
     zelfon_song song;
     if (open_song(o.positional.size() == 2 ? o.positional[0] : nullptr, kDefaultRate, &song)) return 1;
     int result = zelfon_export_to_midi(o.positional.back(), &song);
@@ -189,8 +242,17 @@ int info(const options& o) {
     return 0;
 }
 
+// True when nothing is at `path`, a song file is (which a new song may replace), or a
+// device or FIFO that is written in place.
+bool may_write_song(const char* path) {
+    int kind = zelfon_file_kind(path);
+    return kind == ZELFON_FILE_SONG || (kind == ZELFON_FILE_CANT_OPEN && v3_get_file_type(path) == V3_FILE_NONE) ||
+           v3_get_file_type(path) == V3_FILE_SPECIAL;
+}
+
 int write_demo(const options& o) {
     if (o.positional.size() != 1) return fail("demo needs OUT.zelfon");
+    if (!may_write_song(o.positional[0])) return fail(std::string(o.positional[0]) + " exists and is not a song: not overwritten");
     zelfon_song song;
     if (open_song(nullptr, kDefaultRate, &song)) return 1;
     int result = zelfon_save_song(o.positional[0], ZELFON_VERSION_MAJOR, ZELFON_VERSION_MINOR, &song);
@@ -230,6 +292,8 @@ int sample_info(const options& o) {
     if (o.positional.size() != 1) return fail("sample-info needs FILE");
     static const char* const kTypes[] = {"RAW", "WAV", "AIFF", "AIFC", "XI", "JPEG image"};
     const char* path = o.positional[0];
+    std::string problem = regular_input_problem(path);
+    if (!problem.empty()) return fail(problem);
     psynth_sample_file_type type = psynth_sample_file_type_of_path(path);
     psynth_net net;
     psynth_init(0, kDefaultRate, 125, 6, &net);
@@ -280,6 +344,9 @@ std::string build_vorbis_song(const char* ogg_path, zelfon_song* song) {
 
 int make_module_song(const options& o) {
     if (o.positional.size() != 3 || strcmp(o.positional[0], "vorbis") != 0) return fail("module needs vorbis IN.ogg OUT.zelfon");
+    std::string problem = regular_input_problem(o.positional[1]);
+    if (!problem.empty()) return fail(problem);
+    if (!may_write_song(o.positional[2])) return fail(std::string(o.positional[2]) + " exists and is not a song: not overwritten");
     zelfon_song song;
     if (zelfon_song_init(0, kDefaultRate, &song)) return fail("out of memory");
     std::string error = build_vorbis_song(o.positional[1], &song);
@@ -290,25 +357,17 @@ int make_module_song(const options& o) {
     return error.empty() ? 0 : fail(error);
 }
 
-// True when nothing is at `path` or a song file is (which a new song may replace).
-bool may_write_song(const char* path) {
-    int fd = v3_open(path, "rb");
-    if (!fd) return true;
-    char magic[4] = {};
-    size_t got = v3_read(magic, 1, sizeof(magic), fd);
-    v3_close(fd);
-    return got == sizeof(magic) && memcmp(magic, "ZFON", 4) == 0;
-}
-
-void print_import_summary(const char* in, const zelfon_song* song, const zelfon_import_report* report) {
-    printf("Imported %s (%s) \"%s\": %d tracks, %d lines; patterns %d, clones %d; Samplers %d, samples %d\n", in,
+// On standard output, unless the song itself goes there.
+void print_import_summary(const char* in, const char* out, const zelfon_song* song, const zelfon_import_report* report) {
+    FILE* to = strcmp(out, V3_SAVE_STDOUT) ? stdout : stderr;
+    fprintf(to, "Imported %s (%s) \"%s\": %d tracks, %d lines; patterns %d, clones %d; Samplers %d, samples %d\n", in,
            zelfon_import_format_name(report->format), song->name ? song->name : "", report->channels, report->lines,
            report->patterns, report->clones, report->instruments, report->samples);
     char losses[4096];
     if (zelfon_import_report_losses(report, losses, sizeof(losses)) == 0) {
-        printf("Everything was carried over.\n");
+        fprintf(to, "Everything was carried over.\n");
     } else {
-        printf("Not carried over:\n%s", losses);
+        fprintf(to, "Not carried over:\n%s", losses);
     }
 }
 
@@ -316,6 +375,8 @@ int import_song(const options& o) {
     if (o.positional.size() != 2) return fail("import needs IN OUT.zelfon");
     const char* in = o.positional[0];
     const char* out = o.positional[1];
+    std::string problem = regular_input_problem(in);
+    if (!problem.empty()) return fail(problem);
     if (!may_write_song(out)) return fail(std::string(out) + " exists and is not a song: not overwritten");
     zelfon_song song;
     if (zelfon_song_init(0, kDefaultRate, &song)) return fail("out of memory");
@@ -326,7 +387,7 @@ int import_song(const options& o) {
     } else if (zelfon_save_song(out, ZELFON_VERSION_MAJOR, ZELFON_VERSION_MINOR, &song)) {
         error = "cannot write " + std::string(out);
     } else {
-        print_import_summary(in, &song, &report);
+        print_import_summary(in, out, &song, &report);
     }
     zelfon_song_close(&song);
     return error.empty() ? 0 : fail(error);
@@ -334,9 +395,28 @@ int import_song(const options& o) {
 
 }  // namespace
 
+int zelfon_parse_number(const char* text, int min, int max, int* value) {
+    if (!text) return 0;
+    const char* digits = text[0] == '-' ? text + 1 : text;
+    if (*digits < '0' || *digits > '9') return 0;  // no blanks, "+" or empty text, which strtoll would take
+    errno = 0;
+    char* end = nullptr;
+    long long n = strtoll(text, &end, 10);
+    if (errno == ERANGE || *end || n < min || n > max) return 0;
+    *value = (int)n;
+    return 1;
+}
+
+int zelfon_command_writes_stdout(int argc, char** argv) {
+    for (int i = 1; i < argc; i++) {
+        if (!strcmp(argv[i], V3_SAVE_STDOUT)) return 1;
+    }
+    return 0;
+}
+
 int zelfon_is_command(const char* word) {
     static const char* const kCommands[] = {"export", "export-midi", "info", "demo", "sample-info", "module",
-                                            "play", "devices", "help", "--help", "-h"};
+                                            "import", "play", "devices", "help", "--help", "-h"};
     for (const char* c : kCommands) {
         if (!strcmp(word, c)) return 1;
     }

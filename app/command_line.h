@@ -8,3 +8,15 @@
 int zelfon_command_line(int argc, char** argv);
 // Non-zero when `word` names a sub-command ("export", "info", "--help", ...).
 int zelfon_is_command(const char* word);
+// Non-zero when an argument is "-": an output goes to standard output, so the log's echo
+// must keep off it (main sends it to standard error before its first message).
+int zelfon_command_writes_stdout(int argc, char** argv);
+
+// Sampling rates the sub-commands take.
+constexpr int ZELFON_CLI_RATE_MIN = 8000;
+constexpr int ZELFON_CLI_RATE_MAX = 384000;
+
+// Reads `text` as a whole decimal number from `min` to `max`: an optional "-" and digits
+// only, nothing before or after them, no overflow. Returns 1 with the value in `value`, or
+// 0 (and `value` untouched).
+int zelfon_parse_number(const char* text, int min, int max, int* value);

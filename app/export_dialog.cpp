@@ -11,6 +11,7 @@
 #include "engine/log.h"
 #include "engine/memory.h"
 #include "gui/gui_items.h"
+#include "song/chunks.h"
 #include "song/export.h"
 #include "song/song_file.h"
 
@@ -34,12 +35,8 @@ void on_progress(void* data, int progress) {
 
 // Non-zero when `path` holds a song or module file, which an export must not replace.
 int is_song_file(const char* path) {
-    int h = v3_open(path, "rb");
-    if (!h) return 0;
-    char magic[4] = {};
-    v3_read(magic, 1, 4, h);
-    v3_close(h);
-    return !memcmp(magic, "ZFON", 4) || !memcmp(magic, "ZSYN", 4);
+    int kind = zelfon_file_kind(path);
+    return kind == ZELFON_FILE_SONG || kind == ZELFON_FILE_MODULE;
 }
 
 // The open song again, at `rate`, in a new record (through a temporary song file).

@@ -507,13 +507,13 @@ void studio_net_fit(studio* st) {
 
 void studio_net_load_module(studio* st, const char* path) {
     // Only a module file is taken: anything else says so and leaves the net as it was.
-    char magic[4] = {};
-    int h = v3_open(path, "rb");
-    size_t got = h ? v3_read(magic, 1, 4, h) : 0;
-    if (h) v3_close(h);
+    int kind = zelfon_file_kind(path);
     char text[STUDIO_PATH_SIZE + 96];
-    if (got != 4 || memcmp(magic, "ZSYN", 4)) {
-        snprintf(text, sizeof text, h ? "!%s is not a module file" : "!Cannot open %s", path);
+    if (kind != ZELFON_FILE_MODULE) {
+        snprintf(text, sizeof text, kind == ZELFON_FILE_CANT_OPEN    ? "!Cannot open %s"
+                                    : kind == ZELFON_FILE_NOT_REGULAR ? "!%s is not a regular file"
+                                                                      : "!%s is not a module file",
+                 path);
         studio_message(st, text, "OK", nullptr, nullptr);
         return;
     }

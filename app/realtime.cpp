@@ -7,8 +7,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <unistd.h>
 
+#include "app/command_line.h"
 #include "engine/log.h"
 #include "engine/midi.h"
 #include "engine/profile.h"
@@ -23,6 +25,7 @@ constexpr int kSongSlot = 0;
 constexpr int kPollMs = 1;            // MIDI keyboard latency added by polling
 constexpr int kShowEveryMs = 100;
 constexpr int kTailMs = 1500;         // echoes and reverb ring on after the last line
+constexpr int kMaxBuffer = 65536;     // frames of a device buffer
 
 volatile std::sig_atomic_t g_interrupted = 0;
 
@@ -65,11 +68,14 @@ int zelfon_play_command(int argc, char** args, zelfon_song_opener open_song) {
         } else if (!strcmp(arg, "--device")) {
             profile_set_str_value("audiodevice", value, nullptr);
         } else if (!strcmp(arg, "--buffer")) {
-            if (atoi(value) <= 0) return fail("unusable buffer ", value);
+            int frames = 0;
+            if (!zelfon_parse_number(value, 1, kMaxBuffer, &frames)) {
+                return fail("unusable buffer ", (value + std::string(" (a whole number from 1 to ") + std::to_string(kMaxBuffer) + ")").c_str());
+            }
             profile_set_str_value("buffer", value, nullptr);
-        } else {
-            rate = atoi(value);
-            if (rate < 8000 || rate > 384000) return fail("unusable rate ", value);
+        } else if (!zelfon_parse_number(value, ZELFON_CLI_RATE_MIN, ZELFON_CLI_RATE_MAX, &rate)) {
+            return fail("unusable rate ", (value + std::string(" (a whole number from ") + std::to_string(ZELFON_CLI_RATE_MIN) +
+                                           " to " + std::to_string(ZELFON_CLI_RATE_MAX) + ")").c_str());
         }
     }
     if (rate < kDefaultRate) tarvik_log("ERROR. Sampling frequency must be >= 44100\n");

@@ -103,6 +103,7 @@ void studio_load_sample(studio* st) {
 }
 
 void studio_load_sample_path(studio* st, const char* path) {
+    if (studio_files_refuse_special(st, path)) return;
     int mod = add_sampler(st, path);
     if (mod < 0) {
         studio_message(st, "!Not enough memory for a new Sampler", "OK", nullptr, nullptr);

@@ -23,7 +23,6 @@
 namespace {
 
 constexpr const char* kSongMask = "zelfon";
-constexpr const char* kSongMagic = "ZFON";
 constexpr const char* kTrackerMask = "xm/mod/s3m/it";
 
 bool dirty(const studio* st) { return st->changes != st->saved_changes; }
@@ -46,14 +45,14 @@ const char* load_error_text(int error) {
     }
 }
 
-// Non-zero when the file does not start with a song's magic.
-int check_magic(const char* path) {
-    int h = v3_open(path, "rb");
-    if (!h) return ZELFON_LOAD_CANT_OPEN;
-    char magic[4] = {};
-    size_t got = v3_read(magic, 1, 4, h);
-    v3_close(h);
-    return got == 4 && !memcmp(magic, kSongMagic, 4) ? 0 : 1;
+// The message-box text that refuses `path` as a song, or null when it is one.
+const char* not_a_song_text(const char* path) {
+    switch (zelfon_file_kind(path)) {
+    case ZELFON_FILE_SONG: return nullptr;
+    case ZELFON_FILE_CANT_OPEN: return "!Cannot open %s";
+    case ZELFON_FILE_NOT_REGULAR: return "!%s is not a regular file";
+    default: return "!%s is not a Zelfon song";
+    }
 }
 
 void add_recent(studio* st, const char* path) {
@@ -241,9 +240,8 @@ void studio_files_replace_song(studio* st, zelfon_song* song, const char* path) 
 
 int studio_files_load(studio* st, const char* path) {
     char text[STUDIO_PATH_SIZE + 128];
-    int error = check_magic(path);
-    if (error) {
-        snprintf(text, sizeof text, error == ZELFON_LOAD_CANT_OPEN ? "!Cannot open %s" : "!%s is not a Zelfon song", path);
+    if (const char* refusal = not_a_song_text(path)) {
+        snprintf(text, sizeof text, refusal, path);
         studio_message(st, text, "OK", nullptr, nullptr);
         return 1;
     }
@@ -253,7 +251,7 @@ int studio_files_load(studio* st, const char* path) {
         studio_message(st, "!Not enough memory to load the song", "OK", nullptr, nullptr);
         return 1;
     }
-    error = zelfon_load_song(path, song);
+    int error = zelfon_load_song(path, song);
     if (error) {
         // The open song stays as it was: the failed one is thrown away whole.
         zelfon_song_close(song);
@@ -305,7 +303,18 @@ void studio_files_drop(studio* st, const char* path) {
     else studio_load_sample_path(st, path);
 }
 
+int studio_files_refuse_special(studio* st, const char* path) {
+    int type = v3_get_file_type(path);
+    if (type == V3_FILE_NONE || type == V3_FILE_REGULAR) return 0;
+    char text[STUDIO_PATH_SIZE + 64];
+    snprintf(text, sizeof text, "!%s is not a regular file", path);
+    studio_message(st, text, "OK", nullptr, nullptr);
+    return 1;
+}
+
 void studio_files_import_path(studio* st, const char* path) {
+    if (studio_files_refuse_special(st, path)) return;
+    char text[GUI_MESSAGE_TEXT_SIZE];
     zelfon_song* song = (zelfon_song*)mem_new(MEM_DYNAMIC, sizeof(zelfon_song), "studio_song");
     if (!song || zelfon_song_init(0, st->rate, song)) {
         mem_free(song);
@@ -314,7 +323,6 @@ void studio_files_import_path(studio* st, const char* path) {
     }
     zelfon_import_report report;
     int error = zelfon_import_song(path, song, &report);
-    char text[GUI_MESSAGE_TEXT_SIZE];
     if (error) {
         zelfon_song_close(song);
         mem_free(song);

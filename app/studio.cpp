@@ -45,6 +45,7 @@ constexpr int kScriptGraceFrames = 600;     // frames allowed after a script end
 // ---- Window places (ImGui's own settings text), kept in the application-data folder ----
 
 void load_window_places() {
+    if (v3_get_file_type(kWindowPlacesFile) != V3_FILE_REGULAR) return;
     int64_t size = v3_get_file_size(kWindowPlacesFile);
     if (size <= 0 || size > (1 << 20)) return;
     int h = v3_open(kWindowPlacesFile, "rb");
@@ -57,10 +58,9 @@ void load_window_places() {
 void save_window_places() {
     size_t size = 0;
     const char* text = ImGui::SaveIniSettingsToMemory(&size);
-    int h = v3_open(kWindowPlacesFile, "wb");
-    if (!h) return;
-    v3_write(text, 1, size, h);
-    v3_close(h);
+    v3_save save;
+    int h = v3_save_begin(kWindowPlacesFile, &save);
+    v3_save_end(&save, h && v3_write(text, 1, size, h) == size);
 }
 
 // ---- Script commands of the studio (beyond the toolkit's input commands) ----

@@ -99,6 +99,9 @@ void studio_files_check_crash(studio* st);
 void studio_files_clean_exit(studio* st);
 // The file dialog's answer for the file kinds handled here. Returns 1 when taken.
 int studio_files_dialog_result(studio* st, int purpose, const char* path);
+// Says so and returns 1 when something other than a regular file is at `path` (a folder, a
+// device, a FIFO: reading it might never end); 0 otherwise, a missing file included.
+int studio_files_refuse_special(studio* st, const char* path);
 // Loads the song at `path` in place of the open one (no questions). Returns 0, or non-zero
 // with a message box shown; the open song then stays as it was.
 int studio_files_load(studio* st, const char* path);

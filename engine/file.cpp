@@ -3,6 +3,7 @@
 // for it sits in the platform section at the top, so that only that section changes per system.
 #include "engine/file.h"
 
+#include <atomic>
 #include <cctype>
 #include <cstdlib>
 #include <cstring>
@@ -14,6 +15,9 @@
 #include <windows.h>
 // after windows.h; links with shell32
 #include <shlobj.h>
+#include <fcntl.h>
+#include <io.h>
+#include <sys/stat.h>
 #else
 #include <dirent.h>
 #include <fcntl.h>
@@ -114,6 +118,45 @@ int platform_rename(const char* from, const char* to) {
 
 int platform_seek(FILE* f, int64_t offset, int whence) { return _fseeki64(f, offset, whence); }
 int64_t platform_tell(FILE* f) { return _ftelli64(f); }
+
+int platform_file_type(const char* name) {
+    wchar_t* w = to_wide(name, true);
+    DWORD a = w ? GetFileAttributesW(w) : INVALID_FILE_ATTRIBUTES;
+    mem_free(w);
+    if (a == INVALID_FILE_ATTRIBUTES) return V3_FILE_NONE;
+    if (a & FILE_ATTRIBUTE_DIRECTORY) return V3_FILE_DIRECTORY;
+    return a & FILE_ATTRIBUTE_DEVICE ? V3_FILE_SPECIAL : V3_FILE_REGULAR;
+}
+
+FILE* platform_create_exclusive(const char* name) {
+    wchar_t* w = to_wide(name, true);
+    int fd = w ? _wopen(w, _O_WRONLY | _O_CREAT | _O_EXCL | _O_BINARY, _S_IREAD | _S_IWRITE) : -1;
+    mem_free(w);
+    if (fd < 0) return nullptr;
+    FILE* f = _fdopen(fd, "wb");
+    if (!f) _close(fd);
+    return f;
+}
+
+void platform_copy_mode(FILE* f, const char* target) {}
+
+FILE* platform_open_in_place(const char* name) { return platform_open(name, "wb"); }
+
+FILE* platform_open_stdout() {
+    int fd = _dup(_fileno(stdout));
+    if (fd < 0) return nullptr;
+    _setmode(fd, _O_BINARY);
+    FILE* f = _fdopen(fd, "wb");
+    if (!f) _close(fd);
+    return f;
+}
+
+int platform_sync(FILE* f) { return std::fflush(f) == 0 && _commit(_fileno(f)) == 0 ? 0 : -1; }
+
+// Folders are not synced on Windows: MoveFileEx has made the rename by the time it returns.
+void platform_sync_folder(const char* file_name) {}
+
+uint64_t platform_process_id() { return GetCurrentProcessId(); }
 
 struct find_search {
     HANDLE handle;
@@ -227,6 +270,74 @@ int64_t platform_file_time(const char* name) {
 int platform_rename(const char* from, const char* to) { return rename(from, to) == 0 ? 0 : -1; }
 int platform_seek(FILE* f, int64_t offset, int whence) { return fseeko(f, static_cast<off_t>(offset), whence); }
 int64_t platform_tell(FILE* f) { return static_cast<int64_t>(ftello(f)); }
+
+int platform_file_type(const char* name) {
+    struct stat st;
+    if (stat(name, &st) != 0) return V3_FILE_NONE;
+    if (S_ISREG(st.st_mode)) return V3_FILE_REGULAR;
+    return S_ISDIR(st.st_mode) ? V3_FILE_DIRECTORY : V3_FILE_SPECIAL;
+}
+
+// A file that did not exist, made for writing; a link at `name` is never followed (O_EXCL).
+FILE* platform_create_exclusive(const char* name) {
+    int fd = open(name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+    if (fd < 0) return nullptr;
+    FILE* f = fdopen(fd, "wb");
+    if (!f) close(fd);
+    return f;
+}
+
+// The new file keeps the permissions and (when we may) the owner of the one it replaces.
+void platform_copy_mode(FILE* f, const char* target) {
+    struct stat st;
+    if (stat(target, &st) != 0 || !S_ISREG(st.st_mode)) return;
+    fchmod(fileno(f), st.st_mode & 07777);
+    if (fchown(fileno(f), st.st_uid, st.st_gid) != 0) {
+        // Only the owner's group or root may give a file away: the saver's own is kept.
+    }
+}
+
+// A device or FIFO written where it is. A FIFO that nobody reads fails at once instead of waiting.
+FILE* platform_open_in_place(const char* name) {
+    int fd = open(name, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) return nullptr;
+    int flags = fcntl(fd, F_GETFL);
+    FILE* f = flags >= 0 && fcntl(fd, F_SETFL, flags & ~O_NONBLOCK) == 0 ? fdopen(fd, "wb") : nullptr;
+    if (!f) close(fd);
+    return f;
+}
+
+// A stream of its own on standard output: closing it leaves the program's stdout open.
+FILE* platform_open_stdout() {
+    std::fflush(stdout);
+    int fd = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
+    if (fd < 0) return nullptr;
+    FILE* f = fdopen(fd, "wb");
+    if (!f) close(fd);
+    return f;
+}
+
+int platform_sync(FILE* f) { return std::fflush(f) == 0 && fsync(fileno(f)) == 0 ? 0 : -1; }
+
+// Makes a rename in the folder of `file_name` durable.
+void platform_sync_folder(const char* file_name) {
+    const char* slash = std::strrchr(file_name, '/');
+    char folder[kDirSize];
+    if (!slash) std::memcpy(folder, ".", 2);
+    else if (slash == file_name) std::memcpy(folder, "/", 2);
+    else if (static_cast<size_t>(slash - file_name) < sizeof folder) {
+        std::memcpy(folder, file_name, static_cast<size_t>(slash - file_name));
+        folder[slash - file_name] = 0;
+    } else {
+        return;
+    }
+    int fd = open(folder, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return;
+    fsync(fd);  // some file systems cannot sync a folder; the rename stands all the same
+    close(fd);
+}
+
+uint64_t platform_process_id() { return static_cast<uint64_t>(getpid()); }
 
 struct find_search {
     DIR* dir;
@@ -503,6 +614,108 @@ bool matches_mask(const char* name, const char* mask) {
     return false;
 }
 
+// ---- Saves through a temporary file beside the target ----
+
+constexpr size_t kTempNameKeep = 200;  // bytes of the target's name kept in its temporary name
+constexpr int kTempRandomChars = 6;
+constexpr int kTempAttempts = 64;      // fresh random names tried before giving up
+constexpr char kTempAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+
+std::atomic<uint64_t> g_temp_counter{0};
+
+// Offset of the file name in a real name (just after its last "/").
+size_t name_start(const char* name) {
+    const char* slash = std::strrchr(name, '/');
+    return slash ? static_cast<size_t>(slash - name) + 1 : 0;
+}
+
+// "FOLDER/.NAME.zelfon-tmp-" in a new block with room for the random part after it; the
+// length of that prefix in `length`. Null when memory runs out.
+char* temp_prefix(const char* target, size_t* length) {
+    size_t folder = name_start(target);
+    size_t name = std::strlen(target + folder);
+    if (name > kTempNameKeep) name = kTempNameKeep;  // the whole name must stay within the system's limit
+    size_t mark = std::strlen(V3_SAVE_TEMP_MARK);
+    *length = folder + 1 + name + mark;
+    char* prefix = static_cast<char*>(mem_new(MEM_DYNAMIC, *length + kTempRandomChars + 1, "v3_save_begin"));
+    if (!prefix) return nullptr;
+    std::memcpy(prefix, target, folder);
+    prefix[folder] = '.';
+    std::memcpy(prefix + folder + 1, target + folder, name);
+    std::memcpy(prefix + folder + 1 + name, V3_SAVE_TEMP_MARK, mark + 1);
+    return prefix;
+}
+
+uint64_t mix_bits(uint64_t x) {
+    x += 0x9E3779B97F4A7C15ull;
+    x = (x ^ (x >> 30)) * 0xBF58476D1CE4E5B9ull;
+    x = (x ^ (x >> 27)) * 0x94D049BB133111EBull;
+    return x ^ (x >> 31);
+}
+
+// Writes the random part of a temporary name at `at`. Names need not be unpredictable:
+// the file is created only where nothing is, so a taken name is simply tried again.
+void random_suffix(char* at) {
+    uint64_t x = mix_bits(g_temp_counter.fetch_add(1) ^ (platform_process_id() << 32) ^ tarvik_time_ticks());
+    constexpr uint64_t kLetters = sizeof kTempAlphabet - 1;
+    for (int i = 0; i < kTempRandomChars; i++) {
+        at[i] = kTempAlphabet[x % kLetters];
+        x /= kLetters;
+    }
+    at[kTempRandomChars] = 0;
+}
+
+// Deletes the temporary files that earlier saves of the same target left when they were
+// cut short (killed, or the machine went down): entries named exactly prefix + 6 characters.
+void remove_stale_temps(const char* prefix, size_t length) {
+    size_t folder = name_start(prefix);
+    size_t wanted = length - folder + kTempRandomChars;
+    char* stale = static_cast<char*>(mem_new(MEM_DYNAMIC, length + kTempRandomChars + 3, "v3_save_begin"));
+    if (!stale) return;
+    if (folder) {
+        std::memcpy(stale, prefix, folder);
+        stale[folder] = 0;
+    } else {
+        std::memcpy(stale, "./", 3);
+    }
+    find_search s;
+    std::memset(&s, 0, sizeof s);
+    if (find_begin(&s, stale)) {
+        char name[V3_FIND_NAME_SIZE];
+        int is_dir = 0;
+        while (find_entry(&s, name, sizeof name, &is_dir)) {
+            if (is_dir || std::strlen(name) != wanted || std::memcmp(name, prefix + folder, length - folder) != 0) continue;
+            std::memcpy(stale + folder, name, wanted + 1);
+            platform_remove(stale);
+        }
+    }
+    find_end(&s);
+    mem_free(stale);
+}
+
+// Puts an open stream in a slot as a disk file. Returns the handle, or 0 (the stream is closed).
+int adopt_stream(FILE* f) {
+    v3_file* record = new_record(V3_TYPE_DISK, "v3_save_begin");
+    int h = record ? claim_slot(record) : 0;
+    if (!h) {
+        mem_free(record);
+        std::fclose(f);
+        return 0;
+    }
+    record->f = f;
+    return h;
+}
+
+// Standard output (target null) or an existing device or FIFO, written where it is.
+int begin_in_place(char* target, v3_save* save) {
+    save->in_place = 1;
+    save->target = target;
+    FILE* f = target ? platform_open_in_place(target) : platform_open_stdout();
+    save->h = f ? adopt_stream(f) : 0;
+    if (!save->h) save->error = V3_SAVE_CANT_CREATE;
+    return save->h;
+}
+
 int next_matching(v3_find_item* item) {
     find_search* s = static_cast<find_search*>(item->search);
     if (!s) return 0;
@@ -655,6 +868,9 @@ int v3_flush(int h) {
 }
 
 int64_t v3_get_file_size(const char* path) {
+    // A FIFO or device has no size, and opening one may wait for ever (a FIFO with no writer).
+    int type = path && !(has_prefix(path) && path[0] == '0') ? v3_get_file_type(path) : V3_FILE_REGULAR;
+    if (type != V3_FILE_REGULAR) return 0;
     int h = open_any(path, "rb");
     if (!h) return 0;
     int64_t size = 0;
@@ -695,6 +911,82 @@ int v3_rename(const char* old_path, const char* new_path) {
     mem_free(from);
     mem_free(to);
     return result;
+}
+
+int v3_get_file_type(const char* path) {
+    if (!path) return V3_FILE_NONE;
+    if (has_prefix(path) && path[0] == '0') {
+        int h = open_from_archive(path);
+        v3_close(h);
+        return h ? V3_FILE_REGULAR : V3_FILE_NONE;
+    }
+    char* name = real_name(path);
+    int type = name ? platform_file_type(name) : V3_FILE_NONE;
+    mem_free(name);
+    return type;
+}
+
+int v3_save_begin(const char* path, v3_save* save) {
+    if (!save) return 0;
+    *save = v3_save{0, 0, V3_SAVE_OK, nullptr, nullptr};
+    if (path && std::strcmp(path, V3_SAVE_STDOUT) == 0) return begin_in_place(nullptr, save);
+    char* target = path && !(has_prefix(path) && path[0] == '0') ? real_name(path) : nullptr;
+    if (!target || !target[0]) {
+        mem_free(target);
+        save->error = V3_SAVE_BAD_PATH;
+        return 0;
+    }
+    int type = platform_file_type(target);
+    if (type == V3_FILE_SPECIAL) return begin_in_place(target, save);
+    save->target = target;
+    if (type == V3_FILE_DIRECTORY) {
+        save->error = V3_SAVE_NOT_A_FILE;
+        return 0;
+    }
+    size_t length = 0;
+    save->temp = temp_prefix(target, &length);
+    if (!save->temp) {
+        save->error = V3_SAVE_CANT_CREATE;
+        return 0;
+    }
+    remove_stale_temps(save->temp, length);
+    FILE* f = nullptr;
+    for (int i = 0; i < kTempAttempts && !f; i++) {
+        random_suffix(save->temp + length);
+        f = platform_create_exclusive(save->temp);
+    }
+    if (f && type == V3_FILE_REGULAR) platform_copy_mode(f, target);
+    save->h = f ? adopt_stream(f) : 0;
+    if (f && !save->h) platform_remove(save->temp);
+    if (!save->h) {
+        mem_free(save->temp);
+        save->temp = nullptr;
+        save->error = V3_SAVE_CANT_CREATE;
+    }
+    return save->h;
+}
+
+int v3_save_end(v3_save* save, int commit) {
+    if (!save) return -1;
+    int ok = save->h != 0 && commit;
+    if (save->h) {
+        v3_file* f = file_of(save->h);
+        // The data reaches the disk before the name points at it: a crash leaves the old file or the new one.
+        if (ok && f && f->f) ok = (save->in_place ? std::fflush(f->f) : platform_sync(f->f)) == 0;
+        if (v3_close(save->h) != 0) ok = 0;
+        if (save->temp) {
+            if (ok && platform_rename(save->temp, save->target) == 0) {
+                platform_sync_folder(save->target);
+            } else {
+                ok = 0;
+                platform_remove(save->temp);
+            }
+        }
+    }
+    mem_free(save->target);
+    mem_free(save->temp);
+    *save = v3_save{0, 0, save->error, nullptr, nullptr};
+    return ok ? 0 : -1;
 }
 
 void* v3_get_memory_data(int h) {

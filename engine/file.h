@@ -98,7 +98,8 @@ void v3_rewind(int h);
 // long-standing quirk kept on purpose): do not rely on it. Returns the flush result, else 0.
 int v3_flush(int h);
 
-// Size of the file at `path` (opened, measured and closed); 0 when it cannot be opened.
+// Size of the file at `path` (opened, measured and closed); 0 when it cannot be opened or
+// is not a regular file (a FIFO or device is never opened).
 int64_t v3_get_file_size(const char* path);
 // Last change of the file at `path` in seconds since 1970; -1 when it does not exist.
 int64_t v3_get_file_time(const char* path);
@@ -107,6 +108,53 @@ int v3_remove(const char* path);
 // Moves the file `old_path` to `new_path`, replacing an existing file there.
 // Returns 0 on success, non-zero on failure.
 int v3_rename(const char* old_path, const char* new_path);
+
+// What is at a path, links followed. A member of the registered archive is a regular file.
+enum : int {
+    V3_FILE_NONE = 0,       // nothing, or the path cannot be mapped
+    V3_FILE_REGULAR = 1,
+    V3_FILE_DIRECTORY = 2,
+    V3_FILE_SPECIAL = 3,    // a device, a FIFO or a socket: reading it may never end
+};
+int v3_get_file_type(const char* path);
+
+// Saving a file so that it is never lost. The data goes to a new temporary file in the
+// target's folder, ".NAME.zelfon-tmp-XXXXXX", created where nothing was (a link planted
+// there is never followed); v3_save_end writes it to the disk, moves it over the target
+// and syncs the folder, so that the target is the old file or the new one whenever the
+// program or the machine stops. Temporary files that earlier saves of the same target
+// left behind are deleted when the next save begins. A link at the target is replaced.
+// A target that exists and is not a regular file (a device, a FIFO) is written where it
+// is, and the path "-" writes to standard output; a FIFO that nobody reads is refused
+// instead of waited for. A folder at the target is refused.
+constexpr const char* V3_SAVE_STDOUT = "-";
+constexpr const char* V3_SAVE_TEMP_MARK = ".zelfon-tmp-";
+
+// Why v3_save_begin failed.
+enum : int {
+    V3_SAVE_OK = 0,
+    V3_SAVE_BAD_PATH = 1,     // no path, an empty one, or one that maps nowhere (disk 0, 4..9)
+    V3_SAVE_NOT_A_FILE = 2,   // a folder is at the path
+    V3_SAVE_CANT_CREATE = 3,  // the temporary file, the device or the FIFO cannot be opened
+};
+
+// One save in progress; the caller owns the record.
+struct v3_save {
+    int h;          // the handle to write through; 0 when the save could not begin
+    int in_place;   // the target itself is written (standard output, a device, a FIFO)
+    int error;      // V3_SAVE_*, set by v3_save_begin
+    char* target;   // real name of the target (owned), null for standard output
+    char* temp;     // real name of the temporary file (owned), null when written in place
+};
+
+// Begins a save of `path` (virtual or plain, or "-"). Returns the handle to write to with
+// v3_write (also in save->h), or 0 with the reason in save->error; nothing on the disk has
+// changed then. Call v3_save_end in both cases. Any thread, one save per record.
+int v3_save_begin(const char* path, v3_save* save);
+// Ends the save. With `commit` non-zero the data is synced and moved over the target;
+// with 0 (the caller's writes failed) the temporary file is deleted and the target left as
+// it was. Returns 0 when the target now holds the new data, -1 otherwise.
+int v3_save_end(v3_save* save, int commit);
 
 // The buffer of a memory file (it moves when a type-2 file grows), null for other handles.
 void* v3_get_memory_data(int h);

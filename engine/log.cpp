@@ -1,7 +1,7 @@
 // The log printer: formats each message into one static buffer under its mutex,
 // appends it to the log file through the file layer (opened with "ab", written and
-// closed per message) and prints it to stdout. Its state is static, not a heap block,
-// so that it outlives the memory manager's report.
+// closed per message), moves a full log file aside and prints the message to stdout.
+// Its state is static, not a heap block, so that it outlives the memory manager's report.
 #include "engine/log.h"
 
 #include <atomic>
@@ -18,6 +18,7 @@ constexpr size_t kNameSize = 1024;
 struct log_state {
     tarvik_mutex mutex;
     char file_name[kNameSize];  // virtual name, e.g. "3:/zelfon_log.txt"
+    char old_name[kNameSize + 2];  // the file's name with ".1": the one old file kept
     char message[TARVIK_LOG_MESSAGE_SIZE];
     tarvik_log_listener listener;
     void* listener_data;
@@ -26,6 +27,7 @@ struct log_state {
 log_state g_log;
 std::atomic<int> g_log_ready{0};
 std::atomic<int> g_log_disabled{0};
+std::atomic<int> g_log_to_stderr{0};
 
 // Set while this thread holds the printer: the file layer allocates, and an allocation
 // failure logs, which would otherwise take the printer's mutex a second time.
@@ -36,6 +38,7 @@ thread_local int t_inside_printer = 0;
 void tarvik_log_init(const char* virtual_file_name) {
     if (!g_log_ready.load()) tarvik_mutex_create(&g_log.mutex);
     std::snprintf(g_log.file_name, sizeof g_log.file_name, "%s", virtual_file_name ? virtual_file_name : "");
+    std::snprintf(g_log.old_name, sizeof g_log.old_name, "%s.1", g_log.file_name);
     g_log_disabled.store(0);
     g_log_ready.store(1);
 }
@@ -48,12 +51,15 @@ void tarvik_log_close() {
 
 void tarvik_log_disable(int disabled) { g_log_disabled.store(disabled ? 1 : 0); }
 
+void tarvik_log_echo_to_stderr(int on) { g_log_to_stderr.store(on ? 1 : 0); }
+
 void tarvik_log_v(const char* format, va_list args) {
     if (!g_log_ready.load() || g_log_disabled.load()) return;
+    FILE* echo = g_log_to_stderr.load() ? stderr : stdout;
     if (t_inside_printer) {
-        // A message raised while this thread writes the log file: stdout only.
-        std::vprintf(format, args);
-        std::fflush(stdout);
+        // A message raised while this thread writes the log file: the echo only.
+        std::vfprintf(echo, format, args);
+        std::fflush(echo);
         return;
     }
     tarvik_mutex_lock(&g_log.mutex);
@@ -67,10 +73,13 @@ void tarvik_log_v(const char* format, va_list args) {
     int h = v3_open(g_log.file_name, "ab");
     if (h) {
         v3_write(g_log.message, 1, length, h);
+        int64_t size = v3_tell(h);
         v3_close(h);
+        // The log keeps a bounded size: the full file becomes the old one, replacing it.
+        if (size >= TARVIK_LOG_ROTATE_SIZE) v3_rename(g_log.file_name, g_log.old_name);
     }
-    std::printf("%s", g_log.message);
-    std::fflush(stdout);
+    std::fputs(g_log.message, echo);
+    std::fflush(echo);
     if (g_log.listener) g_log.listener(g_log.message, g_log.listener_data);
     t_inside_printer = 0;
     tarvik_mutex_unlock(&g_log.mutex);

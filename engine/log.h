@@ -13,8 +13,13 @@
 #pragma once
 
 #include <cstdarg>
+#include <cstdint>
 
 constexpr const char* TARVIK_LOG_FILE = "3:/zelfon_log.txt";
+// A log file that reaches this size after a message is renamed to its name with ".1"
+// (replacing the previous old one) and the next message starts a new file, so the log
+// never holds much more than twice this.
+constexpr int64_t TARVIK_LOG_ROTATE_SIZE = 1 << 20;
 // Size of the message buffer: longer messages are cut to TARVIK_LOG_MESSAGE_SIZE - 1 bytes.
 constexpr int TARVIK_LOG_MESSAGE_SIZE = 4096;
 
@@ -25,6 +30,9 @@ void tarvik_log_init(const char* virtual_file_name);
 void tarvik_log_close();
 // Turns logging off (non-zero) or back on (0).
 void tarvik_log_disable(int disabled);
+// Echoes the messages to standard error (non-zero) instead of standard output (0), for
+// runs whose standard output carries data. Main thread, before other threads log.
+void tarvik_log_echo_to_stderr(int on);
 // printf-style message; any thread; takes the printer's mutex. Does nothing while disabled,
 // before tarvik_log_init or after tarvik_log_close.
 #if defined(__GNUC__)

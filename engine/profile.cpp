@@ -170,6 +170,10 @@ bool collect_entry(const entry& e, const char*, void* context) {
 // Reads the whole file plus a terminator into a new block. 0 read, -1 cannot be opened,
 // 1 unreadable or too large (logged).
 int read_text(const char* name, char** text) {
+    if (v3_get_file_type(name) == V3_FILE_SPECIAL) {  // a FIFO with no writer would never end
+        tarvik_log("profile_load(): %s is not a regular file\n", name);
+        return 1;
+    }
     int h = v3_open(name, "rb");
     if (!h) return -1;
     int64_t size = v3_seek(h, 0, V3_SEEK_END) == 0 ? v3_tell(h) : -1;
@@ -336,33 +340,21 @@ void write_profile(profile_data* p, writer* w) {
     mem_free(written);
 }
 
-// 0 saved; 1 the temporary file cannot be created (try another name); 2 failed after that (logged).
+// 0 saved; 1 the file cannot be begun (try another name); 2 failed after that (logged).
 int save_to(profile_data* p, const char* name) {
-    size_t length = std::strlen(name);
-    char* temp = static_cast<char*>(mem_new(MEM_DYNAMIC, length + 5, "profile_save"));
-    if (!temp) return 2;
-    std::memcpy(temp, name, length);
-    std::memcpy(temp + length, ".tmp", 5);
-    int h = v3_open(temp, "wb");
+    v3_save save;
+    int h = v3_save_begin(name, &save);
     if (!h) {
-        mem_free(temp);
+        v3_save_end(&save, 0);
         return 1;
     }
     writer w = {h, 0, 0};
     write_profile(p, &w);
-    int closed = v3_close(h);
-    int result = 0;
-    if (w.failed || closed != 0) {
-        tarvik_log("profile_save(): writing %s failed; %s is left as it was\n", temp, name);
-        v3_remove(temp);
-        result = 2;
-    } else if (v3_rename(temp, name) != 0) {
-        tarvik_log("profile_save(): %s cannot replace %s\n", temp, name);
-        v3_remove(temp);
-        result = 2;
+    if (v3_save_end(&save, !w.failed) != 0) {
+        tarvik_log("profile_save(): writing %s failed; the file is left as it was\n", name);
+        return 2;
     }
-    mem_free(temp);
-    return result;
+    return 0;
 }
 
 }  // namespace

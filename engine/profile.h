@@ -61,9 +61,10 @@ int profile_remove_key(const char* key, profile_data* p);
 // Writes the profile back to its file: the loaded text with the lines of changed keys
 // rewritten ("key value", the value quoted when it holds "/", a blank or a control
 // character, or is empty), deleted keys' lines dropped and run-time keys appended at the end,
-// one per line. Unchanged lines keep their bytes. The text goes to "<name>.tmp" in the same
-// folder, which then replaces the file, so a failure leaves the old file whole. When the
-// temporary file cannot be created, the default files before the loaded one are tried,
+// one per line. Unchanged lines keep their bytes. The text is a safe save of the file layer
+// (v3_save_begin): a new file in the same folder replaces the old one only when fully
+// written, so a failure leaves the old file whole. When the save cannot begin (the folder
+// cannot be written), the default files before the loaded one are tried,
 // towards the first (with no file loaded: all four, from the last). Returns 0, or non-zero
 // (logged) on failure.
 int profile_save(profile_data* p);

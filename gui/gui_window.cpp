@@ -80,16 +80,11 @@ int save_png(gui_window* w, const char* path) {
     if (!pixels) return 1;
     int result = SDL_RenderReadPixels(w->renderer, nullptr, SDL_PIXELFORMAT_ABGR8888, pixels, ww * 4);
     if (result == 0) {
-        // Written beside the target and moved into place, as every file we write.
-        char tmp[1100];
-        snprintf(tmp, sizeof tmp, "%s.tmp", path);
-        int h = v3_open(tmp, "wb");
+        // A safe save, as every file we write.
+        v3_save save;
+        int h = v3_save_begin(path, &save);
         result = !h || !stbi_write_png_to_func(write_to_file, &h, ww, wh, 4, pixels, ww * 4);
-        if (h && v3_close(h)) result = 1;
-        if (result || v3_rename(tmp, path)) {
-            v3_remove(tmp);
-            result = 1;
-        }
+        if (v3_save_end(&save, !result)) result = 1;
     }
     mem_free(pixels);
     if (result) tarvik_log("gui_window_screenshot(): cannot write %s\n", path);

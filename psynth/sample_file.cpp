@@ -735,11 +735,8 @@ int psynth_sample_save_wav(const char* path, int mod_num, int slot, psynth_net* 
     memcpy(w + 36, "data", 4);
     put32(w + 40, (uint32_t)size);
 
-    size_t name_size = strlen(path) + 5;
-    char* tmp = (char*)mem_new(MEM_DYNAMIC, name_size, "sample_save_wav");
-    if (!tmp) return 1;
-    snprintf(tmp, name_size, "%s.tmp", path);
-    int f = v3_open(tmp, "wb");
+    v3_save save;
+    int f = v3_save_begin(path, &save);
     bool ok = f && v3_write(w, 1, sizeof(w), f) == sizeof(w);
     if (ok && format == PSYNTH_SAMPLER_FORMAT_INT8) {
         uint8_t block[4096];  // written unsigned: 128 added to every value
@@ -751,12 +748,7 @@ int psynth_sample_save_wav(const char* path, int mod_num, int slot, psynth_net* 
     } else if (ok) {
         ok = v3_write(data, 1, (size_t)size, f) == (size_t)size;
     }
-    if (f && v3_close(f)) ok = false;
-    ok = ok && v3_rename(tmp, path) == 0;
-    if (!ok) {
-        if (f) v3_remove(tmp);
-        tarvik_log(PSYNTH_SAMPLE_MSG_CANT_SAVE, path);
-    }
-    mem_free(tmp);
+    ok = v3_save_end(&save, ok) == 0;
+    if (!ok) tarvik_log(PSYNTH_SAMPLE_MSG_CANT_SAVE, path);
     return ok ? 0 : 1;
 }

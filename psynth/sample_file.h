@@ -122,6 +122,6 @@ bool psynth_sample_not_recognized();
 const char* psynth_sample_load_error();
 
 // Writes sample `slot` as a WAV file (format tag 3 for float data, else 1; 8-bit data
-// unsigned) to "<path>.tmp" and renames it to `path`. Returns 0, or non-zero when the
+// unsigned) as a safe save of the file layer (v3_save_begin). Returns 0, or non-zero when the
 // sample is missing or the file cannot be written (the old file then stays). GUI thread.
 int psynth_sample_save_wav(const char* path, int mod_num, int slot, psynth_net* net);

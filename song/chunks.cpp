@@ -1,6 +1,6 @@
 // The chunk container shared by song files, module files and the modules' data chunks:
 // writing chunks, reading them back one block at a time with sizes checked against what
-// the file still holds, and saving through a temporary file.
+// the file still holds, and saving through the file layer's safe saves.
 #include "song/chunks.h"
 
 #include <cstring>
@@ -10,7 +10,6 @@
 
 // When the file layer cannot tell a file's length, no single chunk may claim more than this.
 constexpr int64_t kUnknownFileRemaining = 256 << 20;
-constexpr const char* kTempSuffix = ".tmp";
 
 static void put_le32(uint8_t out[4], uint32_t v) {
     out[0] = (uint8_t)v;
@@ -153,23 +152,23 @@ void zelfon_chunk_swap_bytes(void* data, size_t size, int flags) {
 
 // ---- Saving through a temporary file ----
 
-int zelfon_save_file_safely(const char* path, int (*write_body)(int fd, void* context), void* context) {
-    if (!path) return 1;
-    size_t len = strlen(path);
-    size_t suffix = strlen(kTempSuffix);
-    char* temp = (char*)mem_new(MEM_DYNAMIC, len + suffix + 1, "zelfon_save_file");
-    if (!temp) return 1;
-    memcpy(temp, path, len);
-    memcpy(temp + len, kTempSuffix, suffix + 1);
+int zelfon_file_kind(const char* path) {
+    int type = v3_get_file_type(path);
+    if (type == V3_FILE_NONE) return ZELFON_FILE_CANT_OPEN;
+    if (type != V3_FILE_REGULAR) return ZELFON_FILE_NOT_REGULAR;
+    int fd = v3_open(path, "rb");
+    if (!fd) return ZELFON_FILE_CANT_OPEN;
+    char magic[4] = {};
+    size_t got = v3_read(magic, 1, sizeof magic, fd);
+    v3_close(fd);
+    if (got == sizeof magic && memcmp(magic, ZELFON_SONG_MAGIC, 4) == 0) return ZELFON_FILE_SONG;
+    if (got == sizeof magic && memcmp(magic, ZELFON_SYNTH_MAGIC, 4) == 0) return ZELFON_FILE_MODULE;
+    return ZELFON_FILE_OTHER;
+}
 
-    int result = 1;
-    int fd = v3_open(temp, "wb");
-    if (fd) {
-        int body = write_body(fd, context);
-        int closed = v3_close(fd);
-        if (body == 0 && closed == 0 && v3_rename(temp, path) == 0) result = 0;
-        if (result) v3_remove(temp);
-    }
-    mem_free(temp);
-    return result;
+int zelfon_save_file_safely(const char* path, int (*write_body)(int fd, void* context), void* context) {
+    v3_save save;
+    int fd = v3_save_begin(path, &save);
+    int body = fd ? write_body(fd, context) : 1;
+    return v3_save_end(&save, body == 0) == 0 ? 0 : 1;
 }

@@ -72,7 +72,23 @@ void zelfon_chunk_swap_bytes(void* data, size_t size, int flags);
 // Whether data chunks need zelfon_chunk_swap_bytes between memory and file on this machine.
 constexpr bool zelfon_chunk_needs_swap() { return std::endian::native != std::endian::little; }
 
-// Writes a file through `write_body` into a temporary file beside `path` ("<path>.tmp") and
-// moves it over `path` only when everything was written and closed, so that a failed save
+// The magics that open song and module files (a chunk of size 0).
+constexpr const char* ZELFON_SONG_MAGIC = "ZFON";
+constexpr const char* ZELFON_SYNTH_MAGIC = "ZSYN";
+
+// What a file is by its first four bytes. The loaders read whatever they are given (a file
+// of another kind loads as an empty song); the command line and the studio ask this first.
+enum : int {
+    ZELFON_FILE_CANT_OPEN = 0,    // nothing at the path, or it cannot be read
+    ZELFON_FILE_NOT_REGULAR = 1,  // a folder, a device or a FIFO: refused without opening it
+    ZELFON_FILE_OTHER = 2,        // a regular file of another kind (or shorter than a magic)
+    ZELFON_FILE_SONG = 3,         // starts with "ZFON"
+    ZELFON_FILE_MODULE = 4,       // starts with "ZSYN"
+};
+// The kind of the file at `path` (virtual or plain). Any thread.
+int zelfon_file_kind(const char* path);
+
+// Writes a file through `write_body` as a safe save of the file layer (v3_save_begin): the
+// target is replaced only when everything was written and synced, so that a failed save
 // leaves the old file as it was. `write_body` returns 0 on success. Returns 0, or 1.
 int zelfon_save_file_safely(const char* path, int (*write_body)(int fd, void* context), void* context);

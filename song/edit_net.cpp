@@ -301,6 +301,7 @@ int zelfon_edit_paste_synth(const void* image, size_t size, int x, int y, zelfon
 }
 
 int zelfon_edit_paste_synth_file(const char* path, int x, int y, zelfon_song* song) {
+    if (v3_get_file_type(path) != V3_FILE_REGULAR) return -1;  // a FIFO planted at the path would never end
     int fd = v3_open(path, "rb");
     if (!fd) return -1;
     v3_seek(fd, 0, SEEK_END);

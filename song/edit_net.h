@@ -36,7 +36,8 @@ int zelfon_edit_remove_synth(int mod, zelfon_song* song);
 // Adds the module of a module-file image ("ZSYN", `size` bytes) at x, y, unlinked, in the
 // first free slot. Returns its number, or −1 when the image holds no module.
 int zelfon_edit_paste_synth(const void* image, size_t size, int x, int y, zelfon_song* song);
-// The same from the module file at `path` (the pasteboard "3:/pasteboard.zelsynth").
+// The same from the module file at `path` (the pasteboard "3:/pasteboard.zelsynth"); −1
+// also when no regular file is there (a device or FIFO is never opened).
 int zelfon_edit_paste_synth_file(const char* path, int x, int y, zelfon_song* song);
 // A copy of module `mod` (not the Output module) with its settings, controller values and
 // data chunks at x, y, unlinked. Returns its number, or −1.

@@ -15,6 +15,7 @@
 #include "engine/log.h"
 #include "engine/memory.h"
 #include "engine/sound.h"
+#include "song/chunks.h"
 #include "song/playback.h"
 
 static_assert(std::endian::native == std::endian::little, "WAV data is written as the host stores it");
@@ -28,7 +29,6 @@ constexpr int kInt16Max = 32767;       // saturation is symmetric, as the device
 constexpr float kFloatFullScale = 4096.0f;
 constexpr int kProgressShift = 8;      // progress = (done & ~255) / (total >> 8)
 constexpr int64_t kWavMaxData = 0xFFFFFFFFll - 36;
-constexpr const char* kTempSuffix = ".tmp";
 constexpr const char* kWavTag = "zelfon_export_to_wav";
 constexpr const char* kMidiTag = "zelfon_export_to_midi";
 
@@ -37,53 +37,40 @@ static std::atomic<zelfon_song*> g_abort_song{nullptr};
 
 void zelfon_export_abort(zelfon_song* song) { g_abort_song.store(song); }
 
-// ---- Safe writes: a temporary file beside the target, moved into place at the end ----
+// ---- Safe writes: the file layer's saves, so a target is replaced only when complete ----
 
 struct export_file {
-    int handle;        // 0 = not open (or given up)
+    v3_save save;      // save.h 0 = not open (or given up)
     int failed;        // a write failed: the file is dropped at the end
-    char* final_name;  // owned
-    char* temp_name;   // owned
+    char* final_name;  // owned, for messages
 };
 
+// Opens the file; an existing song or module file is never replaced by an export.
 static bool export_file_open(export_file* f, const char* final_name, const char* tag) {
-    size_t length = strlen(final_name);
-    f->final_name = (char*)mem_new(MEM_DYNAMIC, length + 1, tag);
-    f->temp_name = (char*)mem_new(MEM_DYNAMIC, length + strlen(kTempSuffix) + 1, tag);
-    if (!f->final_name || !f->temp_name) return false;
-    memcpy(f->final_name, final_name, length + 1);
-    memcpy(f->temp_name, final_name, length);
-    memcpy(f->temp_name + length, kTempSuffix, strlen(kTempSuffix) + 1);
-    f->handle = v3_open(f->temp_name, "wb");
-    return f->handle != 0;
+    f->final_name = mem_strdup(final_name);
+    if (!f->final_name) return false;
+    int kind = zelfon_file_kind(final_name);
+    if (kind == ZELFON_FILE_SONG || kind == ZELFON_FILE_MODULE) {
+        tarvik_log("%s(): %s is a song or module file: not overwritten\n", tag, final_name);
+        return false;
+    }
+    return v3_save_begin(final_name, &f->save) != 0;
 }
 
 static void export_file_write(export_file* f, const void* data, size_t size) {
-    if (!f->handle || f->failed || size == 0) return;
-    if (v3_write(data, 1, size, f->handle) != size) f->failed = 1;
+    if (!f->save.h || f->failed || size == 0) return;
+    if (v3_write(data, 1, size, f->save.h) != size) f->failed = 1;
 }
 
-// Closes the file and moves it into place; a failed one is deleted. Returns true when the
+// Syncs the file and moves it into place; a failed one is deleted. Returns true when the
 // file is in place. Logs what went wrong under the caller's name.
 static bool export_file_finish(export_file* f, const char* who) {
-    bool ok = false;
-    if (f->handle) {
-        if (v3_close(f->handle) != 0) f->failed = 1;
-        f->handle = 0;
-        if (f->failed) {
-            tarvik_log("%s(): cannot write %s\n", who, f->final_name);
-        } else if (v3_rename(f->temp_name, f->final_name) != 0) {
-            tarvik_log("%s(): cannot move %s to %s\n", who, f->temp_name, f->final_name);
-        } else {
-            ok = true;
-        }
-        if (!ok) v3_remove(f->temp_name);
-    }
+    bool opened = f->save.h != 0;
+    bool ok = v3_save_end(&f->save, !f->failed) == 0;
+    if (opened && !ok) tarvik_log("%s(): cannot write %s\n", who, f->final_name);
     mem_free(f->final_name);
-    mem_free(f->temp_name);
     f->final_name = nullptr;
-    f->temp_name = nullptr;
-    return ok;
+    return opened && ok;
 }
 
 static void put_le16(uint8_t* p, uint32_t v) {
@@ -149,7 +136,7 @@ static void wav_piece_hook(void* hook_data, int frames, zelfon_song* song) {
     const psynth_net* net = song->net;
     for (int m = 1; m < e->slots && m < net->slots; m++) {
         export_file* f = &e->files[m];
-        if (!f->handle || f->failed) continue;
+        if (!f->save.h || f->failed) continue;
         convert_module_output(&net->modules[m], frames, e);
         export_file_write(f, e->convert, (size_t)frames * kWavChannels * e->bytes_per_sample);
     }
@@ -238,7 +225,7 @@ static bool close_wav_files(wav_export* e) {
     bool all = true;
     for (int m = 0; m < e->slots; m++) {
         export_file* f = &e->files[m];
-        bool opened = f->handle != 0;
+        bool opened = f->save.h != 0;
         if (!export_file_finish(f, "zelfon_export_to_wav") && opened) all = false;
     }
     return all;
@@ -293,6 +280,10 @@ static int export_stopped_song(const char* path, int format, int mode, zelfon_ex
 
     zelfon_reset_transport_for_export(song);
     int result = open_wav_files(path, mode, (uint32_t)data_size, &e, song) ? ZELFON_EXPORT_OK : ZELFON_EXPORT_FILE_ERROR;
+    // With no file to write there is nothing to render for.
+    bool any_open = false;
+    for (int m = 0; m < e.slots; m++) any_open |= e.files[m].save.h != 0;
+    if (!any_open) total = 0;
 
     set_piece_hook(wav_piece_hook, &e, song);
     int64_t done = 0;

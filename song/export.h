@@ -2,10 +2,13 @@
 // mix, or one file per module), and writes the song's notes as a Standard MIDI File.
 //
 // Error convention: both exports return ZELFON_EXPORT_OK (0) on success and one of the
-// non-zero codes below otherwise, after one log line that names the cause. A file is
-// written under a temporary name beside its target and moved into place only when it is
-// complete (or the export was aborted), so a failure never leaves a half-written file at
-// the target path. Both run on the interface thread with no other thread rendering.
+// non-zero codes below otherwise, after one log line that names the cause. Files are
+// written as safe saves of the file layer (v3_save_begin): under a temporary name beside
+// the target, synced and moved into place only when complete (or the export was aborted),
+// so a failure never leaves a half-written file at the target path; a device or FIFO at
+// the target, or the path "-" (standard output), is written in place. An existing song or
+// module file is never replaced by an export. Both run on the interface thread with no
+// other thread rendering.
 #pragma once
 
 #include "song/song.h"
@@ -41,7 +44,8 @@ typedef void (*zelfon_export_progress)(void* callback_data, int progress);
 // Renders the song from line 0 for its length into WAV at `path` (mode 0) or into one file per
 // module named from the path's base (modes 1..3; the path's file name must hold a "."), in
 // `format`; `progress` may be null. Stops playback first and leaves the song stopped and its
-// modules cleaned. Files that cannot be opened are skipped, the others written. Returns
+// modules cleaned. Files that cannot be opened are skipped, the others written; all are
+// opened before rendering starts, and when none can be, nothing is rendered. Returns
 // ZELFON_EXPORT_OK or an error code (above). Interface thread; takes the net's mutex per piece.
 int zelfon_export_to_wav(const char* path, int format, int mode, zelfon_export_progress progress,
                          void* callback_data, zelfon_song* song);

@@ -1,6 +1,7 @@
 // The headless jobs, driven through the same entry the program uses, on real files:
 // exports, the demo song, "module vorbis", sample-info, and bad input that writes nothing.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -188,6 +189,133 @@ TEST_F(CommandLineTest, SampleInfoDescribesWhatAFileLoadsAs) {
               std::string::npos) << err;
     EXPECT_NE(err.find("zelfon: " + path("missing.wav") + ": Can't open"), std::string::npos) << err;
     EXPECT_NE(err.find("unknown raw format int12"), std::string::npos) << err;
+}
+
+// Hostile arguments: each is refused with exit code 1 and one clear line on stderr, and
+// nothing on the disk changes.
+TEST_F(CommandLineTest, HostileArgumentsAreRefusedWithAClearMessage) {
+    ASSERT_EQ(run({"demo", path("song.zelfon")}), 0);
+    const std::string song = read(path("song.zelfon"));
+    std::string wav = "RIFF";
+    wav.append(40, '\0');
+    std::ofstream(path("some.wav"), std::ios::binary) << wav;
+    std::ofstream(path("notes.txt")) << "my notes";
+    std::ofstream(path("gen.zelsynth"), std::ios::binary) << std::string("ZSYN\0\0\0\0", 8);
+    ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600), 0);
+    fs::create_directory(dir / "folder");
+    const std::string rate_range = " (a whole number from 8000 to 384000)";
+    struct hostile {
+        std::vector<std::string> args;
+        std::string message;
+    };
+    const hostile table[] = {
+        {{"export", path("x.wav"), "--rate", "44100abc"}, "unusable rate 44100abc" + rate_range},
+        {{"export", path("x.wav"), "--rate", "4295011396"}, "unusable rate 4295011396" + rate_range},
+        {{"export", path("x.wav"), "--rate", "99999999999999999999999"}, "unusable rate 99999999999999999999999" + rate_range},
+        {{"export", path("x.wav"), "--rate", "-44100"}, "unusable rate -44100" + rate_range},
+        {{"export", path("x.wav"), "--rate", "+44100"}, "unusable rate +44100" + rate_range},
+        {{"export", path("x.wav"), "--rate", " 44100"}, "unusable rate  44100" + rate_range},
+        {{"export", path("x.wav"), "--rate", ""}, "unusable rate " + rate_range},
+        {{"export", path("x.wav"), "--rate", "0x10000"}, "unusable rate 0x10000" + rate_range},
+        {{"export", path("x.wav"), "--rate", "7999"}, "unusable rate 7999" + rate_range},
+        {{"export", path("x.wav"), "--threads", "0"}, "unusable thread count 0 (a whole number from 1 to 256)"},
+        {{"export", path("x.wav"), "--threads", "257"}, "unusable thread count 257 (a whole number from 1 to 256)"},
+        {{"export", path("x.wav"), "--threads", "4x"}, "unusable thread count 4x (a whole number from 1 to 256)"},
+        {{"sample-info", path("some.wav"), "--channels", "3"}, "unusable channel count 3 (a whole number from 1 to 2)"},
+        {{"sample-info", path("some.wav"), "--channels", "1.5"}, "unusable channel count 1.5 (a whole number from 1 to 2)"},
+        {{"play", "--buffer", "0"}, "unusable buffer 0 (a whole number from 1 to 65536)"},
+        {{"play", "--buffer", "512k"}, "unusable buffer 512k (a whole number from 1 to 65536)"},
+        {{"play", "--buffer", "-512"}, "unusable buffer -512 (a whole number from 1 to 65536)"},
+        {{"play", "--rate", "48000Hz"}, "unusable rate 48000Hz" + rate_range},
+        {{"play", "--rate", "4295011396"}, "unusable rate 4295011396" + rate_range},
+        // A file that is not a song where a song is expected, and a song as an export's output.
+        {{"export", path("some.wav"), path("song.zelfon")}, path("song.zelfon") + " is a song or module file: an export does not replace it"},
+        {{"export", path("some.wav"), path("y.wav")}, path("some.wav") + " is not a Zelfon song"},
+        {{"info", path("notes.txt")}, path("notes.txt") + " is not a Zelfon song"},
+        {{"info", path("gen.zelsynth")}, path("gen.zelsynth") + " is a module file, not a song"},
+        {{"info", path("missing.zelfon")}, "cannot open " + path("missing.zelfon")},
+        {{"export-midi", path("song.zelfon"), path("gen.zelsynth")}, path("gen.zelsynth") + " is a song or module file: an export does not replace it"},
+        {{"export", path("song.zelfon"), path("folder")}, path("folder") + " is a folder"},
+        {{"demo", path("notes.txt")}, path("notes.txt") + " exists and is not a song: not overwritten"},
+        {{"module", "vorbis", path("fifo"), path("v.zelfon")}, path("fifo") + " is not a regular file"},
+        // Inputs that are not regular files are refused before they are opened (a FIFO
+        // with no writer would block for ever).
+        {{"export", path("fifo"), path("z.wav")}, path("fifo") + " is not a regular file"},
+        {{"info", path("folder")}, path("folder") + " is not a regular file"},
+        {{"info", "/dev/zero"}, "/dev/zero is not a regular file"},
+        {{"sample-info", path("fifo")}, path("fifo") + " is not a regular file"},
+        {{"import", path("fifo"), path("i.zelfon")}, path("fifo") + " is not a regular file"},
+    };
+    for (const hostile& h : table) {
+        std::string line;
+        for (const std::string& a : h.args) line += " [" + a + "]";
+        testing::internal::CaptureStderr();
+        testing::internal::CaptureStdout();
+        EXPECT_EQ(run(h.args), 1) << line;
+        testing::internal::GetCapturedStdout();
+        std::string err = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(err, "zelfon: " + h.message + "\n") << line;
+    }
+    EXPECT_EQ(read(path("song.zelfon")), song);
+    EXPECT_EQ(read(path("notes.txt")), "my notes");
+    EXPECT_EQ(read(path("gen.zelsynth")), std::string("ZSYN\0\0\0\0", 8));
+    std::vector<std::string> names;
+    for (const auto& entry : fs::directory_iterator(dir)) {
+        if (entry.path().filename() != "zelfon_log.txt") names.push_back(entry.path().filename().string());
+    }
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<std::string>{"fifo", "folder", "gen.zelsynth", "notes.txt", "some.wav", "song.zelfon"}));
+}
+
+// Numbers are read whole: exactly the range's ends pass, and the parser leaves the value
+// alone on refusal.
+TEST_F(CommandLineTest, NumbersAreParsedStrictly) {
+    struct number_case {
+        const char* text;
+        int min;
+        int ok;
+        int value;
+    };
+    const number_case cases[] = {{"8000", 8000, 1, 8000}, {"384000", 8000, 1, 384000}, {"-5", -10, 1, -5},
+                                 {"007", 1, 1, 7},        {"384001", 8000, 0, 0},      {"7999", 8000, 0, 0},
+                                 {"-5", 0, 0, 0},         {"1e4", 8000, 0, 0},         {"12 ", 1, 0, 0},
+                                 {"", 0, 0, 0},           {"-", -10, 0, 0},            {"--5", -10, 0, 0},
+                                 {"4294967296", 0, 0, 0}, {"-9223372036854775809", -10, 0, 0}};
+    for (const number_case& c : cases) {
+        int value = 42;
+        EXPECT_EQ(zelfon_parse_number(c.text, c.min, 384000, &value), c.ok) << "[" << c.text << "]";
+        EXPECT_EQ(value, c.ok ? c.value : 42) << "[" << c.text << "]";
+    }
+}
+
+// "-" writes the export to standard output, so that it can be piped, and nothing else
+// reaches standard output then; a FIFO or device target is written in place.
+TEST_F(CommandLineTest, ExportToStandardOutputPipesAndDevicesAreWrittenInPlace) {
+    ASSERT_EQ(run({"demo", path("song.zelfon")}), 0);
+    ASSERT_EQ(run({"export", path("song.zelfon"), path("file.wav")}), 0);
+    const std::string wav = read(path("file.wav"));
+    const std::string d = "'" + dir.string() + "'";
+    const std::string env = "cd " + d + " && export TMPDIR=" + d + " HOME=" + d + " XDG_CONFIG_HOME=" + d + " && ";
+    std::string cmd = env + ZELFON_BINARY " export song.zelfon - > piped.wav 2> err.txt";
+    ASSERT_EQ(std::system(cmd.c_str()), 0) << read(path("err.txt"));
+    EXPECT_EQ(read(path("piped.wav")), wav);
+    EXPECT_NE(read(path("err.txt")).find("Song length (frames): 2116800"), std::string::npos) << "the log echo moved to stderr";
+    cmd = env + ZELFON_BINARY " export song.zelfon - 2>/dev/null | sox -t wav - -t wav sox.wav";
+    ASSERT_EQ(std::system(cmd.c_str()), 0);
+    EXPECT_EQ(read(path("sox.wav")).substr(44), wav.substr(44));
+
+    // A FIFO target is written in place (and keeps being a FIFO); /dev/null takes anything.
+    ASSERT_EQ(mkfifo(path("pipe").c_str(), 0600), 0);
+    cmd = env + "(cat pipe > from_pipe.wav &) && sleep 0.1 && " ZELFON_BINARY " export song.zelfon pipe > /dev/null 2>&1 && sleep 0.2";
+    ASSERT_EQ(std::system(cmd.c_str()), 0);
+    EXPECT_TRUE(fs::is_fifo(path("pipe")));
+    EXPECT_EQ(read(path("from_pipe.wav")), wav);
+    EXPECT_EQ(run({"export", path("song.zelfon"), "/dev/null"}), 0);
+    EXPECT_TRUE(fs::is_character_file("/dev/null"));
+    // A FIFO nobody reads is refused at once instead of waited for.
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(run({"export", path("song.zelfon"), path("pipe")}), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "zelfon: cannot write " + path("pipe") + "\n");
 }
 
 }  // namespace

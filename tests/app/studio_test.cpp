@@ -4,10 +4,12 @@
 // and the song state it reports; every screenshot stays in the build folder's
 // studio_screenshots/ to be looked at.
 #include <signal.h>
+#include <sys/stat.h>
 
 #include <atomic>
 
 #include "app/studio_fixture.h"
+#include "file_faults.h"
 #include "psynth/psynth_modules.h"
 #include "psynth/sample_file.h"
 #include "psynth/sampler.h"
@@ -175,6 +177,31 @@ TEST_F(StudioTest, AnUnknownFileTakesTheRawPathThroughTheEngineMessages) {
     zelfon_song_close(&song);
 }
 
+// FIFOs (which nobody writes: reading one would never end) and a WAV named as a song are
+// refused with a message; the studio carries on.
+TEST_F(StudioTest, FilesThatAreNotWhatTheySeemAreRefusedWithAMessage) {
+    for (const char* name : {"pipe.zelfon", "pipe.zelsynth", "pipe.wav", "pipe.xm"}) {
+        ASSERT_EQ(mkfifo((dir / name).c_str(), 0600), 0);
+    }
+    write_file(dir / "take.zelfon", std::string("RIFF") + std::string(40, '\0'));
+    std::string script;
+    const std::pair<const char*, const char*> drops[] = {{"pipe.zelfon", " is not a regular file"},
+                                                         {"take.zelfon", " is not a Zelfon song"},
+                                                         {"pipe.zelsynth", " is not a regular file"},
+                                                         {"pipe.wav", " is not a regular file"},
+                                                         {"pipe.xm", " is not a regular file"}};
+    for (const auto& [name, why] : drops) {
+        script += "drop " + (dir / name).string() + "\n"
+                  "expect message " + (dir / name).string() + why + "\n"
+                  "click_id msgbox.button.0\n"
+                  "expect no_message\n";
+    }
+    script += "quit\n";
+    ASSERT_EQ(run_studio(script), 0) << output();
+    EXPECT_TRUE(fs::is_fifo(dir / "pipe.zelfon"));
+    EXPECT_EQ(read_file(dir / "take.zelfon"), std::string("RIFF") + std::string(40, '\0'));
+}
+
 TEST_F(StudioTest, AnotherTrackersSongIsImportedWithWhatItLost) {
     tw_bytes xm = tw_rich_file("xm");
     write_file(dir / "rich.xm", std::string(xm.begin(), xm.end()));
@@ -337,8 +364,9 @@ TEST_F(StudioTest, AnExportCanBeCancelledWhileTheWindowKeepsDrawing) {
 TEST_F(StudioTest, UnwritableBackupAndSettingsAreSaidAndTheStudioKeepsRunning) {
     fs::path song = demo_song();
     write_file(dir / "zelfon_config.txt", "buffer 512\n");
-    fs::create_directories(dir / "BACKUP.zelfon");         // no file can be written there
-    fs::create_directories(dir / "zelfon_config.txt.tmp");  // nor the settings' new copy
+    fs::create_directories(dir / "BACKUP.zelfon");  // no file can be written there
+    TestUnwritable fixed((dir / "zelfon_config.txt").string());  // nor can the settings be replaced
+    ASSERT_TRUE(fixed.active);
     std::string script =
         "drop " + song.string() + "\n"
         "expect status Opened song.zelfon. The backup 1:/BACKUP.zelfon could not be written\n"

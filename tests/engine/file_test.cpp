@@ -1,6 +1,9 @@
 // File layer tests: disk mapping, disk and memory files byte for byte, the growth rule,
 // archives made by the system's tar and by hand (hostile ones too), the slot table, the
 // flush quirk, rename/remove and directory listing with masks, all in real temporary folders.
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <vector>
@@ -11,6 +14,12 @@
 namespace {
 
 class V3Test : public EngineDirFixture {};
+
+mode_t umask_value() {
+    mode_t m = umask(0);
+    umask(m);
+    return m;
+}
 
 std::string name_of(const char* path) {
     char* n = v3_make_filename(path);
@@ -374,6 +383,168 @@ TEST_F(V3Test, InitWrapsStandardStreamsAndReadsDrives) {
     EXPECT_EQ(mem_get_stats().dynamic_in_use, held - 3 * static_cast<int64_t>(sizeof(v3_file)));
     v3_init();
     EXPECT_EQ(v3_get_archive(), 0);
+}
+
+// ---- Safe saves ----
+
+// The names in the test folder apart from the log, sorted.
+std::vector<std::string> names_in(const fs::path& dir) {
+    std::vector<std::string> out;
+    for (const auto& e : fs::directory_iterator(dir)) {
+        std::string name = e.path().filename().string();
+        if (name != "zelfon_log.txt") out.push_back(name);
+    }
+    std::sort(out.begin(), out.end());
+    return out;
+}
+
+// Saves `text` to `path` through the safe save; returns v3_save_end's result.
+int save_text(const char* path, const std::string& text, int commit = 1) {
+    v3_save save;
+    int h = v3_save_begin(path, &save);
+    if (h) {
+        EXPECT_EQ(v3_write(text.data(), 1, text.size(), h), text.size());
+    }
+    return v3_save_end(&save, commit);
+}
+
+TEST_F(V3Test, SaveReplacesTheTargetOnlyWhenCommitted) {
+    write_bytes(dir_ / "t.txt", "old");
+    v3_save save;
+    int h = v3_save_begin("1:/t.txt", &save);
+    ASSERT_NE(h, 0);
+    EXPECT_EQ(save.in_place, 0);
+    EXPECT_EQ(v3_write("new data", 1, 8, h), 8u);
+    // Meanwhile the target is untouched and the data sits in our temporary file beside it.
+    EXPECT_EQ(read_bytes(dir_ / "t.txt"), "old");
+    std::vector<std::string> during = names_in(dir_);
+    ASSERT_EQ(during.size(), 2u);
+    EXPECT_EQ(during[0].substr(0, 18), ".t.txt.zelfon-tmp-");
+    EXPECT_EQ(during[0].size(), 18u + 6);
+    EXPECT_EQ(fs::path(save.temp).filename(), during[0]);
+    EXPECT_EQ(v3_save_end(&save, 1), 0);
+    EXPECT_EQ(read_bytes(dir_ / "t.txt"), "new data");
+    EXPECT_EQ(names_in(dir_), std::vector<std::string>{"t.txt"});
+    EXPECT_EQ(save.h, 0);
+    EXPECT_EQ(save.temp, nullptr);
+
+    EXPECT_NE(save_text("1:/t.txt", "dropped", 0), 0);  // the caller's writes failed
+    EXPECT_EQ(read_bytes(dir_ / "t.txt"), "new data");
+    EXPECT_EQ(names_in(dir_), std::vector<std::string>{"t.txt"});
+
+    EXPECT_EQ(save_text("fresh.txt", "plain path"), 0);  // relative to the working folder
+    EXPECT_EQ(read_bytes(dir_ / "fresh.txt"), "plain path");
+    EXPECT_EQ(fs::status(dir_ / "fresh.txt").permissions() & fs::perms::all,
+              fs::perms::all & ~fs::perms(umask_value()) & ~(fs::perms::owner_exec | fs::perms::group_exec | fs::perms::others_exec));
+}
+
+TEST_F(V3Test, SaveKeepsTheTargetsPermissionsAndTakesLongNames) {
+    write_bytes(dir_ / "private.txt", "old");
+    fs::permissions(dir_ / "private.txt", fs::perms::owner_read | fs::perms::owner_write);
+    EXPECT_EQ(save_text("1:/private.txt", "new"), 0);
+    EXPECT_EQ(fs::status(dir_ / "private.txt").permissions() & fs::perms::all, fs::perms::owner_read | fs::perms::owner_write);
+
+    std::string long_name(250, 'n');  // with the temporary mark it would pass the system's 255
+    EXPECT_EQ(save_text(("1:/" + long_name).c_str(), "long"), 0);
+    EXPECT_EQ(read_bytes(dir_ / long_name), "long");
+    EXPECT_EQ(save_text(("1:/" + long_name).c_str(), "longer"), 0);
+    EXPECT_EQ(read_bytes(dir_ / long_name), "longer");
+    EXPECT_EQ(names_in(dir_).size(), 2u);
+}
+
+TEST_F(V3Test, SaveCleansOnlyItsOwnStaleTemporaryFilesOfTheSameTarget) {
+    write_bytes(dir_ / "victim", "precious");
+    write_bytes(dir_ / ".t.txt.zelfon-tmp-abc123", "left by a killed save");
+    fs::create_symlink(dir_ / "victim", dir_ / ".t.txt.zelfon-tmp-LINK00");  // removed, never followed
+    write_bytes(dir_ / ".t.txt.zelfon-tmp-abc1234", "not our pattern");
+    write_bytes(dir_ / ".u.txt.zelfon-tmp-abc123", "another target's");
+    write_bytes(dir_ / "t.txt.tmp", "an old-style name");
+    fs::create_directory(dir_ / ".t.txt.zelfon-tmp-dir000");
+    EXPECT_EQ(save_text("1:/t.txt", "saved"), 0);
+    EXPECT_EQ(names_in(dir_), (std::vector<std::string>{".t.txt.zelfon-tmp-abc1234", ".t.txt.zelfon-tmp-dir000",
+                                                        ".u.txt.zelfon-tmp-abc123", "t.txt", "t.txt.tmp", "victim"}));
+    EXPECT_EQ(read_bytes(dir_ / "victim"), "precious");
+    EXPECT_EQ(read_bytes(dir_ / "t.txt"), "saved");
+}
+
+TEST_F(V3Test, SaveNeverWritesThroughALinkAndReplacesALinkAtTheTarget) {
+    write_bytes(dir_ / "victim", "precious");
+    fs::create_symlink(dir_ / "victim", dir_ / "t.wav.tmp");  // where older saves put their data
+    fs::create_symlink(dir_ / "victim", dir_ / "t.wav");
+    EXPECT_EQ(save_text("1:/t.wav", "export"), 0);
+    EXPECT_EQ(read_bytes(dir_ / "victim"), "precious");
+    EXPECT_FALSE(fs::is_symlink(dir_ / "t.wav"));
+    EXPECT_EQ(read_bytes(dir_ / "t.wav"), "export");
+}
+
+TEST_F(V3Test, SaveWritesDevicesFifosAndStandardOutputInPlace) {
+    fs::create_symlink("/dev/null", dir_ / "null.wav");
+    v3_save save;
+    ASSERT_NE(v3_save_begin("1:/null.wav", &save), 0);
+    EXPECT_EQ(save.in_place, 1);
+    EXPECT_EQ(save.temp, nullptr);
+    EXPECT_EQ(v3_save_end(&save, 1), 0);
+    EXPECT_TRUE(fs::is_symlink(dir_ / "null.wav"));
+    EXPECT_TRUE(fs::is_character_file("/dev/null"));
+
+    // A FIFO with a reader gets the data; one with none is refused at once, not waited for.
+    ASSERT_EQ(mkfifo((dir_ / "pipe").c_str(), 0600), 0);
+    EXPECT_EQ(v3_save_begin("1:/pipe", &save), 0);
+    EXPECT_EQ(save.error, V3_SAVE_CANT_CREATE);
+    v3_save_end(&save, 1);
+    int reader = open((dir_ / "pipe").c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(reader, 0);
+    EXPECT_EQ(save_text("1:/pipe", "through the pipe"), 0);
+    char got[32] = {};
+    EXPECT_EQ(read(reader, got, sizeof got), 16);
+    close(reader);
+    EXPECT_EQ(std::string(got), "through the pipe");
+    EXPECT_EQ(v3_get_file_type("1:/pipe"), V3_FILE_SPECIAL);
+
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(save_text(V3_SAVE_STDOUT, std::string("RIFF\0data", 9)), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), std::string("RIFF\0data", 9));
+    EXPECT_EQ(names_in(dir_), (std::vector<std::string>{"null.wav", "pipe"}));
+}
+
+TEST_F(V3Test, SaveRefusesFoldersAndPathsThatMapNowhere) {
+    fs::create_directory(dir_ / "folder");
+    v3_save save;
+    EXPECT_EQ(v3_save_begin("1:/folder", &save), 0);
+    EXPECT_EQ(save.error, V3_SAVE_NOT_A_FILE);
+    EXPECT_NE(v3_save_end(&save, 1), 0);
+    const char* nowhere[] = {"0:/member", "4:/x", "", nullptr};
+    for (const char* path : nowhere) {
+        EXPECT_EQ(v3_save_begin(path, &save), 0) << (path ? path : "(null)");
+        EXPECT_EQ(save.error, V3_SAVE_BAD_PATH);
+        EXPECT_NE(v3_save_end(&save, 1), 0);
+    }
+    EXPECT_EQ(v3_save_begin("1:/no_such_folder/x", &save), 0);
+    EXPECT_EQ(save.error, V3_SAVE_CANT_CREATE);
+    v3_save_end(&save, 1);
+    EXPECT_EQ(names_in(dir_), std::vector<std::string>{"folder"});
+}
+
+TEST_F(V3Test, FileTypesFollowLinks) {
+    write_bytes(dir_ / "f", "x");
+    fs::create_symlink(dir_ / "f", dir_ / "link");
+    fs::create_directory(dir_ / "d");
+    EXPECT_EQ(v3_get_file_type("1:/f"), V3_FILE_REGULAR);
+    EXPECT_EQ(v3_get_file_type("1:/link"), V3_FILE_REGULAR);
+    EXPECT_EQ(v3_get_file_type("1:/d"), V3_FILE_DIRECTORY);
+    EXPECT_EQ(v3_get_file_type("/dev/null"), V3_FILE_SPECIAL);
+    EXPECT_EQ(v3_get_file_type("1:/missing"), V3_FILE_NONE);
+    EXPECT_EQ(v3_get_file_type("7:/f"), V3_FILE_NONE);
+    EXPECT_EQ(v3_get_file_type(nullptr), V3_FILE_NONE);
+    ASSERT_EQ(mkfifo((dir_ / "fifo").c_str(), 0600), 0);
+    EXPECT_EQ(v3_get_file_type("1:/fifo"), V3_FILE_SPECIAL);
+    EXPECT_EQ(v3_get_file_size("1:/fifo"), 0);  // not opened: nobody writes it, so that would never end
+    EXPECT_EQ(v3_get_file_size("/dev/zero"), 0);
+    EXPECT_EQ(v3_get_file_size("1:/link"), 1);
+    int a = register_archive(tar_entry("member", "00000000003", "abc"));
+    EXPECT_EQ(v3_get_file_type("0:/member"), V3_FILE_REGULAR);
+    EXPECT_EQ(v3_get_file_type("0:/other"), V3_FILE_NONE);
+    close_archive(a);
 }
 
 }  // namespace

@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "engine/file.h"
 #include "engine/log.h"
@@ -132,6 +134,47 @@ TEST_F(LogTest, WritesBeforeFileLayerStartsAndAfterItStops) {
     v3_init();
     tarvik_log("up\n");
     EXPECT_EQ(read_text(dir_ / "zelfon_log.txt"), "restarted\nup\n");
+}
+
+TEST_F(LogTest, FullFileBecomesTheOneOldFileAndANewOneStarts) {
+    std::string old_start = "the first log\n" + std::string(TARVIK_LOG_ROTATE_SIZE - 100, 'o') + "\n";
+    std::ofstream(dir_ / "zelfon_log.txt") << old_start;
+    std::ofstream(dir_ / "zelfon_log.txt.1") << "an older log\n";
+    tarvik_log_init(TARVIK_LOG_FILE);
+    testing::internal::CaptureStdout();
+    tarvik_log("short\n");  // still under the size: appended
+    EXPECT_EQ(fs::file_size(dir_ / "zelfon_log.txt"), old_start.size() + 6);
+    std::string line(99, 'x');
+    tarvik_log("%s\n", line.c_str());  // reaches the size: the file is moved aside after it
+    EXPECT_FALSE(fs::exists(dir_ / "zelfon_log.txt"));
+    EXPECT_EQ(read_text(dir_ / "zelfon_log.txt.1"), old_start + "short\n" + line + "\n");
+    tarvik_log("next\n");
+    EXPECT_EQ(read_text(dir_ / "zelfon_log.txt"), "next\n");
+
+    // Much logging keeps two files of at most the size and one message each.
+    std::string chunk(TARVIK_LOG_MESSAGE_SIZE - 2, 'm');
+    for (int i = 0; i < 700; i++) tarvik_log("%s\n", chunk.c_str());
+    testing::internal::GetCapturedStdout();
+    std::vector<std::string> names;
+    for (const auto& e : fs::directory_iterator(dir_)) names.push_back(e.path().filename().string());
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<std::string>{"zelfon_log.txt", "zelfon_log.txt.1"}));
+    EXPECT_LT(fs::file_size(dir_ / "zelfon_log.txt"), (uintmax_t)TARVIK_LOG_ROTATE_SIZE);
+    EXPECT_GE(fs::file_size(dir_ / "zelfon_log.txt.1"), (uintmax_t)TARVIK_LOG_ROTATE_SIZE);
+    EXPECT_LT(fs::file_size(dir_ / "zelfon_log.txt.1"), (uintmax_t)TARVIK_LOG_ROTATE_SIZE + TARVIK_LOG_MESSAGE_SIZE);
+}
+
+TEST_F(LogTest, EchoGoesToStandardErrorWhenAsked) {
+    tarvik_log_init(TARVIK_LOG_FILE);
+    tarvik_log_echo_to_stderr(1);
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    tarvik_log("to err\n");
+    tarvik_log_echo_to_stderr(0);
+    tarvik_log("to out\n");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "to err\n");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "to out\n");
+    EXPECT_EQ(read_text(dir_ / "zelfon_log.txt"), "to err\nto out\n");
 }
 
 }  // namespace

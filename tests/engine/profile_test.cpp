@@ -5,6 +5,7 @@
 
 #include "engine/profile.h"
 #include "engine_test_env.h"
+#include "file_faults.h"
 
 namespace {
 
@@ -91,7 +92,7 @@ TEST_F(ProfileTest, UnchangedSaveKeepsEveryByte) {
     EXPECT_EQ(saved(), text);
     EXPECT_EQ(profile_load(p_.file_name, &p_), 0);  // reloading by the profile's own name
     EXPECT_EQ(saved(), text);
-    EXPECT_FALSE(fs::exists(dir_ / "cfg.txt.tmp"));
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir_), fs::directory_iterator()), 1) << "cfg.txt only";
 }
 
 TEST_F(ProfileTest, ChangedValuesAreRewrittenInPlaceAndQuotedWhenNeeded) {
@@ -157,38 +158,47 @@ TEST_F(ProfileTest, UnclosedQuoteRunsToTheEnd) {
     EXPECT_EQ(saved(), "a z");  // the whole entry was the value
 }
 
+// Temporary files of the saves of cfg.txt left in the test folder.
+int temp_files(const fs::path& dir) {
+    int n = 0;
+    for (const auto& e : fs::directory_iterator(dir)) n += e.path().filename().string().rfind(".cfg.txt.zelfon-tmp-", 0) == 0;
+    return n;
+}
+
 TEST_F(ProfileTest, FailedSaveLeavesTheOldFileWhole) {
-    const std::string text = load("keep 1\n");
-    profile_set_str_value("keep", "2", &p_);
-    fs::create_directory(dir_ / "cfg.txt.tmp");  // the temporary file cannot be created
-    EXPECT_NE(profile_save(&p_), 0);
-    EXPECT_EQ(read_bytes(dir_ / "cfg.txt"), text);
-    EXPECT_NE(log_text().find("profile_save(): no configuration file could be created (first tried: 1:/cfg.txt)"),
-              std::string::npos);
-    fs::remove(dir_ / "cfg.txt.tmp");
-
-    fs::create_symlink("/dev/full", dir_ / "cfg.txt.tmp");  // a full disk: writing fails
-    EXPECT_NE(profile_save(&p_), 0);
-    ASSERT_FALSE(fs::is_symlink(dir_ / "cfg.txt"));  // never moved over the file (reading it would not end)
-    EXPECT_EQ(read_bytes(dir_ / "cfg.txt"), text);
-    EXPECT_FALSE(fs::is_symlink(dir_ / "cfg.txt.tmp"));  // the temporary file is removed
-    EXPECT_NE(log_text().find("profile_save(): writing 1:/cfg.txt.tmp failed; 1:/cfg.txt is left as it was\n"),
-              std::string::npos);
-
     fs::create_directory(dir_ / "ro");
+    const std::string text = "keep 1\n";
     write_bytes(dir_ / "ro" / "cfg.txt", text);
     ASSERT_EQ(profile_load("1:/ro/cfg.txt", &p_), 0);
-    profile_set_str_value("keep", "3", &p_);
-    chmod((dir_ / "ro").c_str(), 0555);
-    bool protected_folder = !std::ofstream(dir_ / "ro" / "probe");
-    if (!protected_folder) {
-        // Root writes into read-only folders: make the temporary name unusable instead.
-        fs::remove(dir_ / "ro" / "probe");
-        fs::create_directory(dir_ / "ro" / "cfg.txt.tmp");
+    profile_set_str_value("keep", "2", &p_);
+    {
+        TestUnwritable ro((dir_ / "ro").string());  // no new file can be made there
+        ASSERT_TRUE(ro.active);
+        EXPECT_NE(profile_save(&p_), 0);
     }
-    EXPECT_NE(profile_save(&p_), 0);
     EXPECT_EQ(read_bytes(dir_ / "ro" / "cfg.txt"), text);
-    chmod((dir_ / "ro").c_str(), 0755);
+    EXPECT_NE(log_text().find("profile_save(): no configuration file could be created (first tried: 1:/ro/cfg.txt)"),
+              std::string::npos);
+
+    // The disk fills up while writing: a value far longer than the room left.
+    load(text);
+    for (int i = 0; i < 40; i++) profile_set_str_value(("key" + std::to_string(i)).c_str(), std::string(1000, 'v').c_str(), &p_);
+    {
+        TestFileSizeLimit full(fs::file_size(dir_ / "zelfon_log.txt") + 4096);
+        EXPECT_NE(profile_save(&p_), 0);
+    }
+    EXPECT_EQ(read_bytes(dir_ / "cfg.txt"), text);
+    EXPECT_EQ(temp_files(dir_), 0) << "the temporary file is removed";
+    EXPECT_NE(log_text().find("profile_save(): writing 1:/cfg.txt failed; the file is left as it was\n"), std::string::npos);
+    EXPECT_EQ(profile_save(&p_), 0);  // with room again
+    EXPECT_EQ(read_bytes(dir_ / "cfg.txt").substr(0, text.size() + 5), text + "key0 ");
+}
+
+TEST_F(ProfileTest, AFifoIsNotReadAsTheConfiguration) {
+    ASSERT_EQ(mkfifo((dir_ / "zelfon_config.txt").c_str(), 0600), 0);  // nobody writes it
+    EXPECT_NE(profile_load("1:/zelfon_config.txt", &p_), 0);
+    EXPECT_EQ(p_.num, 0);
+    EXPECT_NE(log_text().find("profile_load(): 1:/zelfon_config.txt is not a regular file\n"), std::string::npos) << log_text();
 }
 
 TEST_F(ProfileTest, SaveFallsBackToEarlierDefaultFiles) {
@@ -197,8 +207,11 @@ TEST_F(ProfileTest, SaveFallsBackToEarlierDefaultFiles) {
     ASSERT_EQ(profile_load(nullptr, &p_), 0);
     EXPECT_EQ(p_.file_num, 1);
     profile_set_str_value("rate", "2", &p_);
-    fs::create_directory(dir_ / "cfg" / "zelfon" / "zelfon_config.txt.tmp");
-    EXPECT_EQ(profile_save(&p_), 0);
+    {
+        TestUnwritable ro((dir_ / "cfg" / "zelfon").string());
+        ASSERT_TRUE(ro.active);
+        EXPECT_EQ(profile_save(&p_), 0);
+    }
     EXPECT_EQ(read_bytes(dir_ / "zelfon_config.txt"), "rate 2\n");
     EXPECT_EQ(read_bytes(dir_ / "cfg" / "zelfon" / "zelfon_config.txt"), "rate 1\n");
     EXPECT_EQ(p_.file_num, 0);

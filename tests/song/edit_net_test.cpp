@@ -1,6 +1,8 @@
 // Sound net editing actions: the exact net and song bytes after each edit, its undo and its
 // redo; a removed module coming back whole with its links both ways; link toggling;
 // controller moves merging; pasting and duplicating modules with data chunks; refusals.
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -8,6 +10,7 @@
 
 #include "edit_test_util.h"
 #include "engine/file.h"
+#include "engine/memory.h"
 #include "psynth/psynth_modules.h"
 #include "song/edit_net.h"
 #include "song/module_file.h"
@@ -352,6 +355,11 @@ TEST_F(SongEditNetTest, PastingASamplerFromThePasteboardBringsItsSampleAndUndoes
     bytes text = {'Z', 'F', 'O', 'N', 0, 0, 0, 0};
     EXPECT_EQ(zelfon_edit_paste_synth(text.data(), text.size(), 0, 0, step()), -1);
     EXPECT_EQ(zelfon_edit_paste_synth_file("3:/no such file.zelsynth", 0, 0, step()), -1);
+    // A FIFO planted at the pasteboard's name is not read (nobody writes it: reading would never end).
+    char* fifo = v3_make_filename("3:/planted.zelsynth");
+    ASSERT_EQ(mkfifo(fifo, 0600), 0);
+    mem_free(fifo);
+    EXPECT_EQ(zelfon_edit_paste_synth_file("3:/planted.zelsynth", 0, 0, step()), -1);
     EXPECT_EQ(saved(), before);
 }
 

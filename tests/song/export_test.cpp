@@ -13,6 +13,7 @@
 #include "engine/memory.h"
 #include "psynth/psynth_modules.h"
 #include "song/export.h"
+#include "song/module_file.h"
 #include "song_test_util.h"
 
 namespace {
@@ -315,6 +316,29 @@ TEST_F(SongExportTest, AFileThatCannotBeWrittenLeavesTheOthersComplete) {
     // A file in a folder that does not exist: nothing is written anywhere.
     EXPECT_EQ(export_wav("3:/nowhere/x.wav", ZELFON_EXPORT_INT16, ZELFON_EXPORT_ONE_FILE), ZELFON_EXPORT_FILE_ERROR);
     EXPECT_EQ(files().size(), 3u);
+}
+
+// An export that has no file to write renders nothing, and never replaces a song or module file.
+TEST_F(SongExportTest, NothingIsRenderedForNoFileAndSongFilesAreNeverReplaced) {
+    add_constant("A", 10, 10);
+    add_pattern(0, 40);
+    progress_log log{{}, &song, false};
+    EXPECT_EQ(zelfon_export_to_wav("3:/nowhere/x.wav", ZELFON_EXPORT_INT16, 0, record_progress, &log, &song),
+              ZELFON_EXPORT_FILE_ERROR);
+    EXPECT_TRUE(log.values.empty()) << "rendered for a file that could not be opened";
+
+    bytes kept = save("3:/kept.zelfon");
+    ASSERT_EQ(zelfon_save_synth(1, "3:/kept.zelsynth", 0, &song), 0);
+    bytes synth = file_bytes("3:/kept.zelsynth");
+    EXPECT_EQ(zelfon_export_to_wav("3:/kept.zelfon", ZELFON_EXPORT_INT16, 0, record_progress, &log, &song),
+              ZELFON_EXPORT_FILE_ERROR);
+    EXPECT_TRUE(log.values.empty());
+    EXPECT_EQ(zelfon_export_to_midi("3:/kept.zelsynth", &song), ZELFON_EXPORT_FILE_ERROR);
+    EXPECT_EQ(file_bytes("3:/kept.zelfon"), kept);
+    EXPECT_EQ(file_bytes("3:/kept.zelsynth"), synth);
+    EXPECT_NE(log_text().find("zelfon_export_to_wav(): 3:/kept.zelfon is a song or module file: not overwritten\n"),
+              std::string::npos) << log_text();
+    EXPECT_EQ(files(), (std::vector<std::string>{"kept.zelfon", "kept.zelsynth"}));
 }
 
 // ---- MIDI ----

@@ -16,6 +16,7 @@
 #include "song/chunks.h"
 #include "song/module_file.h"
 #include "song/song_file.h"
+#include "file_faults.h"
 #include "song_test_util.h"
 
 namespace {
@@ -405,30 +406,47 @@ TEST_F(SongFileTest, BadLinksTempoAndVolumeAreTamedWhenLoading) {
 // ---- Saves that fail ----
 
 TEST_F(SongFileTest, FailedSaveLeavesThePreviousFileIntact) {
-    build_rich_song();
-    bytes good = save("3:/keep.zelfon");
-    song.bpm = 99;
     namespace fs = std::filesystem;
-    fs::path temp = fs::path(temp_dir) / "keep.zelfon.tmp";
+    fs::path sub = fs::path(temp_dir) / "sub";
+    fs::create_directories(sub);
+    build_rich_song();
+    bytes good = save("3:/sub/keep.zelfon");
+    ASSERT_FALSE(good.empty());
+    song.bpm = 99;
+    auto entries = [&] {
+        std::vector<std::string> names;
+        for (const auto& e : fs::directory_iterator(sub)) names.push_back(e.path().filename().string());
+        return names;
+    };
 
-    fs::create_directory(temp);  // the temporary file cannot be created
-    EXPECT_EQ(zelfon_save_song("3:/keep.zelfon", "1", "6.4", &song), 1);
-    EXPECT_EQ(file_bytes("3:/keep.zelfon"), good);
-    fs::remove(temp);
-
-    fs::create_symlink("/dev/full", temp);  // the disk fills up while writing
-    EXPECT_EQ(zelfon_save_song("3:/keep.zelfon", "1", "6.4", &song), 1);
-    EXPECT_EQ(file_bytes("3:/keep.zelfon"), good);
-    EXPECT_FALSE(fs::exists(fs::symlink_status(temp)));  // the failed temporary file is gone
+    {
+        TestUnwritable ro(sub.string());  // the temporary file cannot be created
+        ASSERT_TRUE(ro.active);
+        EXPECT_EQ(zelfon_save_song("3:/sub/keep.zelfon", "1", "6.4", &song), 1);
+    }
+    EXPECT_EQ(file_bytes("3:/sub/keep.zelfon"), good);
+    {
+        TestFileSizeLimit full(good.size() / 2);  // the disk fills up while writing
+        EXPECT_EQ(zelfon_save_song("3:/sub/keep.zelfon", "1", "6.4", &song), 1);
+    }
+    EXPECT_EQ(file_bytes("3:/sub/keep.zelfon"), good);
+    EXPECT_EQ(entries(), std::vector<std::string>{"keep.zelfon"}) << "the failed temporary file is gone";
+    {
+        TestUnwritable fixed((sub / "keep.zelfon").string());  // the new file cannot be moved over it
+        ASSERT_TRUE(fixed.active);
+        EXPECT_EQ(zelfon_save_song("3:/sub/keep.zelfon", "1", "6.4", &song), 1);
+    }
+    EXPECT_EQ(file_bytes("3:/sub/keep.zelfon"), good);
+    EXPECT_EQ(entries(), std::vector<std::string>{"keep.zelfon"});
 
     EXPECT_EQ(zelfon_save_song("3:/missing_dir/keep.zelfon", "1", "6.4", &song), 1);
     EXPECT_EQ(zelfon_save_synth(1, "3:/missing_dir/gen.zelsynth", 0, &song), 1);
     EXPECT_EQ(zelfon_save_synth(2, "3:/empty_slot.zelsynth", 0, &song), 1);  // unused slot
     EXPECT_TRUE(file_bytes("3:/empty_slot.zelsynth").empty());
 
-    EXPECT_EQ(zelfon_save_song("3:/keep.zelfon", "1", "6.4", &song), 0);
-    EXPECT_NE(file_bytes("3:/keep.zelfon"), good);
-    EXPECT_FALSE(fs::exists(fs::symlink_status(temp)));
+    EXPECT_EQ(zelfon_save_song("3:/sub/keep.zelfon", "1", "6.4", &song), 0);
+    EXPECT_NE(file_bytes("3:/sub/keep.zelfon"), good);
+    EXPECT_EQ(entries(), std::vector<std::string>{"keep.zelfon"});
 }
 
 TEST_F(SongFileTest, ChunkWriterReportsTheStepThatFailed) {
