@@ -112,10 +112,12 @@ void release_pending(gui_script* s) {
     s->pending_up = 0;
 }
 
+// The pointer moves onto the place a frame before the press, as a hand's would: ImGui takes
+// some presses (tabs, overlapping items) only on what the pointer hovered the frame before.
 void click(gui_script* s, int button, float x, float y, int clicks) {
     push_motion(x, y);
-    push_button(button, x, y, true, clicks);
-    s->pending_up = 2;
+    s->pending_up = 4;
+    s->pending_clicks = clicks;
     s->pending_button = button;
     s->pending_x = x;
     s->pending_y = y;
@@ -304,6 +306,12 @@ void gui_script_free(gui_script* s) {
 }
 
 void gui_script_step(gui_script* s, const gui_window* w, gui_script_handler handler, void* data) {
+    if (s->pending_up == 4) {
+        // A click's second frame: the press; the release follows.
+        push_button(s->pending_button, s->pending_x, s->pending_y, true, s->pending_clicks);
+        s->pending_up = 2;
+        return;
+    }
     if (s->pending_up == 3) {
         // The drag's second frame: move to the end point; the release follows.
         push_motion(s->pending_x, s->pending_y);

@@ -32,7 +32,9 @@ struct gui_script {
     int pos;            // offset of the next line
     int line_no;
     int wait_frames;    // frames to let pass before the next line
-    int pending_up;     // 0 none, else what to release next frame: 1 key, 2 button
+    int pending_up;     // 0 none, else what comes next frame: release 1 a key, 2 a button;
+                        // 3 a drag's move; 4 a click's press (pending_clicks)
+    int pending_clicks;
     int pending_scancode;
     int pending_mods[3];  // modifier scancodes to release with it (0 = none)
     int pending_button;
