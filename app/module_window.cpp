@@ -296,8 +296,8 @@ void studio_module_windows_draw(studio* st) {
         ImGui::SetNextWindowSize(ImVec2(ImGui::GetFontSize() * 30, 0), ImGuiCond_FirstUseEver);
         if (ImGui::Begin(title, &open)) {
             // Modules with a view of their own show it in a second tab.
-            bool sampler = net->modules[mod].handler == psynth_sampler;
-            bool tabs = sampler && ImGui::BeginTabBar("##views");
+            const char* view = studio_module_view_name(mod, net);
+            bool tabs = view && ImGui::BeginTabBar("##views");
             bool module_tab = !tabs || ImGui::BeginTabItem("Module");
             if (tabs) gui_item_name("module.tab.module");
             if (module_tab) {
@@ -308,11 +308,12 @@ void studio_module_windows_draw(studio* st) {
                 if (tabs) ImGui::EndTabItem();
             }
             if (tabs) {
-                if (ImGui::BeginTabItem("Sampler")) {
-                    studio_sampler_editor_draw(st, i, mod);
+                bool shown = ImGui::BeginTabItem(view);
+                gui_item_name("module.tab.view");
+                if (shown) {
+                    studio_module_view_draw(st, i, mod);
                     ImGui::EndTabItem();
                 }
-                gui_item_name("module.tab.sampler");
                 ImGui::EndTabBar();
             }
         }

@@ -168,6 +168,10 @@ void dispatch_file_dialog(studio* st) {
         studio_sampler_file_chosen(st, purpose, st->file_dialog.result);
         return;
     }
+    if (purpose == STUDIO_FILE_VORBIS_LOAD) {
+        studio_vorbis_file_chosen(st, st->file_dialog.result);
+        return;
+    }
     if (purpose == STUDIO_FILE_LOAD_MODULE) {
         studio_net_load_module(st, st->file_dialog.result);
         return;

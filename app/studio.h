@@ -46,6 +46,7 @@ enum studio_file_purpose : int {
     STUDIO_FILE_SAMPLER_LOAD,      // into st->sampler_target's slot, or its whole instrument
     STUDIO_FILE_SAMPLER_SAVE_WAV,
     STUDIO_FILE_SAMPLER_SAVE_XI,
+    STUDIO_FILE_VORBIS_LOAD,       // into the Vorbis player st->sampler_target_mod
     STUDIO_FILE_PURPOSES
 };
 
@@ -242,7 +243,7 @@ struct studio {
     int module_windows[STUDIO_MODULE_WINDOWS];  // module number + 1 of each open window, 0 = none
     studio_sampler_view sampler_views[STUDIO_MODULE_WINDOWS];
     zelfon_sample_clip* sample_clip;             // the Sampler editor's clipboard
-    int sampler_target_mod, sampler_target_slot; // where a chosen sample file goes (slot −1: the instrument)
+    int sampler_target_mod, sampler_target_slot; // where a chosen sample or Ogg file goes (slot −1: the instrument)
     int learn_module, learn_ctl;  // the controller waiting for a MIDI controller to learn (−1 none)
     // The last controller move written while playing: one sweep of a knob is one undo step.
     int recorded_module, recorded_ctl;

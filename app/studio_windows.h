@@ -109,6 +109,13 @@ void studio_files_update_title(studio* st);
 // Opens the file dialog for `purpose` with the last folder used for it.
 void studio_files_dialog(studio* st, int purpose, const char* title, const char* mask, int save, const char* name);
 
+// ---- module_views.cpp: a module's own view, the second tab of its window ----
+// The tab's name, or null for a module with controllers only.
+const char* studio_module_view_name(int mod, const psynth_net* net);
+void studio_module_view_draw(studio* st, int window, int mod);
+// An Ogg Vorbis file chosen for STUDIO_FILE_VORBIS_LOAD.
+void studio_vorbis_file_chosen(studio* st, const char* path);
+
 // ---- sampler_editor.cpp: the Sampler editor tab of a Sampler's module window ----
 void studio_sampler_editor_draw(studio* st, int window, int mod);
 // A file chosen for STUDIO_FILE_SAMPLER_LOAD, _SAVE_WAV or _SAVE_XI (st->sampler_target_*).

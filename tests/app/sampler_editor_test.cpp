@@ -33,7 +33,7 @@ TEST_F(SamplerEditorTest, LoadLoopAndEnvelopeEditsAreSavedAndUndoneToTheByte) {
     auto saved = [&](const char* name) { return (dir / (std::string(name) + ".zelfon")).string(); };
     std::string script =
         "doubleclick_id net.module.1\n"
-        "click_id module.tab.sampler\n"
+        "click_id module.tab.view\n"
         "click_id sampler.slot.2\n"
         "save_song " + saved("start") + "\n"
         "click_id sampler.load_sample\n"
