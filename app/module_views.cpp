@@ -98,6 +98,8 @@ void draw_spectravoice(studio* st, int mod) {
         char id[48];
         snprintf(id, sizeof id, "spectravoice.partial.%d", p);
         gui_item_name_rect(id, x0, a.y, x0 + column, b.y);
+        snprintf(id, sizeof id, "spectravoice.partial.%d.top", p);  // full volume
+        gui_item_name_rect(id, x0, a.y, x0 + column, a.y + 2);
     }
     if (!held) return;
     ImVec2 mouse = ImGui::GetIO().MousePos;

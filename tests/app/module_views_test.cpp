@@ -39,7 +39,7 @@ TEST_F(ModuleViewsTest, DrawnWaveAndPartialsAreUndoableEditsAndEveryViewShows) {
         "save_song " + saved("undone") + "\n"
         "doubleclick_id net.module.2\n"
         "click_id module.tab.view\n"
-        "drag_id spectravoice.partial.3 module.tab.view\n"  // partial 4 to full volume
+        "drag_id spectravoice.partial.3 spectravoice.partial.3.top\n"  // partial 4 to full volume
         "wait 3\n"
         "save_song " + saved("partial") + "\n"
         "screenshot " + shot("view_spectravoice.png") + "\n"
