@@ -595,6 +595,32 @@ int psynth_put_chunk(int mod_num, int chunk, void* data, int flags, int rate, ps
     return 0;
 }
 
+int psynth_set_chunks_count(int mod_num, int count, psynth_net* net) {
+    if (!module_index_ok(mod_num, net) || count < 0) return 1;
+    psynth_module* mod = &net->modules[mod_num];
+    const int now = psynth_get_chunks_count(mod_num, net);
+    if (count == now) return 0;
+    if (count == 0) {
+        psynth_free_chunks(mod_num, net);
+        return 0;
+    }
+    if (count > now) return grow_chunk_tables(mod, now, count) ? 0 : 1;
+    // The flag and rate arrays shrink first: the count is read from the chunk array.
+    int* flags = (int*)mem_resize(mod->chunk_flags, sizeof(int) * count);
+    int* rates = flags ? (int*)mem_resize(mod->chunk_rates, sizeof(int) * count) : nullptr;
+    if (flags) mod->chunk_flags = flags;
+    if (rates) mod->chunk_rates = rates;
+    if (!rates) return 1;
+    for (int i = count; i < now; i++) mem_free(mod->chunks[i]);
+    void** chunks = (void**)mem_resize(mod->chunks, sizeof(void*) * count);
+    if (!chunks) {
+        for (int i = count; i < now; i++) mod->chunks[i] = nullptr;  // the longer table stays, empty beyond `count`
+        return 1;
+    }
+    mod->chunks = chunks;
+    return 0;
+}
+
 void psynth_free_chunks(int mod_num, psynth_net* net) {
     if (!module_index_ok(mod_num, net)) return;
     psynth_module* mod = &net->modules[mod_num];

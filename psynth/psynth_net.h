@@ -301,6 +301,10 @@ void* psynth_take_chunk(int mod_num, int chunk, int* flags, int* rate, psynth_ne
 int psynth_put_chunk(int mod_num, int chunk, void* data, int flags, int rate, psynth_net* net);
 void psynth_free_chunks(int mod_num, psynth_net* net);
 int psynth_get_chunks_count(int mod_num, psynth_net* net);
+// Makes the chunk table `count` numbers long (0: no table, as after psynth_free_chunks):
+// chunks beyond it are freed, added numbers are empty. Returns 0, or 1 when memory ran out
+// (the table is then as it was).
+int psynth_set_chunks_count(int mod_num, int count, psynth_net* net);
 
 // ---- MIDI out ----
 

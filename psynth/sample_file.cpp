@@ -4,6 +4,7 @@
 // (byte order, 24-bit to float, unsigned to signed, deltas to values).
 #include "psynth/sample_file.h"
 
+#include <algorithm>
 #include <climits>
 #include <cmath>
 #include <cstdarg>
@@ -16,6 +17,7 @@
 #include "image/jpeg.h"
 #include "psynth/psynth_modules.h"
 #include "psynth/psynth_tables.h"
+#include "psynth/sample_edit.h"
 #include "psynth/sample_values.h"
 #include "psynth/sampler.h"
 
@@ -73,6 +75,15 @@ constexpr int kXiExtraOffset = 244;
 constexpr int kXiExtraBytes = 5;
 constexpr int kXiExtraReserved = 17;
 constexpr int kXiReserved = 22;
+// Writing: the whole head up to the sample count.
+constexpr const char* kXiSignature = "Extended Instrument: ";
+constexpr const char* kXiTracker = "Zelfon";
+constexpr uint8_t kXiEof = 0x1A;
+constexpr int kXiTrackerOffset = 44;
+constexpr int kXiTrackerName = 20;
+constexpr int kXiVersionOffset = 64;
+constexpr int kXiFileInstrument = 66;  // where the 208 bytes of the record stand in the file
+constexpr int kXiHeadSize = kXiFileInstrument + kXiInstrumentBytes + kXiReserved + 2;
 
 // ---- Errors ----
 
@@ -707,6 +718,56 @@ int open_reader(const char* path, reader* r) {
     return 0;
 }
 
+// Writes a file through "<path>.tmp", renamed to `path` only when `write(handle)` wrote
+// all of it, so that a failed save leaves the old file. Returns 0 or 1 (logged).
+template <class F>
+int save_through_tmp(const char* path, F write) {
+    size_t name_size = strlen(path) + 5;
+    char* tmp = (char*)mem_new(MEM_DYNAMIC, name_size, "sample_save");
+    if (!tmp) return 1;
+    snprintf(tmp, name_size, "%s.tmp", path);
+    int f = v3_open(tmp, "wb");
+    bool ok = f && write(f);
+    if (f && v3_close(f)) ok = false;
+    ok = ok && v3_rename(tmp, path) == 0;
+    if (!ok) {
+        if (f) v3_remove(tmp);
+        tarvik_log(PSYNTH_SAMPLE_MSG_CANT_SAVE, path);
+    }
+    mem_free(tmp);
+    return ok ? 0 : 1;
+}
+
+// A sample's values as XI deltas: 8-bit as bytes, others as 16-bit words (floats rounded
+// to 16 bits first), the running difference wrapping like the reader's running sum.
+bool write_deltas(const psynth_sample_frames& s, int f) {
+    const bool int8 = s.format == PSYNTH_SAMPLER_FORMAT_INT8;
+    const int64_t values = s.frames * s.channels;
+    uint8_t block[4096];
+    int16_t word[1];
+    const psynth_sample_frames one = {(uint8_t*)word, PSYNTH_SAMPLER_FORMAT_INT16, 1, 1};
+    const psynth_sample_frames each = {s.data, s.format, 1, values};
+    int previous = 0, n = 0;
+    for (int64_t i = 0; i < values; i++) {
+        int v;
+        if (int8) {
+            v = ((const int8_t*)s.data)[i];
+            block[n++] = (uint8_t)(v - previous);
+        } else {
+            psynth_sample_convert(each, i, one, 0, 1);
+            v = word[0];
+            put16(block + n, (uint32_t)(v - previous));
+            n += 2;
+        }
+        previous = v;
+        if (n + 2 > (int)sizeof(block) || i == values - 1) {
+            if (v3_write(block, 1, (size_t)n, f) != (size_t)n) return false;
+            n = 0;
+        }
+    }
+    return true;
+}
+
 }  // namespace
 
 // ---- Public ----
@@ -902,28 +963,71 @@ int psynth_sample_save_wav(const char* path, int mod_num, int slot, psynth_net* 
     memcpy(w + 36, "data", 4);
     put32(w + 40, (uint32_t)size);
 
-    size_t name_size = strlen(path) + 5;
-    char* tmp = (char*)mem_new(MEM_DYNAMIC, name_size, "sample_save_wav");
-    if (!tmp) return 1;
-    snprintf(tmp, name_size, "%s.tmp", path);
-    int f = v3_open(tmp, "wb");
-    bool ok = f && v3_write(w, 1, sizeof(w), f) == sizeof(w);
-    if (ok && format == PSYNTH_SAMPLER_FORMAT_INT8) {
-        uint8_t block[4096];  // written unsigned: 128 added to every value
-        for (int done = 0; ok && done < size; done += (int)sizeof(block)) {
-            int n = size - done < (int)sizeof(block) ? size - done : (int)sizeof(block);
-            for (int i = 0; i < n; i++) block[i] = data[done + i] ^ kSignFlip;
-            ok = v3_write(block, 1, (size_t)n, f) == (size_t)n;
+    return save_through_tmp(path, [&](int f) {
+        bool ok = v3_write(w, 1, sizeof(w), f) == sizeof(w);
+        if (ok && format == PSYNTH_SAMPLER_FORMAT_INT8) {
+            uint8_t block[4096];  // written unsigned: 128 added to every value
+            for (int done = 0; ok && done < size; done += (int)sizeof(block)) {
+                int n = size - done < (int)sizeof(block) ? size - done : (int)sizeof(block);
+                for (int i = 0; i < n; i++) block[i] = data[done + i] ^ kSignFlip;
+                ok = v3_write(block, 1, (size_t)n, f) == (size_t)n;
+            }
+        } else if (ok) {
+            ok = v3_write(data, 1, (size_t)size, f) == (size_t)size;
         }
-    } else if (ok) {
-        ok = v3_write(data, 1, (size_t)size, f) == (size_t)size;
+        return ok;
+    });
+}
+
+int psynth_sample_save_xi(const char* path, int mod_num, psynth_net* net) {
+    const psynth_sampler_instrument* ins = psynth_sampler_get_mutex(mod_num, net) ? instrument_of(mod_num, net) : nullptr;
+    if (!ins) {
+        tarvik_log("%s", PSYNTH_SAMPLE_MSG_NO_PROPERTIES);
+        return 1;
     }
-    if (f && v3_close(f)) ok = false;
-    ok = ok && v3_rename(tmp, path) == 0;
-    if (!ok) {
-        if (f) v3_remove(tmp);
-        tarvik_log(PSYNTH_SAMPLE_MSG_CANT_SAVE, path);
+    const int count = ins->samples_num < PSYNTH_SAMPLER_SAMPLES ? ins->samples_num : PSYNTH_SAMPLER_SAMPLES;
+    // The five instrument bytes travel in the "PP" variant only when they are not the defaults.
+    const bool pp = ins->volume != kFullVolume || ins->finetune || ins->panning != kCentrePanning || ins->relative_note;
+    uint8_t head[kXiHeadSize] = {};
+    memcpy(head, kXiSignature, strlen(kXiSignature));
+    memcpy(head + kXiNameOffset, ins->name, strnlen(ins->name, PSYNTH_SAMPLE_NAME_SIZE));
+    head[kXiNameOffset + PSYNTH_SAMPLE_NAME_SIZE] = kXiEof;
+    memset(head + kXiTrackerOffset, ' ', kXiTrackerName);
+    memcpy(head + kXiTrackerOffset, kXiTracker, strlen(kXiTracker));
+    memcpy(head + kXiVersionOffset, pp ? "PP" : "\x02\x01", 2);
+    memcpy(head + kXiFileInstrument, (const uint8_t*)ins + kXiInstrumentOffset, kXiInstrumentBytes);
+    if (pp) memcpy(head + kXiFileInstrument + kXiInstrumentBytes, (const uint8_t*)ins + kXiExtraOffset, kXiExtraBytes);
+    put16(head + kXiHeadSize - 2, (uint32_t)count);
+    // Each sample as XI keeps it: 8-bit or 16-bit (floats become 16-bit), lengths in bytes,
+    // values as deltas.
+    struct xi_sample {
+        psynth_sample_frames frames;
+        uint8_t header[PSYNTH_SAMPLER_HEADER_FIELDS];
+    } samples[PSYNTH_SAMPLER_SAMPLES] = {};
+    for (int s = 0; s < count; s++) {
+        const psynth_sampler_sample* h = header_of(s, mod_num, net);
+        if (!h) continue;
+        int size = 0;
+        uint8_t* data = (uint8_t*)psynth_get_chunk(mod_num, psynth_sampler_data_chunk(s), net);
+        psynth_get_chunk_info(mod_num, psynth_sampler_data_chunk(s), &size, nullptr, nullptr, net);
+        const int format = (h->type & PSYNTH_SAMPLER_FORMAT_MASK) >> PSYNTH_SAMPLER_FORMAT_SHIFT;
+        psynth_sample_frames& f = samples[s].frames;
+        f = {data, format, h->type & PSYNTH_SAMPLER_STEREO ? 2 : 1, 0};
+        const int fb = psynth_sample_frame_bytes(f);
+        f.frames = data && fb ? std::min<int64_t>(h->length, size / fb) : 0;
+        const int saved_format = format == PSYNTH_SAMPLER_FORMAT_INT8 ? format : PSYNTH_SAMPLER_FORMAT_INT16;
+        const uint32_t saved_fb = (uint32_t)psynth_sample_value_bytes(saved_format) * (uint32_t)f.channels;
+        uint8_t* out = samples[s].header;
+        memcpy(out, h, PSYNTH_SAMPLER_HEADER_FIELDS);
+        put32(out, (uint32_t)f.frames * saved_fb);
+        put32(out + 4, h->loop_start * saved_fb);
+        put32(out + 8, h->loop_length * saved_fb);
+        out[14] = (uint8_t)((h->type & ~PSYNTH_SAMPLER_FORMAT_MASK) | saved_format << PSYNTH_SAMPLER_FORMAT_SHIFT);
     }
-    mem_free(tmp);
-    return ok ? 0 : 1;
+    return save_through_tmp(path, [&](int f) {
+        bool ok = v3_write(head, 1, sizeof(head), f) == sizeof(head);
+        for (int s = 0; ok && s < count; s++) ok = v3_write(samples[s].header, 1, PSYNTH_SAMPLER_HEADER_FIELDS, f) == PSYNTH_SAMPLER_HEADER_FIELDS;
+        for (int s = 0; ok && s < count; s++) ok = write_deltas(samples[s].frames, f);
+        return ok;
+    });
 }

@@ -134,3 +134,10 @@ const char* psynth_sample_load_error();
 // unsigned) to "<path>.tmp" and renames it to `path`. Returns 0, or non-zero when the
 // sample is missing or the file cannot be written (the old file then stays). GUI thread.
 int psynth_sample_save_wav(const char* path, int mod_num, int slot, psynth_net* net);
+// Writes the whole instrument as an XI file (through "<path>.tmp" as above): the record's
+// map, envelopes, vibrato and fade-out, its volume, finetune, panning and relative note in
+// the "PP" variant when they are not 64, 0, 128, 0, and every sample as 8-bit or 16-bit
+// deltas (float samples rounded to 16 bits). Returns 0, or non-zero when there is no
+// instrument ("ERROR. Can't get sample properties\n") or the file cannot be written.
+// GUI thread.
+int psynth_sample_save_xi(const char* path, int mod_num, psynth_net* net);

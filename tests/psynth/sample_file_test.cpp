@@ -555,6 +555,45 @@ TEST_F(RealWorldSampleFileTest, FailedLoadsIntoASlotLeaveTheInstrumentAsItWas) {
     expect_playable("after the failed loads");
 }
 
+// XI files written from the instrument load back into the same chunks, byte for byte; a
+// float sample travels as 16-bit values.
+TEST_F(SampleFileTest, SavedXiInstrumentsLoadBackTheSame) {
+    auto chunks = [&] {
+        std::string s;
+        for (int c = 0; c < 1 + 2 * (ins() ? ins()->samples_num : 0); c++) {
+            int size = 0;
+            psynth_get_chunk_info(mod, c, &size, nullptr, nullptr, &net);
+            s += std::string((const char*)psynth_get_chunk(mod, c, &net), size) + "|";
+        }
+        return s;
+    };
+    for (bool pp : {false, true}) {
+        write("t.xi", make_xi(pp, kXiSamples));
+        ASSERT_EQ(load("t.xi"), 0);
+        const std::string loaded = chunks();
+        ASSERT_EQ(psynth_sample_save_xi(path("s.xi").c_str(), mod, &net), 0);
+        EXPECT_EQ(read("s.xi").substr(64, 2), pp ? "PP" : std::string("\x02\x01", 2));
+        ASSERT_EQ(load("s.xi"), 0) << psynth_sample_load_error();
+        EXPECT_TRUE(chunks() == loaded) << (pp ? "PP" : "plain");
+        EXPECT_EQ(info(1), (std::vector<int>{32, 2 | 8, 44100}));
+        ASSERT_EQ(psynth_sample_save_xi(path("s2.xi").c_str(), mod, &net), 0);
+        EXPECT_EQ(read("s2.xi"), read("s.xi"));
+    }
+    sox("f.wav", 2, "-e floating-point -b 32", 9001, 50);
+    ASSERT_EQ(load("f.wav"), 0);
+    ASSERT_EQ(psynth_sample_save_xi(path("f.xi").c_str(), mod, &net), 0);
+    ASSERT_EQ(load("f.xi"), 0);
+    EXPECT_STREQ(ins()->name, "f.wav");
+    EXPECT_EQ(header(0)->type, 0x10 | 0x40);
+    EXPECT_EQ(header(0)->length, 50u);
+    for (int i = 0; i < 100; i++) ASSERT_EQ(at<int16_t>(0, i), value_at(i / 2, i % 2)) << i;
+    // Without an instrument nothing is written.
+    psynth_free_chunks(mod, &net);
+    write("keep.xi", "old");
+    EXPECT_NE(psynth_sample_save_xi(path("keep.xi").c_str(), mod, &net), 0);
+    EXPECT_EQ(read("keep.xi"), "old");
+}
+
 TEST_F(SampleFileTest, FilesCutShortAtEveryLengthFailAndStayPlayable) {
     sox("small.wav", 2, "-b 16 -t wavpcm", 44100, 20);
     sox("small.aifc", 2, "-b 24", 44100, 20);
