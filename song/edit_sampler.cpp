@@ -4,8 +4,11 @@
 #include "song/edit_sampler.h"
 
 #include <cmath>
+#include <cstdio>
 #include <cstring>
 
+#include "engine/file.h"
+#include "engine/log.h"
 #include "engine/memory.h"
 #include "psynth/sample_edit.h"
 #include "psynth/sample_file.h"
@@ -25,6 +28,7 @@ constexpr int kVibratoTypes = 4;
 constexpr int kFadeoutMax = 65535;
 constexpr int kRateMax = 1000000;
 constexpr const char* kRecordingName = "recording";
+constexpr int kCentrePanning = 128;
 
 // Merge keys of the edits whose runs merge (par3 of their actions): kind << 8 | detail.
 enum : uint32_t {
@@ -628,39 +632,110 @@ int zelfon_sampler_save_xi(int mod, const char* path, const zelfon_song* song) {
 
 // ---- Recording ----
 
+namespace {
+
+constexpr int kPathSize = 64;
+constexpr const char* kRecordingFile = "3:/sampler_%d_recording";
+constexpr const char* kRecordingWriteError = "Sample recording error: can't write to file\n";
+constexpr const char* kRecordingLost = "Sample recording error: frames lost\n";
+
+void recording_path(int mod, char* path) { snprintf(path, kPathSize, kRecordingFile, mod); }
+
+int64_t file_size(const char* path) {
+    int h = v3_open(path, "rb");
+    if (!h) return 0;
+    v3_seek(h, 0, V3_SEEK_END);
+    const int64_t size = v3_tell(h);
+    v3_close(h);
+    return size;
+}
+
+}  // namespace
+
 int zelfon_sampler_record(int mod, int on, int every_second_frame, zelfon_song* song) {
     if (!is_sampler(mod, song)) return ZELFON_EDIT_NO_MODULE;
+    char path[kPathSize];
+    recording_path(mod, path);
+    v3_remove(path);
     return psynth_sampler_record(mod, on, every_second_frame, net_of(song)) ? ZELFON_EDIT_NO_MEMORY : ZELFON_EDIT_OK;
+}
+
+int zelfon_sampler_record_drain(int mod, zelfon_song* song) {
+    if (!is_sampler(mod, song)) return ZELFON_EDIT_NO_MODULE;
+    psynth_net* net = net_of(song);
+    tarvik_mutex* mutex = psynth_sampler_get_mutex(mod, net);
+    int channels = 0;
+    tarvik_mutex_lock(mutex);
+    const bool armed = psynth_sampler_get_take(mod, &channels, nullptr, net) != nullptr;
+    tarvik_mutex_unlock(mutex);
+    if (!armed) return ZELFON_EDIT_NO_SAMPLE;
+    // The block is made before the lock: the ring is copied out under it, written after.
+    const size_t frame_bytes = sizeof(int16_t) * (size_t)channels;
+    auto* copy = (int16_t*)mem_new(MEM_DYNAMIC, frame_bytes * PSYNTH_SAMPLER_RECORD_FRAMES, "sampler_drain");
+    if (!copy) return ZELFON_EDIT_NO_MEMORY;
+    char path[kPathSize];
+    recording_path(mod, path);
+    const int64_t drained = file_size(path) / (int64_t)frame_bytes;  // the frames the file holds
+    uint32_t written = 0;
+    tarvik_mutex_lock(mutex);
+    const int16_t* ring = psynth_sampler_get_take(mod, nullptr, &written, net);
+    int64_t first = drained, count = ring ? (int64_t)written - drained : 0;
+    if (count > PSYNTH_SAMPLER_RECORD_FRAMES) {  // the ring went round more than once since
+        first = (int64_t)written - PSYNTH_SAMPLER_RECORD_FRAMES;
+        count = PSYNTH_SAMPLER_RECORD_FRAMES;
+    }
+    for (int64_t f = 0; f < count; f++) {
+        memcpy(copy + f * channels, ring + ((first + f) % PSYNTH_SAMPLER_RECORD_FRAMES) * channels, frame_bytes);
+    }
+    tarvik_mutex_unlock(mutex);
+    if (first != drained) tarvik_log("%s", kRecordingLost);
+    int code = ZELFON_EDIT_OK;
+    if (count > 0) {
+        int h = v3_open(path, "ab");
+        bool ok = h && v3_write(copy, frame_bytes, (size_t)count, h) == (size_t)count;
+        if (h && v3_close(h)) ok = false;
+        if (!ok) {
+            tarvik_log("%s", kRecordingWriteError);
+            code = ZELFON_EDIT_LOAD_FAILED;
+        }
+    }
+    mem_free(copy);
+    return code;
 }
 
 int zelfon_edit_sample_from_recording(int mod, int slot, int rate, zelfon_song* song) {
     if (!is_sampler(mod, song)) return ZELFON_EDIT_NO_MODULE;
     if (slot < 0 || slot >= PSYNTH_SAMPLER_SAMPLES || !in_range(rate, 1, kRateMax)) return ZELFON_EDIT_OUTSIDE;
     psynth_net* net = net_of(song);
-    tarvik_mutex* mutex = psynth_sampler_get_mutex(mod, net);
-    // The ring is copied out under the mutex, which keeps the render from writing into it.
     int channels = 0;
-    uint32_t written = 0;
-    tarvik_mutex_lock(mutex);
-    const int16_t* ring = psynth_sampler_get_take(mod, &channels, &written, net);
-    const uint32_t frames = written < (uint32_t)PSYNTH_SAMPLER_RECORD_FRAMES ? written : PSYNTH_SAMPLER_RECORD_FRAMES;
-    int16_t* data = ring && frames ? (int16_t*)mem_new(MEM_DYNAMIC, (size_t)frames * channels * sizeof(int16_t), "sampler_recording") : nullptr;
-    if (data) {
-        const uint32_t first = written - frames;  // the oldest frame kept, as a count since the take began
-        for (uint32_t f = 0; f < frames; f++) {
-            const uint32_t at = (first + f) % PSYNTH_SAMPLER_RECORD_FRAMES;
-            memcpy(data + (size_t)f * channels, ring + (size_t)at * channels, sizeof(int16_t) * channels);
-        }
+    tarvik_mutex_lock(psynth_sampler_get_mutex(mod, net));
+    const bool armed = psynth_sampler_get_take(mod, &channels, nullptr, net) != nullptr;
+    tarvik_mutex_unlock(psynth_sampler_get_mutex(mod, net));
+    if (!armed) return ZELFON_EDIT_NO_SAMPLE;
+    if (int code = zelfon_sampler_record_drain(mod, song)) return code;
+    char path[kPathSize];
+    recording_path(mod, path);
+    const int64_t bytes = file_size(path);
+    const int64_t frames = bytes / (int64_t)(sizeof(int16_t) * channels);
+    if (frames == 0) return ZELFON_EDIT_NO_SAMPLE;
+    if (bytes > INT32_MAX) return ZELFON_EDIT_NO_MEMORY;
+    uint8_t* data = (uint8_t*)mem_new(MEM_DYNAMIC, (size_t)bytes, "sampler_recording");
+    if (!data) return ZELFON_EDIT_NO_MEMORY;
+    int h = v3_open(path, "rb");
+    const bool ok = h && v3_read(data, 1, (size_t)bytes, h) == (size_t)bytes;
+    if (h) v3_close(h);
+    if (!ok) {
+        mem_free(data);
+        return ZELFON_EDIT_LOAD_FAILED;
     }
-    tarvik_mutex_unlock(mutex);
-    if (!data) return ring && frames ? ZELFON_EDIT_NO_MEMORY : ZELFON_EDIT_NO_SAMPLE;
     psynth_sampler_record(mod, 0, 0, net);
-    psynth_sampler_sample h = {};
-    h.length = frames;
-    h.volume = kVolumeMax;
-    h.panning = 128;
-    h.type = (uint8_t)(PSYNTH_SAMPLER_FORMAT_INT16 << PSYNTH_SAMPLER_FORMAT_SHIFT | (channels == 2 ? PSYNTH_SAMPLER_STEREO : 0));
-    h.finetune = (int8_t)psynth_sample_finetune_for_rate(rate);
-    memcpy(h.name, kRecordingName, strlen(kRecordingName));
-    return commit_new_sample(mod, slot, h, (uint8_t*)data, rate, song);
+    v3_remove(path);
+    psynth_sampler_sample header = {};
+    header.length = (uint32_t)frames;
+    header.volume = kVolumeMax;
+    header.panning = kCentrePanning;
+    header.type = (uint8_t)(PSYNTH_SAMPLER_FORMAT_INT16 << PSYNTH_SAMPLER_FORMAT_SHIFT | (channels == 2 ? PSYNTH_SAMPLER_STEREO : 0));
+    header.finetune = (int8_t)psynth_sample_finetune_for_rate(rate);
+    memcpy(header.name, kRecordingName, strlen(kRecordingName));
+    return commit_new_sample(mod, slot, header, data, rate, song);
 }

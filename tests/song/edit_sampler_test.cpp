@@ -318,9 +318,11 @@ TEST_F(EditSamplerTest, LoadsAndNewSamplesAreEditsAndFailedLoadsChangeNothing) {
     EXPECT_EQ(header(3)->type, 0x10 | 0x40);  // floats travel as 16-bit values in XI
 }
 
-// A take of the module's inputs becomes a 16-bit sample; without one there is nothing.
+// A take of the module's inputs, drained from the ring into its file as it goes, becomes a
+// 16-bit sample of all its frames, longer than the ring; without a take there is nothing.
 TEST_F(EditSamplerTest, RecordingBecomesASample) {
     edit([&] { return zelfon_edit_sample_from_recording(mod, 4, 44100, &song); }, ZELFON_EDIT_NO_SAMPLE);
+    EXPECT_EQ(zelfon_sampler_record_drain(mod, &song), ZELFON_EDIT_NO_SAMPLE);
     ASSERT_EQ(zelfon_sampler_record(mod, 1, 0, &song), ZELFON_EDIT_OK);
     edit([&] { return zelfon_edit_sample_from_recording(mod, 4, 44100, &song); }, ZELFON_EDIT_NO_SAMPLE);  // nothing yet
     // A generator into the Sampler, both into OUT: a played note is recorded.
@@ -331,15 +333,26 @@ TEST_F(EditSamplerTest, RecordingBecomesASample) {
     psynth_make_link(0, gen, net());
     psynth_event e = {PS_CMD_NOTE_ON, 1, 0, 60, 256, 60 * 256};
     psynth_add_event(gen, &e, net());
-    render(4096);
-    int channels = 0;
-    uint32_t written = 0;
-    ASSERT_NE(psynth_sampler_get_take(mod, &channels, &written, net()), nullptr);
-    ASSERT_GT(written, 0u);
+    std::vector<int16_t> taken;
+    for (int i = 0; i < 5; i++) {
+        render(32768);
+        ASSERT_EQ(zelfon_sampler_record_drain(mod, &song), ZELFON_EDIT_OK);
+        int channels = 0;
+        uint32_t written = 0;
+        const int16_t* ring = psynth_sampler_get_take(mod, &channels, &written, net());
+        ASSERT_NE(ring, nullptr);
+        for (uint32_t f = (uint32_t)taken.size() / 2; f < written; f++) {
+            taken.push_back(ring[2 * (f % 65536)]);
+            taken.push_back(ring[2 * (f % 65536) + 1]);
+        }
+    }
+    ASSERT_GT(taken.size(), 2u * 65536);
     edit([&] { return zelfon_edit_sample_from_recording(mod, 4, 44100, &song); });
-    EXPECT_EQ(header(4)->length, written);
+    EXPECT_EQ(header(4)->length, taken.size() / 2);
+    EXPECT_EQ(header(4)->type, 0x10 | 0x40);
     EXPECT_STREQ(header(4)->name, "recording");
     EXPECT_EQ(rate(4), 44100);
+    EXPECT_TRUE(frames16(4) == taken);
     EXPECT_EQ(psynth_sampler_get_take(mod, nullptr, nullptr, net()), nullptr);  // disarmed
 }
 
