@@ -111,10 +111,16 @@ int zelfon_sampler_save_wav(int mod, int slot, const char* path, const zelfon_so
 int zelfon_sampler_save_xi(int mod, const char* path, const zelfon_song* song);
 
 // ---- Recording ----
-// Arms (on) or stops recording the module's inputs into its 65536-frame ring
-// (psynth_sampler_record); the take begins anew at each start.
+// A take goes from the module's 65536-frame ring (psynth_sampler_record) into the file
+// "3:/sampler_<mod>_recording" (16-bit frames), so that it may last longer than the ring.
+// Arms (on: a new take, its file emptied) or stops recording the module's inputs.
 int zelfon_sampler_record(int mod, int on, int every_second_frame, zelfon_song* song);
-// Ends the take: its frames (the last 65536 at most, oldest first) become a 16-bit sample
-// "recording" in `slot` at `rate` (the net's rate, halved when every second frame was kept);
-// the ring is disarmed. NO_SAMPLE when nothing was recorded.
+// Appends what the render recorded since the last call to the take's file; call it more
+// often than the ring fills (every second at 44100 Hz). Frames the ring lost meanwhile are
+// left out ("Sample recording error: frames lost\n"). NO_SAMPLE when not recording,
+// LOAD_FAILED when the file cannot be written ("Sample recording error: can't write to file\n").
+int zelfon_sampler_record_drain(int mod, zelfon_song* song);
+// Ends the take: it is drained, and its frames become a 16-bit sample "recording" in `slot`
+// at `rate` (the net's rate, halved when every second frame was kept); the ring is disarmed
+// and the file removed. NO_SAMPLE when nothing was recorded.
 int zelfon_edit_sample_from_recording(int mod, int slot, int rate, zelfon_song* song);
