@@ -83,7 +83,9 @@ void free_blocks(zelfon_chunk_block* blocks, int count) {
 int swap_in(int mod, zelfon_chunk_block* blocks, int count, int table, psynth_net* net) {
     void* old[kMaxChunks] = {};
     int failed = 0;
+    // A Sampler's own mutex keeps its chunks; any other module's are the net's.
     tarvik_mutex* mutex = psynth_sampler_get_mutex(mod, net);
+    if (!mutex) mutex = &net->mutex;
     tarvik_mutex_lock(mutex);
     for (int i = 0; i < count; i++) {
         old[i] = psynth_take_chunk(mod, blocks[i].chunk, nullptr, nullptr, net);
@@ -158,7 +160,7 @@ int record(int mod, int slot, uint32_t key, zelfon_sampler_image* before, zelfon
 int zelfon_perform_sampler(int, undo_action* a, zelfon_song* song) {
     const int mod = (int)a->par1;
     auto* img = (zelfon_sampler_image*)a->data;
-    if (!img || !psynth_sampler_get_mutex(mod, song->net) || img->count > kMaxChunks) return 1;
+    if (!img || !zelfon_edit_synth(mod, song) || img->count > kMaxChunks) return 1;
     if (img->applied) {
         img->applied = 0;
         return 0;
