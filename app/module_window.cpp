@@ -13,6 +13,7 @@
 #include "gui/gui_fields.h"
 #include "gui/gui_items.h"
 #include "gui/gui_theme.h"
+#include "psynth/psynth_modules.h"
 #include "song/edit.h"
 #include "song/edit_net.h"
 
@@ -294,10 +295,27 @@ void studio_module_windows_draw(studio* st) {
         studio_place_window(0.22f + 0.03f * i, 0.10f + 0.04f * i);
         ImGui::SetNextWindowSize(ImVec2(ImGui::GetFontSize() * 30, 0), ImGuiCond_FirstUseEver);
         if (ImGui::Begin(title, &open)) {
-            draw_settings(st, mod);
-            draw_scope(st, mod);
-            ImGui::Separator();
-            for (int c = 0; c < net->modules[mod].ctls_count; c++) draw_controller(st, mod, c);
+            // Modules with a view of their own show it in a second tab.
+            const char* view = studio_module_view_name(mod, net);
+            bool tabs = view && ImGui::BeginTabBar("##views");
+            bool module_tab = !tabs || ImGui::BeginTabItem("Module");
+            if (tabs) gui_item_name("module.tab.module");
+            if (module_tab) {
+                draw_settings(st, mod);
+                draw_scope(st, mod);
+                ImGui::Separator();
+                for (int c = 0; c < net->modules[mod].ctls_count; c++) draw_controller(st, mod, c);
+                if (tabs) ImGui::EndTabItem();
+            }
+            if (tabs) {
+                bool shown = ImGui::BeginTabItem(view);
+                gui_item_name("module.tab.view");
+                if (shown) {
+                    studio_module_view_draw(st, i, mod);
+                    ImGui::EndTabItem();
+                }
+                ImGui::EndTabBar();
+            }
         }
         ImGui::End();
         if (!open) st->module_windows[i] = 0;

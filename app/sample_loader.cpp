@@ -1,6 +1,7 @@
 // A sample file (WAV, AIFF, AIFC, XI, raw data or a JPEG image) becomes a new Sampler
-// linked into Output. A file no reader knows takes the raw path with its questions:
-// "Load RAW", then the data format, then the channel count.
+// linked into Output, or goes into a slot (or the whole instrument) of a Sampler from its
+// editor, as an undoable edit. A file no reader knows takes the raw path with its
+// questions: "Load RAW", then the data format, then the channel count.
 #include <cstdio>
 #include <cstring>
 
@@ -8,6 +9,7 @@
 #include "engine/log.h"
 #include "psynth/psynth_modules.h"
 #include "psynth/sample_file.h"
+#include "song/edit_sampler.h"
 
 namespace {
 
@@ -17,6 +19,8 @@ constexpr const char* kSampleMask = "wav/aif/aiff/aifc/xi/raw/jpg/jpeg";
 struct raw_question {
     studio* st;
     int mod;
+    int slot;     // for the editor: the slot, or −1 for the instrument
+    bool editor;  // into an existing Sampler (undoable), else into the new one made for it
     int format;
     char path[STUDIO_PATH_SIZE];
 };
@@ -53,23 +57,40 @@ void loaded(studio* st, int mod, const char* path) {
     studio_status(st, "%s loaded into Sampler %d", base_name(path), mod);
 }
 
-// The loader's failure: its "!" text in a box, or a plain line.
-void failed(studio* st, int mod, const char* path) {
+// The raw path given up: a Sampler made for the file goes again.
+void give_up(const raw_question* q) {
+    if (!q->editor) remove_module(q->st, q->mod);
+}
+
+// The loader's failure: its "!" text in a box, or a plain line; a Sampler made for the file goes again.
+void failed(studio* st, int mod, const char* path, bool editor = false) {
     const char* why = psynth_sample_load_error();
     char text[STUDIO_PATH_SIZE + 128];
     if (why[0] == '!') snprintf(text, sizeof text, "%s", why);
     else snprintf(text, sizeof text, "!Cannot load %s\n%s", base_name(path), why[0] ? why : "The file cannot be opened.");
-    remove_module(st, mod);
+    if (!editor) remove_module(st, mod);
     studio_message(st, text, "OK", nullptr, nullptr);
+}
+
+void loaded_into_slot(studio* st, int mod, int slot, const char* path) {
+    studio_song_changed(st);
+    if (slot < 0) studio_status(st, "%s loaded as the instrument of %s", base_name(path), st->song->net->modules[mod].name);
+    else studio_status(st, "%s loaded into sample %d of %s", base_name(path), slot, st->song->net->modules[mod].name);
 }
 
 void answer_channels(int button, void* data) {
     raw_question* q = (raw_question*)data;
     if (button < 0 || button > 1) {
-        remove_module(q->st, q->mod);
+        give_up(q);
         return;
     }
     int channels = button == 0 ? 2 : 1;
+    if (q->editor) {
+        int result = zelfon_edit_sampler_load_raw(q->mod, q->slot, q->path, q->format, channels, q->st->song);
+        if (result == ZELFON_EDIT_OK) loaded_into_slot(q->st, q->mod, q->slot, q->path);
+        else failed(q->st, q->mod, q->path, true);
+        return;
+    }
     if (psynth_sample_load_raw(q->path, q->format, channels, q->mod, PSYNTH_SAMPLE_SLOT_INSTRUMENT, q->st->song->net)) {
         failed(q->st, q->mod, q->path);
         return;
@@ -80,7 +101,7 @@ void answer_channels(int button, void* data) {
 void answer_format(int button, void* data) {
     raw_question* q = (raw_question*)data;
     if (button < 0 || button > PSYNTH_SAMPLE_RAW_UINT8) {
-        remove_module(q->st, q->mod);
+        give_up(q);
         return;
     }
     q->format = button;  // the choices list the formats in their order
@@ -90,10 +111,17 @@ void answer_format(int button, void* data) {
 void answer_load_raw(int button, void* data) {
     raw_question* q = (raw_question*)data;
     if (button != 0) {
-        remove_module(q->st, q->mod);
+        give_up(q);
         return;
     }
     studio_message(q->st, PSYNTH_SAMPLE_BOX_DATA_FORMAT, PSYNTH_SAMPLE_BOX_RAW_FORMATS, answer_format, q);
+}
+
+// A file no reader knows: the raw path's first question.
+void ask_raw(studio* st, int mod, int slot, bool editor, const char* path) {
+    g_raw = raw_question{st, mod, slot, editor, 0, {}};
+    snprintf(g_raw.path, sizeof g_raw.path, "%s", path);
+    studio_message(st, PSYNTH_SAMPLE_BOX_NOT_RECOGNIZED, PSYNTH_SAMPLE_BOX_NOT_RECOGNIZED_BUTTONS, answer_load_raw, &g_raw);
 }
 
 }  // namespace
@@ -119,10 +147,29 @@ void studio_load_sample_path(studio* st, const char* path) {
     }
     if (result == 1 && !image && psynth_sample_not_recognized() &&
         psynth_sample_file_type_of_path(path) == PSYNTH_SAMPLE_FILE_UNKNOWN) {
-        g_raw = raw_question{st, mod, 0, {}};
-        snprintf(g_raw.path, sizeof g_raw.path, "%s", path);
-        studio_message(st, PSYNTH_SAMPLE_BOX_NOT_RECOGNIZED, PSYNTH_SAMPLE_BOX_NOT_RECOGNIZED_BUTTONS, answer_load_raw, &g_raw);
+        ask_raw(st, mod, PSYNTH_SAMPLE_SLOT_INSTRUMENT, false, path);
         return;
     }
     failed(st, mod, path);
+}
+
+void studio_sampler_load_path(studio* st, int mod, int slot, const char* path) {
+    bool image = psynth_sample_file_type_of_path(path) == PSYNTH_SAMPLE_FILE_JPEG;
+    zelfon_edit_begin(st->song);
+    int result = image ? zelfon_edit_sampler_load_raw(mod, slot, path, PSYNTH_SAMPLE_RAW_UINT8, 1, st->song)
+                       : zelfon_edit_sampler_load(mod, slot, path, 0, st->song);
+    if (result == ZELFON_EDIT_OK) {
+        loaded_into_slot(st, mod, slot, path);
+        return;
+    }
+    if (result == ZELFON_EDIT_LOAD_FAILED && !image && psynth_sample_not_recognized() &&
+        psynth_sample_file_type_of_path(path) == PSYNTH_SAMPLE_FILE_UNKNOWN) {
+        ask_raw(st, mod, slot, true, path);
+        return;
+    }
+    if (result == ZELFON_EDIT_NO_MEMORY) {
+        studio_message(st, "!Not enough memory for the sample", "OK", nullptr, nullptr);
+        return;
+    }
+    failed(st, mod, path, true);
 }

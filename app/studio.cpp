@@ -164,6 +164,14 @@ void dispatch_file_dialog(studio* st) {
         studio_load_sample_path(st, st->file_dialog.result);
         return;
     }
+    if (purpose == STUDIO_FILE_SAMPLER_LOAD || purpose == STUDIO_FILE_SAMPLER_SAVE_WAV || purpose == STUDIO_FILE_SAMPLER_SAVE_XI) {
+        studio_sampler_file_chosen(st, purpose, st->file_dialog.result);
+        return;
+    }
+    if (purpose == STUDIO_FILE_VORBIS_LOAD) {
+        studio_vorbis_file_chosen(st, st->file_dialog.result);
+        return;
+    }
     if (purpose == STUDIO_FILE_LOAD_MODULE) {
         studio_net_load_module(st, st->file_dialog.result);
         return;
@@ -444,6 +452,7 @@ int studio_run(const char* song_path, const char* script_path) {
     studio_safe_start_done();  // an orderly end, even before the first frame
     store_layout(st);
     save_window_places();
+    studio_sampler_editor_free(st);
     gui_file_dialog_free(&st->file_dialog);
     gui_script_free(&st->script);
     studio_log_close(st);

@@ -15,7 +15,9 @@
 #include "gui/gui_file_dialog.h"
 #include "gui/gui_message_box.h"
 #include "gui/gui_meters.h"
+#include "gui/gui_point_editor.h"
 #include "gui/gui_script.h"
+#include "gui/gui_waveform.h"
 #include "gui/gui_window.h"
 #include "song/song.h"
 
@@ -41,6 +43,10 @@ enum studio_file_purpose : int {
     STUDIO_FILE_IMPORT,
     STUDIO_FILE_LOAD_MODULE,
     STUDIO_FILE_SAVE_MODULE,
+    STUDIO_FILE_SAMPLER_LOAD,      // into st->sampler_target's slot, or its whole instrument
+    STUDIO_FILE_SAMPLER_SAVE_WAV,
+    STUDIO_FILE_SAMPLER_SAVE_XI,
+    STUDIO_FILE_VORBIS_LOAD,       // into the Vorbis player st->sampler_target_mod
     STUDIO_FILE_PURPOSES
 };
 
@@ -175,6 +181,28 @@ struct studio_preferences {
     char message[128];
 };
 
+// A Sampler editor's view (one per module window): the sample shown, zoom and scroll, the
+// selection, what the mouse holds, and the waveform's overview of the frames shown.
+struct studio_sampler_view {
+    int mod;                        // the Sampler it was set up for (−1: none yet)
+    int slot;                       // the sample shown, 0..15
+    double first;                   // the frame at the left edge
+    double frames_per_pixel;        // 0: the whole sample fits
+    int64_t sel_start, sel_length;  // the selection in frames (length 0: none)
+    int64_t sel_anchor;             // where the selecting drag began
+    int handle;                     // the loop handle held: 0 none, 1 start, 2 end
+    gui_waveform wave;
+    const void* wave_frames;        // the frames the overview was built from
+    int64_t wave_length;
+    int wave_type;
+    gui_point_editor_state env[2];  // volume, panning
+    int piano_from;                 // the note a drag on the note map began at, −1 none
+    int number;                     // the rate or length the resampling commands take
+    int recording;                  // its Record button armed the Sampler's recording
+};
+
+struct zelfon_sample_clip;
+
 struct studio {
     gui_window win;
     gui_script script;
@@ -213,6 +241,9 @@ struct studio {
     studio_timeline timeline;
     studio_net_view net;
     int module_windows[STUDIO_MODULE_WINDOWS];  // module number + 1 of each open window, 0 = none
+    studio_sampler_view sampler_views[STUDIO_MODULE_WINDOWS];
+    zelfon_sample_clip* sample_clip;             // the Sampler editor's clipboard
+    int sampler_target_mod, sampler_target_slot; // where a chosen sample or Ogg file goes (slot −1: the instrument)
     int learn_module, learn_ctl;  // the controller waiting for a MIDI controller to learn (−1 none)
     // The last controller move written while playing: one sweep of a knob is one undo step.
     int recorded_module, recorded_ctl;

@@ -112,9 +112,25 @@ void studio_files_update_title(studio* st);
 // Opens the file dialog for `purpose` with the last folder used for it.
 void studio_files_dialog(studio* st, int purpose, const char* title, const char* mask, int save, const char* name);
 
+// ---- module_views.cpp: a module's own view, the second tab of its window ----
+// The tab's name, or null for a module with controllers only.
+const char* studio_module_view_name(int mod, const psynth_net* net);
+void studio_module_view_draw(studio* st, int window, int mod);
+// An Ogg Vorbis file chosen for STUDIO_FILE_VORBIS_LOAD.
+void studio_vorbis_file_chosen(studio* st, const char* path);
+
+// ---- sampler_editor.cpp: the Sampler editor tab of a Sampler's module window ----
+void studio_sampler_editor_draw(studio* st, int window, int mod);
+// A file chosen for STUDIO_FILE_SAMPLER_LOAD, _SAVE_WAV or _SAVE_XI (st->sampler_target_*).
+void studio_sampler_file_chosen(studio* st, int purpose, const char* path);
+void studio_sampler_editor_free(studio* st);
+
 // ---- sample_loader.cpp: a sample file into a new Sampler ----
 void studio_load_sample(studio* st);
 void studio_load_sample_path(studio* st, const char* path);
+// A sample file into a Sampler's slot (−1: the whole instrument), as an undoable edit; the
+// raw path's questions when no reader knows it.
+void studio_sampler_load_path(studio* st, int mod, int slot, const char* path);
 
 // ---- song_properties.cpp, preferences.cpp, export_dialog.cpp, cpu_monitor.cpp, log_window.cpp ----
 void studio_song_properties_draw(studio* st);

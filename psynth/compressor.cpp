@@ -312,3 +312,11 @@ intptr_t psynth_compressor(int mod_num, psynth_event* event, psynth_net* net) {
     default: return 0;
     }
 }
+
+int psynth_compressor_history(int mod_num, psynth_compressor_view* view, psynth_net* net) {
+    if (mod_num < 0 || mod_num >= net->slots || net->modules[mod_num].handler != psynth_compressor) return 1;
+    const compressor_data* d = psynth_module_data<compressor_data>(mod_num, net);
+    if (!d) return 1;
+    *view = psynth_compressor_view{d->history_level, d->history_gain, kHistorySize, d->history_index};
+    return 0;
+}

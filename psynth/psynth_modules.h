@@ -75,6 +75,18 @@ intptr_t psynth_kicker(int mod_num, psynth_event* event, psynth_net* net);     /
 intptr_t psynth_drumsynth(int mod_num, psynth_event* event, psynth_net* net);  // drumsynth.cpp
 intptr_t psynth_spectravoice(int mod_num, psynth_event* event, psynth_net* net);  // additive_synth.cpp (SpectraVoice)
 
+// The Compressor's plot: level and gain bytes (128 = 1.0) of its last periods, in a ring
+// whose next entry is `next`. Read by the GUI while the sound thread writes: a torn entry
+// only draws one wrong pixel for a frame.
+struct psynth_compressor_view {
+    const uint8_t* level;
+    const uint8_t* gain;
+    int size;
+    int next;
+};
+// Returns 0, or 1 when the module is not a Compressor.
+int psynth_compressor_history(int mod_num, psynth_compressor_view* view, psynth_net* net);
+
 // The module types that can be created by name (psynth_registry.cpp). Handlers answer
 // GET_SYNTH_NAME for module index −1 without touching the net.
 int psynth_get_module_types_count();

@@ -514,15 +514,17 @@ static bool grow_chunk_tables(psynth_module* mod, int old_count, int count) {
            grow_array(&mod->chunk_rates, old_count, count);
 }
 
-int psynth_new_chunk(int mod_num, int chunk, int size, int flags, int rate, psynth_net* net) {
-    if (!module_index_ok(mod_num, net) || chunk < 0 || size < 0) return 1;
+// Makes room for chunk number `chunk` (at least 16 numbers at the first).
+static bool make_room_for_chunk(int mod_num, int chunk, psynth_net* net) {
     psynth_module* mod = &net->modules[mod_num];
     int count = psynth_get_chunks_count(mod_num, net);
-    if (count == 0) {
-        if (!grow_chunk_tables(mod, 0, chunk + 1 > 16 ? chunk + 1 : 16)) return 1;
-    } else if (chunk >= count) {
-        if (!grow_chunk_tables(mod, count, chunk + 1)) return 1;
-    }
+    if (count == 0) return grow_chunk_tables(mod, 0, chunk + 1 > 16 ? chunk + 1 : 16);
+    return chunk < count || grow_chunk_tables(mod, count, chunk + 1);
+}
+
+int psynth_new_chunk(int mod_num, int chunk, int size, int flags, int rate, psynth_net* net) {
+    if (!module_index_ok(mod_num, net) || chunk < 0 || size < 0 || !make_room_for_chunk(mod_num, chunk, net)) return 1;
+    psynth_module* mod = &net->modules[mod_num];
     mem_free(mod->chunks[chunk]);
     mod->chunks[chunk] = mem_new(MEM_DYNAMIC, (size_t)size, "psynth_new_chunk");
     mem_zero(mod->chunks[chunk]);
@@ -563,6 +565,60 @@ void psynth_free_chunk(int mod_num, int chunk, psynth_net* net) {
     if (chunk < 0 || chunk >= psynth_get_chunks_count(mod_num, net)) return;
     mem_free(net->modules[mod_num].chunks[chunk]);
     net->modules[mod_num].chunks[chunk] = nullptr;
+}
+
+void* psynth_take_chunk(int mod_num, int chunk, int* flags, int* rate, psynth_net* net) {
+    if (chunk < 0 || chunk >= psynth_get_chunks_count(mod_num, net)) return nullptr;
+    psynth_module* mod = &net->modules[mod_num];
+    if (flags) *flags = mod->chunk_flags[chunk];
+    if (rate) *rate = mod->chunk_rates[chunk];
+    void* data = mod->chunks[chunk];
+    mod->chunks[chunk] = nullptr;
+    return data;
+}
+
+int psynth_put_chunk(int mod_num, int chunk, void* data, int flags, int rate, psynth_net* net) {
+    if (!data) {
+        psynth_free_chunk(mod_num, chunk, net);
+        psynth_set_chunk_info(mod_num, chunk, flags, rate, net);
+        return 0;
+    }
+    if (!module_index_ok(mod_num, net) || chunk < 0 || !make_room_for_chunk(mod_num, chunk, net)) {
+        mem_free(data);
+        return 1;
+    }
+    psynth_module* mod = &net->modules[mod_num];
+    mem_free(mod->chunks[chunk]);
+    mod->chunks[chunk] = data;
+    mod->chunk_flags[chunk] = flags;
+    mod->chunk_rates[chunk] = rate;
+    return 0;
+}
+
+int psynth_set_chunks_count(int mod_num, int count, psynth_net* net) {
+    if (!module_index_ok(mod_num, net) || count < 0) return 1;
+    psynth_module* mod = &net->modules[mod_num];
+    const int now = psynth_get_chunks_count(mod_num, net);
+    if (count == now) return 0;
+    if (count == 0) {
+        psynth_free_chunks(mod_num, net);
+        return 0;
+    }
+    if (count > now) return grow_chunk_tables(mod, now, count) ? 0 : 1;
+    // The flag and rate arrays shrink first: the count is read from the chunk array.
+    int* flags = (int*)mem_resize(mod->chunk_flags, sizeof(int) * count);
+    int* rates = flags ? (int*)mem_resize(mod->chunk_rates, sizeof(int) * count) : nullptr;
+    if (flags) mod->chunk_flags = flags;
+    if (rates) mod->chunk_rates = rates;
+    if (!rates) return 1;
+    for (int i = count; i < now; i++) mem_free(mod->chunks[i]);
+    void** chunks = (void**)mem_resize(mod->chunks, sizeof(void*) * count);
+    if (!chunks) {
+        for (int i = count; i < now; i++) mod->chunks[i] = nullptr;  // the longer table stays, empty beyond `count`
+        return 1;
+    }
+    mod->chunks = chunks;
+    return 0;
 }
 
 void psynth_free_chunks(int mod_num, psynth_net* net) {

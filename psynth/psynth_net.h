@@ -293,8 +293,18 @@ void psynth_set_chunk_info(int mod_num, int chunk, int flags, int rate, psynth_n
 // Resizes a chunk's data keeping its contents; null when the chunk is empty.
 void* psynth_resize_chunk(int mod_num, int chunk, int new_size, psynth_net* net);
 void psynth_free_chunk(int mod_num, int chunk, psynth_net* net);
+// Takes chunk `chunk`'s block out of the module, leaving the number empty: the caller owns
+// the block (and gets its flags and rate, each output optional). Null when there is none.
+void* psynth_take_chunk(int mod_num, int chunk, int* flags, int* rate, psynth_net* net);
+// Puts the memory-manager block `data` (or null) in as chunk `chunk`, freeing what was
+// there. Returns 0, or 1 when the chunk table could not grow (`data` is then freed).
+int psynth_put_chunk(int mod_num, int chunk, void* data, int flags, int rate, psynth_net* net);
 void psynth_free_chunks(int mod_num, psynth_net* net);
 int psynth_get_chunks_count(int mod_num, psynth_net* net);
+// Makes the chunk table `count` numbers long (0: no table, as after psynth_free_chunks):
+// chunks beyond it are freed, added numbers are empty. Returns 0, or 1 when memory ran out
+// (the table is then as it was).
+int psynth_set_chunks_count(int mod_num, int count, psynth_net* net);
 
 // ---- MIDI out ----
 

@@ -4,6 +4,7 @@
 // (byte order, 24-bit to float, unsigned to signed, deltas to values).
 #include "psynth/sample_file.h"
 
+#include <algorithm>
 #include <climits>
 #include <cmath>
 #include <cstdarg>
@@ -16,6 +17,8 @@
 #include "image/jpeg.h"
 #include "psynth/psynth_modules.h"
 #include "psynth/psynth_tables.h"
+#include "psynth/sample_edit.h"
+#include "psynth/sample_values.h"
 #include "psynth/sampler.h"
 
 namespace {
@@ -23,6 +26,7 @@ namespace {
 constexpr int kErrorSize = 256;
 char g_error[kErrorSize];
 bool g_not_recognized;
+bool g_quiet;  // a reading that may yet give way to another keeps its message off the log
 
 // Finetune from the rate: the pitch-table period nearest to the rate, counted from 7680
 // (ten octaves of 768) down; its position within a semitone (64 periods) gives the finetune.
@@ -30,7 +34,6 @@ constexpr int kPeriods = 7680;
 constexpr int kPeriodsPerSemitone = 64;
 constexpr int kFinetunePerPeriod = 2;
 
-constexpr float kInt24Scale = 1.0f / 8388608.0f;  // 2^−23: full-scale 24-bit values become ±1
 constexpr uint8_t kSignFlip = 0x80;                 // unsigned 8-bit ↔ signed: ±128
 constexpr int kFullVolume = 64;
 constexpr int kCentrePanning = 128;
@@ -43,12 +46,24 @@ constexpr int kChunkHeader = 8;
 constexpr int kFmtFields = 16;
 constexpr int kWavTagPcm = 1;
 constexpr int kWavTagFloat = 3;
+constexpr int kWavTagAlaw = 6;
+constexpr int kWavTagUlaw = 7;
+constexpr int kWavTagExtensible = 0xFFFE;
+constexpr int kFmtExtensibleFields = 40;  // + size of the extension, valid bits, channel mask, sub-format
+constexpr int kFmtSubFormat = 24;          // a GUID whose first two bytes are the format tag
+constexpr uint8_t kSubFormatTail[14] = {0x00, 0x00, 0x00, 0x00, 0x10, 0x00, 0x80, 0x00, 0x00, 0xAA, 0x00, 0x38, 0x9B, 0x71};
+constexpr int kSmplFields = 36;     // "smpl": maker, product, period, unity note, fraction, SMPTE, loop count, extra
+constexpr int kSmplLoopCount = 28;
+constexpr int kSmplLoop = 24;       // cue id, type, first frame, last frame, fraction, play count
+constexpr uint32_t kSmplPingPong = 1;
 constexpr int kWavHeaderSize = 44;
 constexpr int kWavSizeAfterRiff = 36;  // "WAVE", the fmt chunk and the data chunk's header
 
 // AIFF / AIFC layout.
 constexpr int kCommFields = 18;  // channels, frames, bits, 80-bit rate
 constexpr int kSsndFields = 8;   // offset, block size
+constexpr int kAifcCompression = 4;  // AIFC's COMM: the compression type, then its name
+constexpr int kDecodeBlock = 24576;  // bytes decoded at a time: whole values of 1, 2, 3, 4 and 8 bytes
 
 // XI layout (after the 12 bytes that chose the reader).
 constexpr int kXiSignatureRest = 9;
@@ -60,6 +75,15 @@ constexpr int kXiExtraOffset = 244;
 constexpr int kXiExtraBytes = 5;
 constexpr int kXiExtraReserved = 17;
 constexpr int kXiReserved = 22;
+// Writing: the whole head up to the sample count.
+constexpr const char* kXiSignature = "Extended Instrument: ";
+constexpr const char* kXiTracker = "Zelfon";
+constexpr uint8_t kXiEof = 0x1A;
+constexpr int kXiTrackerOffset = 44;
+constexpr int kXiTrackerName = 20;
+constexpr int kXiVersionOffset = 64;
+constexpr int kXiFileInstrument = 66;  // where the 208 bytes of the record stand in the file
+constexpr int kXiHeadSize = kXiFileInstrument + kXiInstrumentBytes + kXiReserved + 2;
 
 // ---- Errors ----
 
@@ -69,7 +93,7 @@ void report(const char* format, ...) {
     vsnprintf(g_error, sizeof(g_error), format, args);
     va_end(args);
     size_t n = strlen(g_error);
-    tarvik_log(n && g_error[n - 1] == '\n' ? "%s" : "%s\n", g_error);  // message-box texts end in no newline
+    if (!g_quiet) tarvik_log(n && g_error[n - 1] == '\n' ? "%s" : "%s\n", g_error);  // message-box texts end in no newline
 }
 
 // A four-character code as printable text.
@@ -160,60 +184,118 @@ void update_sample_count(psynth_sampler_instrument* ins, int mod_num, psynth_net
     ins->samples_num = (uint16_t)count;
 }
 
-// ---- Value conversions, in place in the data chunk ----
+// ---- Reading values into a sample ----
 
-// 24-bit values packed at the start of `data` become floats × 2^−23, four bytes each,
-// from the last value backwards so that no value is overwritten before it is read.
-void int24_to_float(uint8_t* data, int64_t values, byte_order order) {
-    for (int64_t i = values - 1; i >= 0; i--) {
-        const uint8_t* b = data + 3 * i;
-        uint32_t u = order == kLittle ? (b[0] | b[1] << 8 | (uint32_t)b[2] << 16) : (b[2] | b[1] << 8 | (uint32_t)b[0] << 16);
-        int32_t v = (int32_t)(u << 8) >> 8;  // sign-extend from 24 bits
-        float f = (float)v * kInt24Scale;
-        memcpy(data + 4 * i, &f, sizeof(f));
+// Where a file keeps its sample and how: what a reader finds before anything is created.
+struct sample_layout {
+    psynth_sample_coding coding;
+    int channels;
+    int rate;
+    int64_t offset;  // of the first value
+    uint32_t size;   // bytes of values
+    // A loop the file gives ("smpl"), in frames with an inclusive end, checked against the
+    // sample's length only when it is applied.
+    bool loop;
+    uint32_t loop_start, loop_last;
+    uint8_t loop_type;
+};
+
+// Chunks of a slot taken out before a load into it and put back when it fails, so that
+// a failed load leaves the instrument as it was.
+struct slot_backup {
+    int count;
+    struct {
+        int chunk;
+        void* data;
+        int flags, rate;
+    } c[3];
+};
+
+slot_backup take_slot(const target& t) {
+    slot_backup b = {};
+    if (t.slot < 0) return b;
+    int chunks[3] = {psynth_sampler_header_chunk(t.slot), psynth_sampler_data_chunk(t.slot), PSYNTH_SAMPLER_INSTRUMENT_CHUNK};
+    const int count = instrument_of(t.mod_num, t.net) ? 2 : 3;  // a broken instrument record is remade: keep it too
+    for (int i = 0; i < count; i++) {
+        auto& e = b.c[b.count++];
+        e.chunk = chunks[i];
+        e.data = psynth_take_chunk(t.mod_num, chunks[i], &e.flags, &e.rate, t.net);
+    }
+    return b;
+}
+
+void put_back(const slot_backup& b, const target& t) {
+    bool instrument_taken = false;
+    for (int i = 0; i < b.count; i++) {
+        psynth_put_chunk(t.mod_num, b.c[i].chunk, b.c[i].data, b.c[i].flags, b.c[i].rate, t.net);
+        instrument_taken |= b.c[i].chunk == PSYNTH_SAMPLER_INSTRUMENT_CHUNK;
+    }
+    if (psynth_sampler_instrument* ins = instrument_taken ? nullptr : instrument_of(t.mod_num, t.net)) {
+        update_sample_count(ins, t.mod_num, t.net);
     }
 }
 
-void swap_values(uint8_t* data, int64_t values, int bytes) {
-    for (int64_t i = 0; i < values; i++) {
-        uint8_t* v = data + i * bytes;
-        for (int a = 0, b = bytes - 1; a < b; a++, b--) {
-            uint8_t t = v[a];
-            v[a] = v[b];
-            v[b] = t;
-        }
+void drop(const slot_backup& b) {
+    for (int i = 0; i < b.count; i++) mem_free(b.c[i].data);
+}
+
+// Reads and decodes up to `values` values at the file's position into `out`. Returns the
+// whole values read.
+int64_t read_decoded(const reader& r, const psynth_sample_coding& c, int64_t values, uint8_t* out) {
+    if (psynth_sample_decode_is_copy(c)) return (int64_t)v3_read(out, 1, (size_t)(values * c.bytes), r.h) / c.bytes;
+    uint8_t block[kDecodeBlock];
+    const int64_t per_block = sizeof(block) / c.bytes;
+    const int out_bytes = psynth_sample_decoded_bits(c) / 8;
+    int64_t done = 0;
+    while (done < values) {
+        const int64_t n = values - done < per_block ? values - done : per_block;
+        const int64_t whole = (int64_t)v3_read(block, 1, (size_t)(n * c.bytes), r.h) / c.bytes;
+        psynth_sample_decode(c, block, whole, out + done * out_bytes);
+        done += whole;
+        if (whole < n) break;
     }
+    return done;
 }
 
-void flip_signs(uint8_t* data, int64_t count) {
-    for (int64_t i = 0; i < count; i++) data[i] ^= kSignFlip;  // b − 128 as a signed byte
+// The file's loop on a sample of `frames` frames: a start beyond the sample or an end
+// before the start drops it, an end beyond the sample is cut to the last frame.
+void apply_loop(const sample_layout& l, psynth_sampler_sample* h) {
+    const int64_t frames = h->length;
+    const int64_t start = l.loop_start;
+    const int64_t end = (int64_t)l.loop_last + 1 < frames ? (int64_t)l.loop_last + 1 : frames;
+    if (!l.loop || start >= frames || end <= start) return;
+    h->loop_start = (uint32_t)start;
+    h->loop_length = (uint32_t)(end - start);
+    h->type = (uint8_t)((h->type & ~PSYNTH_SAMPLER_LOOP_MASK) | l.loop_type);
 }
 
-// Reads `size` bytes of sample values (`bits` 8, 16, 24, 32) into a new sample and
-// converts them: 24-bit becomes float, `order` big swaps bytes, `unsigned8` flips signs.
-int read_values(const reader& r, uint32_t size, int bits, int channels, int rate, byte_order order, bool unsigned8,
-                const target& t) {
-    const int in_bytes = bits / 8;
-    const int stored_bits = bits == 24 ? 32 : bits;
-    const int64_t values = size / in_bytes;
-    const int64_t stored = values * (stored_bits / 8);
-    const int64_t wanted = values * in_bytes;
+// Creates the sample the layout describes and reads its values in. A file cut short
+// leaves silence after what was read and fails; a failed load into a slot puts the
+// slot back as it was. GUI thread, with the module's mutex held.
+int read_layout(const reader& r, const sample_layout& l, const target& t) {
+    const int bits = psynth_sample_decoded_bits(l.coding);
+    const int64_t values = l.size / l.coding.bytes;
+    const int64_t stored = values * (bits / 8);
     if (stored > INT_MAX) {
         report(PSYNTH_SAMPLE_MSG_CANT_CREATE);
         return 1;
     }
-    uint8_t* data = (uint8_t*)psynth_sample_create(t.name, (int)stored, stored_bits, channels, rate, t.slot, t.mod_num, t.net);
-    if (!data) return 1;
-    int64_t got = (int64_t)v3_read(data, 1, (size_t)wanted, r.h);
-    if (got < wanted) memset(data + got, 0, (size_t)(wanted - got));  // a cut-short file leaves silence, not garbage
-    r.skip(size - wanted);
-    if (bits == 24) int24_to_float(data, values, order);
-    else if (order == kBig && in_bytes > 1) swap_values(data, values, in_bytes);
-    if (bits == 8 && unsigned8) flip_signs(data, values);
-    if (got < wanted) {
-        report(PSYNTH_SAMPLE_MSG_CUT_SHORT);
+    const slot_backup backup = take_slot(t);
+    uint8_t* data = (uint8_t*)psynth_sample_create(t.name, (int)stored, bits, l.channels, l.rate, t.slot, t.mod_num, t.net);
+    if (!data) {
+        put_back(backup, t);
         return 1;
     }
+    v3_seek(r.h, l.offset, V3_SEEK_SET);
+    const int64_t got = read_decoded(r, l.coding, values, data);
+    if (got < values) {
+        memset(data + got * (bits / 8), 0, (size_t)((values - got) * (bits / 8)));  // silence, not garbage
+        report(PSYNTH_SAMPLE_MSG_CUT_SHORT);
+        put_back(backup, t);
+        return 1;
+    }
+    apply_loop(l, header_of(t.slot < 0 ? 0 : t.slot, t.mod_num, t.net));
+    drop(backup);
     return 0;
 }
 
@@ -231,46 +313,92 @@ bool channels_supported(int channels) {
 
 int clamp_rate(uint32_t rate) { return rate > INT_MAX ? INT_MAX : (int)rate; }
 
+// Integer values of 8, 16, 24 or 32 bits: 24-bit ones become floats, 32-bit ones are kept
+// as they are or, with `int32_to_float`, become floats too.
+psynth_sample_coding integer_coding(int bits, byte_order order, bool unsigned8, bool int32_to_float) {
+    const bool big = order == kBig;
+    if (bits == 8) return {unsigned8 ? PSYNTH_SAMPLE_UINT8 : PSYNTH_SAMPLE_INT, 1, false};
+    if (bits == 24) return {PSYNTH_SAMPLE_INT24_FLOAT, 3, big};
+    if (bits == 32 && int32_to_float) return {PSYNTH_SAMPLE_INT32_FLOAT, 4, big};
+    return {PSYNTH_SAMPLE_INT, bits / 8, big};
+}
+
 // ---- WAV ----
 
-int read_wav(const reader& r, const target& t) {
-    int tag = kWavTagPcm, channels = 1, rate = PSYNTH_SAMPLE_DEFAULT_RATE, bits = 16;
+// The coding of a WAV format tag's values (an extensible header's sub-format gives the
+// tag). False, with the message reported, when nothing here decodes them.
+bool wav_coding(int tag, int bits, bool extensible, psynth_sample_coding* c) {
+    const bool pcm_bits = bits == 8 || bits == 16 || bits == 24 || bits == 32;
+    if (tag == kWavTagPcm && pcm_bits) {
+        *c = integer_coding(bits, kLittle, true, extensible);  // plain 32-bit PCM is kept as it is
+        return true;
+    }
+    if (tag == kWavTagFloat && (bits == 32 || bits == 64)) {
+        *c = {PSYNTH_SAMPLE_FLOAT, bits / 8, false};
+        return true;
+    }
+    if ((tag == kWavTagAlaw || tag == kWavTagUlaw) && bits == 8) {
+        *c = {tag == kWavTagAlaw ? PSYNTH_SAMPLE_ALAW : PSYNTH_SAMPLE_ULAW, 1, false};
+        return true;
+    }
+    const bool known = tag == kWavTagPcm || tag == kWavTagFloat || tag == kWavTagAlaw || tag == kWavTagUlaw;
+    if (known || !pcm_bits) report(PSYNTH_SAMPLE_MSG_BITS, bits);
+    else report(PSYNTH_SAMPLE_MSG_NOT_PCM);
+    return false;
+}
+
+// The first loop of a "smpl" chunk of `size` bytes at the file's position; a chunk too
+// short for one loop gives none.
+void read_smpl(const reader& r, uint32_t size, sample_layout* l) {
+    uint8_t s[kSmplFields + kSmplLoop];
+    if (size < sizeof(s) || !r.read(s, sizeof(s)) || le32(s + kSmplLoopCount) == 0) return;
+    const uint8_t* loop = s + kSmplFields;
+    l->loop = true;
+    l->loop_type = le32(loop + 4) == kSmplPingPong ? PSYNTH_SAMPLER_LOOP_PINGPONG : PSYNTH_SAMPLER_LOOP_FORWARD;
+    l->loop_start = le32(loop + 8);
+    l->loop_last = le32(loop + 12);
+}
+
+int parse_wav(const reader& r, sample_layout* l) {
+    psynth_sample_coding coding = {PSYNTH_SAMPLE_INT, 2, false};
+    int channels = 1, rate = PSYNTH_SAMPLE_DEFAULT_RATE;
     bool have_data = false;
     v3_seek(r.h, kRiffHeader, V3_SEEK_SET);
     uint8_t head[kChunkHeader];
     while (r.read(head, sizeof(head))) {
-        uint32_t size = le32(head + 4);
+        const uint32_t size = le32(head + 4);
+        const int64_t body = v3_tell(r.h);
         if (is_id(head, "fmt ")) {
-            uint8_t f[kFmtFields];
+            uint8_t f[kFmtExtensibleFields];
             if (size < kFmtFields) {
                 report(PSYNTH_SAMPLE_MSG_BAD_FMT, (int)size);
                 return 1;
             }
-            if (!r.read(f, sizeof(f))) {
+            int tag = 0;
+            const bool extensible_size = size >= kFmtExtensibleFields;
+            if (!r.read(f, kFmtFields) || ((tag = le16(f)) == kWavTagExtensible && extensible_size &&
+                                           !r.read(f + kFmtFields, kFmtExtensibleFields - kFmtFields))) {
                 report(PSYNTH_SAMPLE_MSG_CUT_SHORT);
                 return 1;
             }
-            tag = le16(f);
+            const bool extensible = tag == kWavTagExtensible && extensible_size &&
+                                    memcmp(f + kFmtSubFormat + 2, kSubFormatTail, sizeof(kSubFormatTail)) == 0;
+            if (extensible) tag = le16(f + kFmtSubFormat);
             channels = le16(f + 2);
             rate = clamp_rate(le32(f + 4));
-            bits = le16(f + 14);
-            if (!bits_supported(bits)) return 1;
-            if (tag != kWavTagPcm) {
-                report(PSYNTH_SAMPLE_MSG_NOT_PCM);
-                return 1;
-            }
-            if (!channels_supported(channels)) return 1;
-            r.skip(((int64_t)size - kFmtFields + 1) & ~(int64_t)1);  // an extended header, to an even size
+            if (!wav_coding(tag, le16(f + 14), extensible, &coding) || !channels_supported(channels)) return 1;
+            v3_seek(r.h, body + ((size + 1) & ~1u), V3_SEEK_SET);  // an extended header, to an even size
         } else if (is_id(head, "data") && !have_data) {
             if ((int64_t)size >= r.size) {
                 report(PSYNTH_SAMPLE_MSG_BAD_DATA, (int)size);
                 return 1;
             }
             have_data = true;
-            if (read_values(r, size, bits, channels, rate, kLittle, true, t)) return 1;
-            if (size & 1) r.skip(1);  // the pad byte after an odd size
+            *l = {coding, channels, rate, body, size, l->loop, l->loop_start, l->loop_last, l->loop_type};
+            v3_seek(r.h, body + size + (size & 1), V3_SEEK_SET);  // the pad byte after an odd size
         } else {
-            r.skip(size);  // other chunks, later data chunks too: by their size, without padding
+            if (is_id(head, "smpl") && !l->loop) read_smpl(r, size, l);
+            v3_seek(r.h, body + size, V3_SEEK_SET);  // other chunks, later data chunks too: by their size, without padding
         }
     }
     if (!have_data) {
@@ -298,75 +426,98 @@ int extended_rate(const uint8_t* b) {
     return f >= (float)INT_MAX ? INT_MAX : (int)std::lround(f);
 }
 
-int read_aiff(const reader& r, const uint8_t* file_head, const target& t) {
-    const uint8_t* form_type = file_head + 8;
-    byte_order order;
-    if (is_id(form_type, "AIFF")) order = kBig;
-    else if (is_id(form_type, "AIFC")) order = kLittle;  // read with no byte swapping at all
-    else {
-        char text[5];
-        fourcc_text(form_type, text);
-        report(PSYNTH_SAMPLE_MSG_UNKNOWN_FORM, text);
-        return 1;
+// How a FORM file is read: AIFF big-endian; AIFC first with no byte swapping at all (the
+// program's own way, with NONE, fl32 and FL32 only), then, when that finds no sample,
+// big-endian with the compression types other programs write.
+enum aiff_reading : int { kAiff, kAifcAsIs, kAifc };
+
+// The coding of an AIFC compression type read big-endian; false (reported) for others.
+bool aifc_coding(const uint8_t* compression, int bits, psynth_sample_coding* c) {
+    if (is_id(compression, "NONE") || is_id(compression, "twos") || is_id(compression, "sowt")) {
+        if (!bits_supported(bits)) return false;
+        *c = integer_coding(bits, is_id(compression, "sowt") ? kLittle : kBig, false, true);
+        return true;
     }
+    static const struct {
+        const char* id;
+        psynth_sample_coding coding;
+    } kTypes[] = {{"fl32", {PSYNTH_SAMPLE_FLOAT, 4, true}}, {"FL32", {PSYNTH_SAMPLE_FLOAT, 4, true}},
+                  {"fl64", {PSYNTH_SAMPLE_FLOAT, 8, true}}, {"FL64", {PSYNTH_SAMPLE_FLOAT, 8, true}},
+                  {"ulaw", {PSYNTH_SAMPLE_ULAW, 1, false}}, {"ULAW", {PSYNTH_SAMPLE_ULAW, 1, false}},
+                  {"alaw", {PSYNTH_SAMPLE_ALAW, 1, false}}, {"ALAW", {PSYNTH_SAMPLE_ALAW, 1, false}},
+                  {"raw ", {PSYNTH_SAMPLE_UINT8, 1, false}}};
+    for (const auto& type : kTypes) {
+        if (is_id(compression, type.id)) {
+            *c = type.coding;
+            return true;
+        }
+    }
+    char text[5];
+    fourcc_text(compression, text);
+    report(PSYNTH_SAMPLE_MSG_COMPRESSION, text);
+    return false;
+}
+
+// Walks a FORM file's chunks. `understood` tells whether a COMM chunk that fits in the
+// file was met (the reading's messages then describe the file).
+int parse_aiff(const reader& r, const uint8_t* file_head, aiff_reading reading, sample_layout* l, bool* understood) {
+    const byte_order order = reading == kAifcAsIs ? kLittle : kBig;
     auto u16 = [order](const uint8_t* p) { return order == kBig ? be16(p) : le16(p); };
     auto u32 = [order](const uint8_t* p) { return order == kBig ? be32(p) : le32(p); };
     int64_t remaining = (int64_t)u32(file_head + 4) - 4;  // the form's size counts its type
     int channels = 1, bits = 8, rate = PSYNTH_SAMPLE_DEFAULT_RATE;
+    psynth_sample_coding coding = integer_coding(bits, order, false, false);
     bool have_data = false;
+    *understood = false;
     v3_seek(r.h, kRiffHeader, V3_SEEK_SET);
     uint8_t head[kChunkHeader];
     while (remaining >= kChunkHeader && r.read(head, sizeof(head))) {
-        int64_t size = u32(head + 4);
-        int64_t padded = size + (size & 1);
+        const int64_t size = u32(head + 4);
+        const int64_t padded = size + (size & 1);
+        const int64_t body = v3_tell(r.h);
         remaining -= kChunkHeader + padded;
         if (is_id(head, "COMM")) {
-            uint8_t c[kCommFields];
-            if (!r.read(c, sizeof(c))) {
+            uint8_t c[kCommFields + kAifcCompression + 1];
+            const int64_t used = kCommFields + (reading == kAiff ? 0 : kAifcCompression + 1);
+            *understood = size >= used && body + size <= r.size;
+            if (!r.read(c, (size_t)used)) {
                 report(PSYNTH_SAMPLE_MSG_CUT_SHORT);
                 return 1;
             }
-            int64_t used = kCommFields;
             channels = u16(c);
             bits = u16(c + 6);
             uint8_t ext[10];
             for (int i = 0; i < 10; i++) ext[i] = order == kBig ? c[8 + i] : c[17 - i];
             rate = extended_rate(ext);
-            if (!bits_supported(bits)) return 1;
-            if (order == kLittle) {
-                uint8_t compression[5] = {};
-                uint8_t count = 0;
-                if (!r.read(compression, 4) || !r.read(&count, 1)) {
-                    report(PSYNTH_SAMPLE_MSG_CUT_SHORT);
-                    return 1;
-                }
-                if (!is_id(compression, "NONE") && !is_id(compression, "fl32") && !is_id(compression, "FL32")) {
+            const uint8_t* compression = c + kCommFields;
+            if (reading == kAifc) {
+                if (!aifc_coding(compression, bits, &coding)) return 1;
+            } else {
+                if (!bits_supported(bits)) return 1;
+                if (reading == kAifcAsIs && !is_id(compression, "NONE") && !is_id(compression, "fl32") &&
+                    !is_id(compression, "FL32")) {
                     char text[5];
                     fourcc_text(compression, text);
                     report(PSYNTH_SAMPLE_MSG_COMPRESSION, text);
                     return 1;
                 }
-                r.skip(count);  // the compression's name
-                used += 5 + count;
+                coding = integer_coding(bits, order, false, false);
             }
             if (!channels_supported(channels)) return 1;
-            if (padded > used) r.skip(padded - used);
+            // The rest: the compression's name (a count byte and the text) and anything after it.
+            const int64_t name = reading == kAifcAsIs ? c[kCommFields + kAifcCompression] : 0;
+            v3_seek(r.h, body + (padded > used + name ? padded : used + name), V3_SEEK_SET);
         } else if (is_id(head, "SSND") && !have_data) {
-            uint8_t s[kSsndFields];
-            if (!r.read(s, sizeof(s))) {
-                report(PSYNTH_SAMPLE_MSG_CUT_SHORT);
-                return 1;
-            }
             if (size >= r.size || size < kSsndFields) {
                 report(PSYNTH_SAMPLE_MSG_BAD_DATA, (int)size);
                 return 1;
             }
-            have_data = true;
             // The offset and block size are not used: the values follow them.
-            if (read_values(r, (uint32_t)(size - kSsndFields), bits, channels, rate, order, false, t)) return 1;
-            r.skip(size & 1);
+            have_data = true;
+            *l = {coding, channels, rate, body + kSsndFields, (uint32_t)(size - kSsndFields), false, 0, 0, 0};
+            v3_seek(r.h, body + padded, V3_SEEK_SET);
         } else {
-            r.skip(padded);
+            v3_seek(r.h, body + padded, V3_SEEK_SET);
         }
     }
     if (!have_data) {
@@ -374,6 +525,33 @@ int read_aiff(const reader& r, const uint8_t* file_head, const target& t) {
         return 1;
     }
     return 0;
+}
+
+// The layout of a FORM file: AIFF as it is, AIFC first as the program has always read
+// it and then as other programs write it. The message kept is that of the reading that
+// understood the file.
+int parse_form(const reader& r, const uint8_t* file_head, sample_layout* l) {
+    const uint8_t* form_type = file_head + 8;
+    bool understood = false;
+    if (is_id(form_type, "AIFF")) return parse_aiff(r, file_head, kAiff, l, &understood);
+    if (!is_id(form_type, "AIFC")) {
+        char text[5];
+        fourcc_text(form_type, text);
+        report(PSYNTH_SAMPLE_MSG_UNKNOWN_FORM, text);
+        return 1;
+    }
+    g_quiet = true;
+    int result = parse_aiff(r, file_head, kAifcAsIs, l, &understood);
+    char as_is[kErrorSize];
+    snprintf(as_is, sizeof(as_is), "%s", g_error);
+    if (result) result = parse_aiff(r, file_head, kAifc, l, &understood);
+    g_quiet = false;
+    if (result) {
+        char message[kErrorSize];
+        snprintf(message, sizeof(message), "%s", understood ? g_error : as_is);
+        report("%s", message);
+    }
+    return result;
 }
 
 // ---- XI ----
@@ -540,6 +718,48 @@ int open_reader(const char* path, reader* r) {
     return 0;
 }
 
+// Writes a file through the file layer's safe save: it takes the target's place only when
+// `write(handle)` wrote all of it, so that a failed save leaves the old file. Returns 0 or 1 (logged).
+template <class F>
+int save_safely(const char* path, F write) {
+    v3_save save;
+    int f = v3_save_begin(path, &save);
+    bool ok = f && write(f);
+    ok = v3_save_end(&save, ok) == 0;
+    if (!ok) tarvik_log(PSYNTH_SAMPLE_MSG_CANT_SAVE, path);
+    return ok ? 0 : 1;
+}
+
+// A sample's values as XI deltas: 8-bit as bytes, others as 16-bit words (floats rounded
+// to 16 bits first), the running difference wrapping like the reader's running sum.
+bool write_deltas(const psynth_sample_frames& s, int f) {
+    const bool int8 = s.format == PSYNTH_SAMPLER_FORMAT_INT8;
+    const int64_t values = s.frames * s.channels;
+    uint8_t block[4096];
+    int16_t word[1];
+    const psynth_sample_frames one = {(uint8_t*)word, PSYNTH_SAMPLER_FORMAT_INT16, 1, 1};
+    const psynth_sample_frames each = {s.data, s.format, 1, values};
+    int previous = 0, n = 0;
+    for (int64_t i = 0; i < values; i++) {
+        int v;
+        if (int8) {
+            v = ((const int8_t*)s.data)[i];
+            block[n++] = (uint8_t)(v - previous);
+        } else {
+            psynth_sample_convert(each, i, one, 0, 1);
+            v = word[0];
+            put16(block + n, (uint32_t)(v - previous));
+            n += 2;
+        }
+        previous = v;
+        if (n + 2 > (int)sizeof(block) || i == values - 1) {
+            if (v3_write(block, 1, (size_t)n, f) != (size_t)n) return false;
+            n = 0;
+        }
+    }
+    return true;
+}
+
 }  // namespace
 
 // ---- Public ----
@@ -630,12 +850,15 @@ int psynth_sample_load(const char* path, int mod_num, int slot, int flags, psynt
     if (type == PSYNTH_SAMPLE_FILE_AIFC) type = PSYNTH_SAMPLE_FILE_AIFF;  // one reader for both forms
     if (type == PSYNTH_SAMPLE_FILE_XI || type == PSYNTH_SAMPLE_FILE_WAV || type == PSYNTH_SAMPLE_FILE_AIFF) {
         const target t = {file_name_of(path), mod_num, slot, net};
+        // WAV and AIFF files are walked before anything changes; the values are read in after.
+        sample_layout layout = {};
+        const int parsed = type == PSYNTH_SAMPLE_FILE_WAV    ? parse_wav(r, &layout)
+                           : type == PSYNTH_SAMPLE_FILE_AIFF ? parse_form(r, head, &layout)
+                                                             : 0;
         tarvik_mutex* mutex = psynth_sampler_get_mutex(mod_num, net);
         tarvik_mutex_lock(mutex);
         if (type == PSYNTH_SAMPLE_FILE_XI || slot == PSYNTH_SAMPLE_SLOT_INSTRUMENT) psynth_free_chunks(mod_num, net);
-        result = type == PSYNTH_SAMPLE_FILE_XI    ? read_xi(r, flags, t)
-               : type == PSYNTH_SAMPLE_FILE_WAV ? read_wav(r, t)
-                                                : read_aiff(r, head, t);
+        result = type == PSYNTH_SAMPLE_FILE_XI ? read_xi(r, flags, t) : parsed ? 1 : read_layout(r, layout, t);
         tarvik_mutex_unlock(mutex);
     } else {
         report(PSYNTH_SAMPLE_MSG_NOT_RECOGNIZED);
@@ -658,7 +881,8 @@ int psynth_sample_load_raw(const char* path, int format, int channels, int mod_n
         v3_close(r.h);
         return load_image(path, t);
     }
-    static const int kBits[] = {32, 16, 8, 8};
+    static const psynth_sample_coding kCodings[] = {
+        {PSYNTH_SAMPLE_FLOAT, 4, false}, {PSYNTH_SAMPLE_INT, 2, false}, {PSYNTH_SAMPLE_INT, 1, false}, {PSYNTH_SAMPLE_UINT8, 1, false}};
     int result = 1;
     if (r.size <= 0) {
         report(PSYNTH_SAMPLE_BOX_EMPTY);
@@ -669,13 +893,9 @@ int psynth_sample_load_raw(const char* path, int format, int channels, int mod_n
         tarvik_mutex* mutex = psynth_sampler_get_mutex(mod_num, net);
         tarvik_mutex_lock(mutex);
         if (slot == PSYNTH_SAMPLE_SLOT_INSTRUMENT) psynth_free_chunks(mod_num, net);
-        v3_rewind(r.h);
-        if (read_values(r, (uint32_t)r.size, kBits[format], channels, PSYNTH_SAMPLE_DEFAULT_RATE, kLittle,
-                        format == PSYNTH_SAMPLE_RAW_UINT8, t) == 0) {
-            result = 0;
-        } else if (!psynth_get_chunk(mod_num, psynth_sampler_data_chunk(slot < 0 ? 0 : slot), net)) {
-            report(PSYNTH_SAMPLE_BOX_CANT_CREATE);
-        }
+        const sample_layout layout = {kCodings[format], channels, PSYNTH_SAMPLE_DEFAULT_RATE, 0, (uint32_t)r.size, false, 0, 0, 0};
+        result = read_layout(r, layout, t);
+        if (result && strcmp(g_error, PSYNTH_SAMPLE_MSG_CUT_SHORT) != 0) report(PSYNTH_SAMPLE_BOX_CANT_CREATE);
         tarvik_mutex_unlock(mutex);
     }
     v3_close(r.h);
@@ -735,20 +955,71 @@ int psynth_sample_save_wav(const char* path, int mod_num, int slot, psynth_net* 
     memcpy(w + 36, "data", 4);
     put32(w + 40, (uint32_t)size);
 
-    v3_save save;
-    int f = v3_save_begin(path, &save);
-    bool ok = f && v3_write(w, 1, sizeof(w), f) == sizeof(w);
-    if (ok && format == PSYNTH_SAMPLER_FORMAT_INT8) {
-        uint8_t block[4096];  // written unsigned: 128 added to every value
-        for (int done = 0; ok && done < size; done += (int)sizeof(block)) {
-            int n = size - done < (int)sizeof(block) ? size - done : (int)sizeof(block);
-            for (int i = 0; i < n; i++) block[i] = data[done + i] ^ kSignFlip;
-            ok = v3_write(block, 1, (size_t)n, f) == (size_t)n;
+    return save_safely(path, [&](int f) {
+        bool ok = v3_write(w, 1, sizeof(w), f) == sizeof(w);
+        if (ok && format == PSYNTH_SAMPLER_FORMAT_INT8) {
+            uint8_t block[4096];  // written unsigned: 128 added to every value
+            for (int done = 0; ok && done < size; done += (int)sizeof(block)) {
+                int n = size - done < (int)sizeof(block) ? size - done : (int)sizeof(block);
+                for (int i = 0; i < n; i++) block[i] = data[done + i] ^ kSignFlip;
+                ok = v3_write(block, 1, (size_t)n, f) == (size_t)n;
+            }
+        } else if (ok) {
+            ok = v3_write(data, 1, (size_t)size, f) == (size_t)size;
         }
-    } else if (ok) {
-        ok = v3_write(data, 1, (size_t)size, f) == (size_t)size;
+        return ok;
+    });
+}
+
+int psynth_sample_save_xi(const char* path, int mod_num, psynth_net* net) {
+    const psynth_sampler_instrument* ins = psynth_sampler_get_mutex(mod_num, net) ? instrument_of(mod_num, net) : nullptr;
+    if (!ins) {
+        tarvik_log("%s", PSYNTH_SAMPLE_MSG_NO_PROPERTIES);
+        return 1;
     }
-    ok = v3_save_end(&save, ok) == 0;
-    if (!ok) tarvik_log(PSYNTH_SAMPLE_MSG_CANT_SAVE, path);
-    return ok ? 0 : 1;
+    const int count = ins->samples_num < PSYNTH_SAMPLER_SAMPLES ? ins->samples_num : PSYNTH_SAMPLER_SAMPLES;
+    // The five instrument bytes travel in the "PP" variant only when they are not the defaults.
+    const bool pp = ins->volume != kFullVolume || ins->finetune || ins->panning != kCentrePanning || ins->relative_note;
+    uint8_t head[kXiHeadSize] = {};
+    memcpy(head, kXiSignature, strlen(kXiSignature));
+    memcpy(head + kXiNameOffset, ins->name, strnlen(ins->name, PSYNTH_SAMPLE_NAME_SIZE));
+    head[kXiNameOffset + PSYNTH_SAMPLE_NAME_SIZE] = kXiEof;
+    memset(head + kXiTrackerOffset, ' ', kXiTrackerName);
+    memcpy(head + kXiTrackerOffset, kXiTracker, strlen(kXiTracker));
+    memcpy(head + kXiVersionOffset, pp ? "PP" : "\x02\x01", 2);
+    memcpy(head + kXiFileInstrument, (const uint8_t*)ins + kXiInstrumentOffset, kXiInstrumentBytes);
+    if (pp) memcpy(head + kXiFileInstrument + kXiInstrumentBytes, (const uint8_t*)ins + kXiExtraOffset, kXiExtraBytes);
+    put16(head + kXiHeadSize - 2, (uint32_t)count);
+    // Each sample as XI keeps it: 8-bit or 16-bit (floats become 16-bit), lengths in bytes,
+    // values as deltas.
+    struct xi_sample {
+        psynth_sample_frames frames;
+        uint8_t header[PSYNTH_SAMPLER_HEADER_FIELDS];
+    } samples[PSYNTH_SAMPLER_SAMPLES] = {};
+    for (int s = 0; s < count; s++) {
+        const psynth_sampler_sample* h = header_of(s, mod_num, net);
+        if (!h) continue;
+        int size = 0;
+        uint8_t* data = (uint8_t*)psynth_get_chunk(mod_num, psynth_sampler_data_chunk(s), net);
+        psynth_get_chunk_info(mod_num, psynth_sampler_data_chunk(s), &size, nullptr, nullptr, net);
+        const int format = (h->type & PSYNTH_SAMPLER_FORMAT_MASK) >> PSYNTH_SAMPLER_FORMAT_SHIFT;
+        psynth_sample_frames& f = samples[s].frames;
+        f = {data, format, h->type & PSYNTH_SAMPLER_STEREO ? 2 : 1, 0};
+        const int fb = psynth_sample_frame_bytes(f);
+        f.frames = data && fb ? std::min<int64_t>(h->length, size / fb) : 0;
+        const int saved_format = format == PSYNTH_SAMPLER_FORMAT_INT8 ? format : PSYNTH_SAMPLER_FORMAT_INT16;
+        const uint32_t saved_fb = (uint32_t)psynth_sample_value_bytes(saved_format) * (uint32_t)f.channels;
+        uint8_t* out = samples[s].header;
+        memcpy(out, h, PSYNTH_SAMPLER_HEADER_FIELDS);
+        put32(out, (uint32_t)f.frames * saved_fb);
+        put32(out + 4, h->loop_start * saved_fb);
+        put32(out + 8, h->loop_length * saved_fb);
+        out[14] = (uint8_t)((h->type & ~PSYNTH_SAMPLER_FORMAT_MASK) | saved_format << PSYNTH_SAMPLER_FORMAT_SHIFT);
+    }
+    return save_safely(path, [&](int f) {
+        bool ok = v3_write(head, 1, sizeof(head), f) == sizeof(head);
+        for (int s = 0; ok && s < count; s++) ok = v3_write(samples[s].header, 1, PSYNTH_SAMPLER_HEADER_FIELDS, f) == PSYNTH_SAMPLER_HEADER_FIELDS;
+        for (int s = 0; ok && s < count; s++) ok = write_deltas(samples[s].frames, f);
+        return ok;
+    });
 }

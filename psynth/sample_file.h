@@ -3,6 +3,13 @@
 // written back out as WAV. Every reader ends in psynth_sample_create (the chunk records
 // are in sampler.h). Files go through the virtual file layer (engine/file.h).
 //
+// Besides PCM, WAV files may hold floats (format tag 3, 32 or 64 bits), a-law and µ-law
+// (decoded to 16 bits) and the extensible header with a PCM or float sub-format (its
+// 24- and 32-bit integers become floats); the first loop of a "smpl" chunk becomes the
+// sample's loop (cut to the sample, dropped when it starts beyond it). AIFC is read first
+// with no byte swapping, as the program always has, and when that finds no sample as
+// other programs write it: big-endian with NONE, twos, sowt, fl32, fl64, ulaw, alaw or raw.
+//
 // Error convention: loaders return 0 on success, 1 on failure and −1 when the file cannot
 // be opened; each failure is written to the log and kept as the last load error (texts
 // beginning with "!" are meant for a message box). The saver returns non-zero on failure.
@@ -104,7 +111,9 @@ int psynth_sample_finetune_for_rate(int rate);
 // the whole instrument is replaced), XI instruments only with slot −1; `flags` holds
 // PSYNTH_SAMPLE_LOAD_* bits. Returns 0; 1 when
 // the file failed to load or no reader applies, raising the not-recognised flag after
-// which the editor offers the RAW path; −1 when it cannot be opened. GUI thread.
+// which the editor offers the RAW path; −1 when it cannot be opened. A failed load into a
+// slot leaves the instrument as it was; with slot −1 the old chunks are gone whatever
+// happens, and a file cut short leaves what was read. GUI thread.
 int psynth_sample_load(const char* path, int mod_num, int slot, int flags, psynth_net* net);
 // Loads the whole file as headerless data (`format` a psynth_sample_raw_format, 1 or 2
 // channels) at 44100 Hz, or, when it starts like a JPEG, as the image's brightness: an
@@ -125,3 +134,10 @@ const char* psynth_sample_load_error();
 // unsigned) as a safe save of the file layer (v3_save_begin). Returns 0, or non-zero when the
 // sample is missing or the file cannot be written (the old file then stays). GUI thread.
 int psynth_sample_save_wav(const char* path, int mod_num, int slot, psynth_net* net);
+// Writes the whole instrument as an XI file (through "<path>.tmp" as above): the record's
+// map, envelopes, vibrato and fade-out, its volume, finetune, panning and relative note in
+// the "PP" variant when they are not 64, 0, 128, 0, and every sample as 8-bit or 16-bit
+// deltas (float samples rounded to 16 bits). Returns 0, or non-zero when there is no
+// instrument ("ERROR. Can't get sample properties\n") or the file cannot be written.
+// GUI thread.
+int psynth_sample_save_xi(const char* path, int mod_num, psynth_net* net);

@@ -30,6 +30,7 @@ static int perform(int do_it, undo_action* a, undo* u) {
     case ZELFON_ACTION_SYNTH_MOVE:
     case ZELFON_ACTION_SYNTH_SETTINGS:
     case ZELFON_ACTION_SYNTH_CTL: return zelfon_perform_synth_settings(do_it, a, song);
+    case ZELFON_ACTION_SAMPLER: return zelfon_perform_sampler(do_it, a, song);
     default: return zelfon_perform_pattern(do_it, a, song);
     }
 }

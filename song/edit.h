@@ -33,6 +33,8 @@ enum : int {
     ZELFON_EDIT_NOT_A_PATTERN = 4,  // clipboard text that is not cells
     ZELFON_EDIT_NO_MODULE = 5,    // the module slot is empty or out of range
     ZELFON_EDIT_OUTPUT_MODULE = 6,  // the Output module (slot 0) is never removed
+    ZELFON_EDIT_NO_SAMPLE = 7,    // the Sampler's slot holds no playable sample
+    ZELFON_EDIT_LOAD_FAILED = 8,  // a sample file did not load (psynth_sample_load_error() tells why)
 };
 
 // Fields of a cell, for clearing and for paste-mix.

@@ -29,6 +29,7 @@ enum : uint32_t {
     ZELFON_ACTION_SYNTH_MOVE,    // zelfon_move_change + entries: old and new places of each module
     ZELFON_ACTION_SYNTH_SETTINGS,  // zelfon_settings_change: old and new name, colour, pitch, MIDI out, mute, solo
     ZELFON_ACTION_SYNTH_CTL,     // zelfon_ctl_change: one controller's old and new value (later moves merge)
+    ZELFON_ACTION_SAMPLER,       // zelfon_sampler_image: Sampler chunks as they are not now (par2 slot, par3 merge key)
 };
 
 // ZELFON_ACTION_MOVE and ZELFON_ACTION_SYNTH_MOVE: count, then count zelfon_move_entries
@@ -73,3 +74,24 @@ int zelfon_perform_song(int do_it, const undo_action* a, zelfon_song* song);
 // with what they captured), moves, settings and controllers (edit_net_settings.cpp).
 int zelfon_perform_synth(int do_it, undo_action* a, zelfon_song* song);
 int zelfon_perform_synth_settings(int do_it, const undo_action* a, zelfon_song* song);
+// The Sampler editor's (edit_sampler_undo.cpp): swaps the chunks kept in a->data with the module's.
+int zelfon_perform_sampler(int do_it, undo_action* a, zelfon_song* song);
+
+// ---- Sampler chunks (edit_sampler_undo.cpp) ----
+// A new content for one chunk of a Sampler: a memory-manager block (null: no chunk).
+struct zelfon_chunk_block {
+    int chunk;
+    void* data;
+    int flags;
+    int rate;
+};
+// Puts `blocks` into Sampler `mod` as one edit of sample `slot` (−1: the instrument), keeping
+// the chunks' present content for undo. The blocks are the edit's from the call on (freed on
+// failure or when they change nothing). A non-zero `key` merges the edit into the newest
+// action of the current group when it has the same module and key. OK or NO_MEMORY.
+int zelfon_sampler_commit(int mod, int slot, uint32_t key, zelfon_chunk_block* blocks, int count, zelfon_song* song);
+// Runs `change(context)`, which changes the module's chunks itself (a loader), as one edit of
+// chunks `chunks` (recorded when it changed any, or the chunk table); *result gets what change
+// returned. OK, or NO_MEMORY when there was no memory to keep the chunks (change not run).
+int zelfon_sampler_record_change(int mod, int slot, const int* chunks, int count, int (*change)(void* context),
+                                 void* context, int* result, zelfon_song* song);

@@ -59,6 +59,10 @@ int zelfon_edit_synth_pitch(int mod, int relative_note, int finetune, zelfon_son
 int zelfon_edit_synth_midi_out(int mod, const char* device, int channel, int bank, int program, zelfon_song* song);
 // Sets the module's mute and solo flags.
 int zelfon_edit_synth_mute_solo(int mod, int mute, int solo, zelfon_song* song);
+// Replaces data chunk `chunk` of the module with a copy of `size` bytes (storage `flags`,
+// `rate`), as the module's own editors do (the Generator's drawn wave). Changes of the same
+// chunk in one group merge into one step.
+int zelfon_edit_synth_chunk(int mod, int chunk, const void* data, int size, int flags, int rate, zelfon_song* song);
 // Binds controller `ctl` to MIDI controller `cc` (0..127) on `channel` (0..15) of the MIDI
 // keyboard; PSYNTH_MIDI_UNBOUND as `cc` forgets the binding.
 int zelfon_edit_synth_midi_learn(int mod, int ctl, int cc, int channel, zelfon_song* song);

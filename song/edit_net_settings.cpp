@@ -12,6 +12,7 @@ constexpr int kMidiBankMax = 16383;  // 14 bits: MSB and LSB of the bank select
 constexpr int kMidiProgramMax = 127;
 constexpr int kMidiChannelMax = 15;
 constexpr uint32_t kUserFlags = PSYNTH_FLAG_MUTE | PSYNTH_FLAG_SOLO;
+constexpr uint32_t kChunkMergeKey = 1u << 24;  // above the Sampler editor's own merge keys
 
 // Everything of a module that its settings change; zeroed beyond the texts so that two
 // records compare with memcmp.
@@ -163,6 +164,18 @@ int zelfon_edit_synth_midi_learn(int mod, int ctl, int cc, int channel, zelfon_s
     s.learn_cc[ctl] = (uint8_t)cc;
     s.learn_channel[ctl] = forget ? 0 : (uint8_t)channel;
     return record_settings(mod, &s, song);
+}
+
+// ---- Data chunks ----
+
+int zelfon_edit_synth_chunk(int mod, int chunk, const void* data, int size, int flags, int rate, zelfon_song* song) {
+    if (!zelfon_edit_synth(mod, song)) return ZELFON_EDIT_NO_MODULE;
+    if (chunk < 0 || size <= 0 || !data) return ZELFON_EDIT_OUTSIDE;
+    zelfon_chunk_block block = {chunk, mem_new(MEM_DYNAMIC, (size_t)size, "zelfon_edit_synth_chunk"), flags, rate};
+    if (!block.data) return ZELFON_EDIT_NO_MEMORY;
+    memcpy(block.data, data, (size_t)size);
+    // Changes of one chunk in a row (a stroke of the mouse) merge into one step.
+    return zelfon_sampler_commit(mod, -1, kChunkMergeKey + (uint32_t)chunk, &block, 1, song);
 }
 
 // ---- Controllers ----

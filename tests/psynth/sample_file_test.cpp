@@ -155,10 +155,9 @@ TEST_F(SampleFileTest, WavAndAiffFilesOfEveryDepthLoadExactly) {
         }
     }
     expect_playable("32-bit AIFF");
-    // sox's default 24-bit WAV has the extensible header (tag 0xFFFE): refused; with the
-    // tag made 1, its 40-byte "fmt " and its "fact" chunk are stepped over.
+    // sox's default 24-bit WAV has the extensible header (tag 0xFFFE); with the tag made
+    // 1, its 40-byte "fmt " and its "fact" chunk are stepped over.
     sox("d24.wav", 1, "-b 24");
-    expect_failure(load("d24.wav"), "Only uncompressed PCM files supported\n");
     std::string ext = read("d24.wav");
     ASSERT_EQ(ext.substr(16, 6), le(40, 4) + le(0xFFFE, 2));
     write("e24.wav", ext.replace(20, 2, le(1, 2)));
@@ -200,8 +199,13 @@ TEST_F(SampleFileTest, ReaderErrorsStopTheLoadWithTheirMessages) {
         expect_failure(load("x.wav"), message);
     }
     EXPECT_EQ(header(0)->length, 121u);   // what was made stays
-    sox("ulaw.wav", 1, "-e u-law");
-    expect_failure(load("ulaw.wav"), "Only uncompressed PCM files supported\n");
+    // ADPCM (4 bits a value) and other coded formats stay refused.
+    sox("ima.wav", 1, "-e ima-adpcm");
+    expect_failure(load("ima.wav"), "4 bits not supported\n");
+    sox("ms.wav", 1, "-e ms-adpcm");
+    expect_failure(load("ms.wav"), "4 bits not supported\n");
+    write("x.wav", patched(20, 0x55, 2));  // MPEG layer 3's tag on 16-bit values
+    expect_failure(load("x.wav"), "Only uncompressed PCM files supported\n");
     write("x.wav", good.substr(0, 36));
     expect_failure(load("x.wav"), "No sample data in the file\n");
     EXPECT_EQ(ins(), nullptr);  // slot −1 removed the old instrument before reading
@@ -219,9 +223,9 @@ TEST_F(SampleFileTest, ReaderErrorsStopTheLoadWithTheirMessages) {
     EXPECT_NE(log_text().find("Unknown type: ABCD\n"), std::string::npos);
 }
 
-// AIFC is read with no byte swapping at all: files written little-endian load, while
-// the big-endian files other programs write (sox's here) find no usable chunk.
-TEST_F(SampleFileTest, AifcIsReadWithoutByteSwapping) {
+// AIFC is read first with no byte swapping at all: files written little-endian load as
+// they always have (the big-endian files of other programs are in RealWorldAifc...).
+TEST_F(SampleFileTest, AifcIsReadWithoutByteSwappingFirst) {
     auto aifc = [](const char* compression, int bits, const std::string& values) {
         std::string rate80 = std::string("\x40\x0d\xac\x44", 4) + std::string(6, 0);  // 22050, big-endian
         std::string comm = le(1, 2) + le(0, 4) + le(bits, 2) + std::string(rate80.rbegin(), rate80.rend()) + compression + "\x01x";
@@ -242,10 +246,6 @@ TEST_F(SampleFileTest, AifcIsReadWithoutByteSwapping) {
     }
     write("ulaw.aifc", aifc("ulaw", 16, "ab"));
     expect_failure(load("ulaw.aifc", 0), "Compression ulaw not supported.\n");
-    sox("sox.aifc", 1, "-b 16");
-    expect_failure(load("sox.aifc", 0), "No sample data in the file\n");
-    sox("soxf.aifc", 1, "-e floating-point -b 32");
-    expect_failure(load("soxf.aifc", 0), "No sample data in the file\n");
 }
 
 // ---- XI ----
@@ -319,9 +319,287 @@ TEST_F(SampleFileTest, XiInstrumentsLoadWithTheirRecordAndDecodedDeltas) {
     EXPECT_EQ(ins()->samples_num, 1);  // the first sample stays
 }
 
+// ---- Files as other programs write them ----
+
+std::string be(uint32_t v, int n) {
+    std::string s = le(v, n);
+    return std::string(s.rbegin(), s.rend());
+}
+
+// A WAV file of `values` with a plain 16-byte "fmt " chunk, or with sub_tag ≥ 0 the
+// extensible one whose sub-format GUID starts with sub_tag (`guid_tail` the standard rest).
+std::string make_wav(int tag, int bits, int channels, const std::string& values, int sub_tag = -1,
+                     const std::string& guid_tail = std::string("\x00\x00\x00\x00\x10\x00\x80\x00\x00\xaa\x00\x38\x9b\x71", 14)) {
+    const int block = bits / 8 * channels;
+    std::string fmt = le(sub_tag >= 0 ? 0xFFFE : tag, 2) + le(channels, 2) + le(9001, 4) + le(9001 * block, 4) + le(block, 2) +
+                      le(bits, 2);
+    if (sub_tag >= 0) fmt += le(22, 2) + le(bits, 2) + le(channels == 2 ? 3 : 4, 4) + le(sub_tag, 2) + guid_tail;
+    std::string body = "WAVEfmt " + le((uint32_t)fmt.size(), 4) + fmt + "data" + le((uint32_t)values.size(), 4) + values;
+    return "RIFF" + le((uint32_t)body.size(), 4) + body;
+}
+
+// A big-endian AIFC file as other programs write it, at 22050 Hz.
+std::string make_aifc(const char* compression, int bits, int channels, const std::string& values) {
+    const int frames = (int)values.size() / channels / (bits > 8 ? bits / 8 : 1);
+    std::string comm = be(channels, 2) + be(frames, 4) + be(bits, 2) + std::string("\x40\x0d\xac\x44", 4) + std::string(6, 0) +
+                       compression + "\x03" + "abc";  // a name of odd length with its pad byte: even
+    std::string body = "AIFCFVER" + be(4, 4) + be(0xA2805140, 4) + "COMM" + be((uint32_t)comm.size(), 4) + comm + "SSND" +
+                       be((uint32_t)values.size() + 8, 4) + std::string(8, 0) + values;
+    return "FORM" + be((uint32_t)body.size(), 4) + body;
+}
+
+class RealWorldSampleFileTest : public SampleFileTest {
+protected:
+    // The ramp's values as `convert` makes them with sox ("-e u-law", ...), raw.
+    std::string sox_raw(int channels, const std::string& encoding) {
+        sox("v.raw", channels, "-t raw " + encoding);
+        return read("v.raw");
+    }
+    // What sox decodes `name` into: 16-bit values.
+    std::vector<int16_t> sox_decoded(const std::string& name) {
+        std::string cmd = "sox '" + path(name) + "' -t raw -e signed -b 16 '" + path("d.raw") + "'";
+        EXPECT_EQ(std::system(cmd.c_str()), 0) << cmd;
+        std::string raw = read("d.raw");
+        std::vector<int16_t> v(raw.size() / 2);
+        memcpy(v.data(), raw.data(), raw.size());
+        return v;
+    }
+    // Sample s holds the ramp as floats (value / 32768), `channels` wide, at `rate`.
+    void expect_float_ramp(int s, int channels, int rate, const std::string& context) {
+        EXPECT_EQ(header(s)->type, 0x20 | (channels == 2 ? 0x40 : 0)) << context;
+        EXPECT_EQ(header(s)->length, (uint32_t)kFrames) << context;
+        EXPECT_EQ(info(s), (std::vector<int>{kFrames * channels * 4, 4 | (channels == 2 ? 8 : 0), rate})) << context;
+        for (int i = 0; i < kFrames * channels; i++) {
+            ASSERT_EQ(at<float>(s, i), (float)value_at(i / channels, i % channels) / 32768) << context << " value " << i;
+        }
+    }
+    // Sample s holds `values` as 16-bit values.
+    void expect_int16(int s, const std::vector<int16_t>& values, const std::string& context) {
+        EXPECT_EQ((header(s)->type & 0x30), 0x10) << context;
+        ASSERT_EQ(info(s)[0], (int)values.size() * 2) << context;
+        for (size_t i = 0; i < values.size(); i++) ASSERT_EQ(at<int16_t>(s, i), values[i]) << context << " value " << i;
+    }
+};
+
+// Float WAVs (tag 3, 32 and 64 bits), the extensible header with PCM and float
+// sub-formats, and a-law and µ-law decoded as sox decodes them.
+TEST_F(RealWorldSampleFileTest, WavFloatExtensibleAndCompandedFilesLoad) {
+    for (int channels : {1, 2}) {
+        for (std::string options : {"-e floating-point -b 32", "-e floating-point -b 64", "-b 24", "-b 32"}) {
+            const std::string ctx = options + " " + std::to_string(channels) + " ch";
+            sox("f.wav", channels, options, 9001);
+            ASSERT_EQ(load("f.wav"), 0) << ctx << ": " << psynth_sample_load_error();
+            expect_float_ramp(0, channels, 9001, ctx);  // 32-bit integers in the extensible header become floats too
+        }
+        for (std::string law : {"u-law", "a-law"}) {
+            sox("l.wav", channels, "-e " + law);
+            ASSERT_EQ(load("l.wav", 1), 0) << law << ": " << psynth_sample_load_error();
+            EXPECT_EQ(header(1)->length, (uint32_t)kFrames);
+            expect_int16(1, sox_decoded("l.wav"), law);
+        }
+    }
+    // The extensible header with 16-bit PCM and float sub-formats; an unknown sub-format
+    // GUID is refused.
+    std::string v16 = sox_raw(2, "-e signed -b 16");
+    write("x.wav", make_wav(0, 16, 2, v16, 1));
+    ASSERT_EQ(load("x.wav"), 0) << psynth_sample_load_error();
+    EXPECT_EQ(std::string((const char*)psynth_get_chunk(mod, 2, &net), v16.size()), v16);
+    write("x.wav", make_wav(0, 32, 2, sox_raw(2, "-e floating-point -b 32"), 3));
+    ASSERT_EQ(load("x.wav"), 0) << psynth_sample_load_error();
+    expect_float_ramp(0, 2, 9001, "extensible float");
+    write("x.wav", make_wav(0, 16, 2, v16, 1, std::string(14, 'x')));
+    expect_failure(load("x.wav"), "Only uncompressed PCM files supported\n");
+    write("x.wav", make_wav(3, 16, 1, v16));
+    expect_failure(load("x.wav"), "16 bits not supported\n");
+    write("x.wav", make_wav(7, 16, 1, v16));
+    expect_failure(load("x.wav"), "16 bits not supported\n");
+
+    // Our own float saves load back, and save to the same bytes.
+    sox("f.wav", 2, "-e floating-point -b 32", 9001);
+    ASSERT_EQ(load("f.wav"), 0);
+    ASSERT_EQ(psynth_sample_save_wav(path("out.wav").c_str(), mod, 0, &net), 0);
+    ASSERT_EQ(load("out.wav", 3), 0) << psynth_sample_load_error();
+    expect_float_ramp(3, 2, 9001, "saved float");
+    ASSERT_EQ(psynth_sample_save_wav(path("out2.wav").c_str(), mod, 3, &net), 0);
+    EXPECT_EQ(read("out2.wav"), read("out.wav"));
+}
+
+// Big-endian AIFC as sox writes it (NONE of every depth, fl32, fl64), and by hand the
+// types sox cannot write: twos, sowt (little-endian), ulaw, alaw, raw.
+TEST_F(RealWorldSampleFileTest, AifcFilesOfOtherProgramsLoad) {
+    for (int channels : {1, 2}) {
+        for (int bits : {8, 16}) {
+            sox("t.aifc", channels, "-b " + std::to_string(bits), 9001);
+            ASSERT_EQ(load("t.aifc", 2), 0) << bits << ": " << psynth_sample_load_error();
+            EXPECT_EQ(info(2), (std::vector<int>{kFrames * channels * bits / 8, bits / 8 | (channels == 2 ? 8 : 0), 9001}));
+            for (int i = 0; i < kFrames * channels; i++) {
+                int v = value_at(i / channels, i % channels);
+                ASSERT_EQ(bits == 8 ? at<int8_t>(2, i) : at<int16_t>(2, i), bits == 8 ? v / 256 : v) << bits << " value " << i;
+            }
+        }
+        for (std::string options : {"-b 24", "-b 32", "-e floating-point -b 32", "-e floating-point -b 64"}) {
+            sox("t.aifc", channels, options, 9001);
+            ASSERT_EQ(load("t.aifc", 2), 0) << options << ": " << psynth_sample_load_error();
+            expect_float_ramp(2, channels, 9001, options);
+        }
+    }
+    const std::string v16 = sox_raw(1, "-e signed -b 16");
+    std::string swapped;
+    for (size_t i = 0; i < v16.size(); i += 2) swapped += std::string{v16[i + 1], v16[i]};
+    for (auto [type, values] : {std::pair{"twos", swapped}, {"sowt", v16}}) {
+        write("t.aifc", make_aifc(type, 16, 1, values));
+        ASSERT_EQ(load("t.aifc", 0), 0) << type << ": " << psynth_sample_load_error();
+        EXPECT_EQ(info(0), (std::vector<int>{kFrames * 2, 2, 22050})) << type;
+        EXPECT_EQ(std::string((const char*)psynth_get_chunk(mod, 2, &net), v16.size()), v16) << type;
+    }
+    for (auto [type, encoding] : {std::pair{"ulaw", "-e u-law"}, {"ULAW", "-e u-law"}, {"alaw", "-e a-law"}, {"ALAW", "-e a-law"}}) {
+        sox("v.raw", 2, std::string("-t raw ") + encoding);
+        write("t.aifc", make_aifc(type, 16, 2, read("v.raw")));
+        ASSERT_EQ(load("t.aifc", 0), 0) << type << ": " << psynth_sample_load_error();
+        EXPECT_EQ(header(0)->length, (uint32_t)kFrames);
+        std::string cmd = "sox -t raw -r 22050 -c 2 " + std::string(encoding) + " '" + path("v.raw") + "' '" + path("v.wav") + "'";
+        ASSERT_EQ(std::system(cmd.c_str()), 0);
+        expect_int16(0, sox_decoded("v.wav"), type);
+    }
+    write("t.aifc", make_aifc("raw ", 8, 1, std::string("\x00\x80\xff", 3)));
+    ASSERT_EQ(load("t.aifc", 0), 0);
+    EXPECT_EQ(at<int8_t>(0, 0) * 10000 + at<int8_t>(0, 1) * 100 + at<int8_t>(0, 2), -1280000 + 0 + 127);
+    // ADPCM and 12-bit values stay refused with their messages; a little-endian file of an
+    // unknown type keeps the first reading's message.
+    write("t.aifc", make_aifc("ima4", 16, 1, v16));
+    expect_failure(load("t.aifc", 0), "Compression ima4 not supported.\n");
+    write("t.aifc", make_aifc("NONE", 12, 1, v16));
+    expect_failure(load("t.aifc", 0), "12 bits not supported\n");
+    sox("t.aifc", 1, "-b 16");
+    std::string aifc = read("t.aifc");
+    write("t.aifc", aifc.substr(0, aifc.find("SSND")));
+    expect_failure(load("t.aifc", 0), "No sample data in the file\n");
+    EXPECT_NE(log_text().find("Compression ima4 not supported.\n"), std::string::npos);
+}
+
+// A "smpl" chunk's first loop becomes the sample's loop: inclusive end, ping-pong for
+// type 1, forward for the others; an end beyond the sample is cut to its last frame,
+// and a loop that starts beyond it or ends before it starts, a chunk too short for one
+// loop, or one cut off by the end of the file give no loop.
+TEST_F(RealWorldSampleFileTest, WavSmplLoopsBecomeTheSampleLoop) {
+    sox("s.wav", 1, "-b 16 -t wavpcm", 44100, 100);
+    const std::string base = read("s.wav");
+    auto smpl = [](uint32_t type, uint32_t start, uint32_t last, int loops = 1, int cut = 0) {
+        std::string fields = std::string(28, 0) + le(loops, 4) + le(0, 4);
+        std::string loop = le(7, 4) + le(type, 4) + le(start, 4) + le(last, 4) + le(0, 4) + le(0, 4);
+        std::string chunk = fields + loop;
+        return "smpl" + le((uint32_t)(chunk.size() - cut), 4) + chunk.substr(0, chunk.size() - cut);
+    };
+    auto with = [&](const std::string& before_data, const std::string& after) {
+        std::string body = base.substr(12, 24) + before_data + base.substr(36) + after;
+        return "RIFF" + le((uint32_t)body.size() + 4, 4) + "WAVE" + body;
+    };
+    struct loop_case {
+        std::string file;
+        uint32_t start, length;
+        int type;
+    };
+    const std::vector<loop_case> cases = {
+        {with("", smpl(0, 10, 59)), 10, 50, 1},       {with(smpl(1, 0, 99), ""), 0, 100, 2},
+        {with("", smpl(2, 30, 30)), 30, 1, 1},        {with("", smpl(0, 10, 500)), 10, 90, 1},
+        {with("", smpl(1, 10, 0xFFFFFFFF)), 10, 90, 2}, {with("", smpl(0, 100, 120)), 0, 0, 0},
+        {with("", smpl(0, 50, 40)), 0, 0, 0},          {with("", smpl(0, 10, 59, 0)), 0, 0, 0},
+        {with("", smpl(0, 10, 59, 1, 4)), 0, 0, 0},    {with("", smpl(0, 10, 59).substr(0, 50)), 0, 0, 0},
+    };
+    for (size_t i = 0; i < cases.size(); i++) {
+        write("l.wav", cases[i].file);
+        ASSERT_EQ(load("l.wav", 1), 0) << i << ": " << psynth_sample_load_error();
+        EXPECT_EQ(std::tuple(header(1)->loop_start, header(1)->loop_length, header(1)->type),
+                  std::tuple(cases[i].start, cases[i].length, 0x10 | cases[i].type))
+            << "case " << i;
+        EXPECT_EQ(header(1)->length, 100u);
+        expect_playable("loop case " + std::to_string(i));
+    }
+}
+
+// Every failing load into a slot leaves the whole instrument byte for byte as it was,
+// whether the slot held a sample or not.
+TEST_F(RealWorldSampleFileTest, FailedLoadsIntoASlotLeaveTheInstrumentAsItWas) {
+    sox("a.wav", 2, "-b 16 -t wavpcm", 9001, 100);
+    ASSERT_EQ(load("a.wav"), 0);
+    sox("b.aiff", 1, "-b 8", 22050, 50);
+    ASSERT_EQ(load("b.aiff", 1), 0);
+    auto snapshot = [&] {
+        std::string s;
+        for (int c = 0; c < psynth_get_chunks_count(mod, &net); c++) {
+            int size = -1, flags = -1, rate = -1;
+            psynth_get_chunk_info(mod, c, &size, &flags, &rate, &net);
+            const char* p = (const char*)psynth_get_chunk(mod, c, &net);
+            s += std::to_string(c) + ":" + std::to_string(size) + "," + std::to_string(flags) + "," + std::to_string(rate) + ":" +
+                 (p ? std::string(p, size) : "none") + "|";
+        }
+        return s;
+    };
+    const std::string before = snapshot();
+    const std::string good = read("a.wav");
+    std::vector<std::pair<std::string, std::string>> bad = {
+        {std::string(good).replace(40, 4, le(443, 4)), "Unexpected end of file\n"},
+        {std::string(good).replace(34, 2, le(12, 2)), "12 bits not supported\n"},
+        {good.substr(0, 36), "No sample data in the file\n"},
+        {make_aifc("ima4", 16, 1, "abcd"), "Compression ima4 not supported.\n"},
+        {make_xi(false, kXiSamples), "File format not recognized\n"},
+        {"plain text", "File format not recognized\n"},
+    };
+    for (int slot : {1, 2}) {
+        for (const auto& [file, message] : bad) {
+            write("bad", file);
+            expect_failure(load("bad", slot), message);
+            ASSERT_TRUE(snapshot() == before) << message << " into slot " << slot;
+        }
+    }
+    EXPECT_EQ(ins()->samples_num, 2);
+    expect_playable("after the failed loads");
+}
+
+// XI files written from the instrument load back into the same chunks, byte for byte; a
+// float sample travels as 16-bit values.
+TEST_F(SampleFileTest, SavedXiInstrumentsLoadBackTheSame) {
+    auto chunks = [&] {
+        std::string s;
+        for (int c = 0; c < 1 + 2 * (ins() ? ins()->samples_num : 0); c++) {
+            int size = 0;
+            psynth_get_chunk_info(mod, c, &size, nullptr, nullptr, &net);
+            s += std::string((const char*)psynth_get_chunk(mod, c, &net), size) + "|";
+        }
+        return s;
+    };
+    for (bool pp : {false, true}) {
+        write("t.xi", make_xi(pp, kXiSamples));
+        ASSERT_EQ(load("t.xi"), 0);
+        const std::string loaded = chunks();
+        ASSERT_EQ(psynth_sample_save_xi(path("s.xi").c_str(), mod, &net), 0);
+        EXPECT_EQ(read("s.xi").substr(64, 2), pp ? "PP" : std::string("\x02\x01", 2));
+        ASSERT_EQ(load("s.xi"), 0) << psynth_sample_load_error();
+        EXPECT_TRUE(chunks() == loaded) << (pp ? "PP" : "plain");
+        EXPECT_EQ(info(1), (std::vector<int>{32, 2 | 8, 44100}));
+        ASSERT_EQ(psynth_sample_save_xi(path("s2.xi").c_str(), mod, &net), 0);
+        EXPECT_EQ(read("s2.xi"), read("s.xi"));
+    }
+    sox("f.wav", 2, "-e floating-point -b 32", 9001, 50);
+    ASSERT_EQ(load("f.wav"), 0);
+    ASSERT_EQ(psynth_sample_save_xi(path("f.xi").c_str(), mod, &net), 0);
+    ASSERT_EQ(load("f.xi"), 0);
+    EXPECT_STREQ(ins()->name, "f.wav");
+    EXPECT_EQ(header(0)->type, 0x10 | 0x40);
+    EXPECT_EQ(header(0)->length, 50u);
+    for (int i = 0; i < 100; i++) ASSERT_EQ(at<int16_t>(0, i), value_at(i / 2, i % 2)) << i;
+    // Without an instrument nothing is written.
+    psynth_free_chunks(mod, &net);
+    write("keep.xi", "old");
+    EXPECT_NE(psynth_sample_save_xi(path("keep.xi").c_str(), mod, &net), 0);
+    EXPECT_EQ(read("keep.xi"), "old");
+}
+
 TEST_F(SampleFileTest, FilesCutShortAtEveryLengthFailAndStayPlayable) {
     sox("small.wav", 2, "-b 16 -t wavpcm", 44100, 20);
-    for (const std::string& file : {read("small.wav"), make_xi(true, kXiSamples)}) {
+    sox("small.aifc", 2, "-b 24", 44100, 20);
+    sox("small_float.wav", 1, "-e floating-point -b 64", 44100, 20);
+    for (const std::string& file : {read("small.wav"), read("small.aifc"), read("small_float.wav"), make_xi(true, kXiSamples)}) {
         for (size_t n = 0; n < file.size(); n++) {
             write("cut", file.substr(0, n));
             EXPECT_EQ(load("cut"), 1) << n;
