@@ -125,8 +125,8 @@ void move_loop(psynth_sampler_sample* h, int64_t at, int64_t removed, int64_t in
     h->loop_length = (uint32_t)(end - start);
 }
 
-// Replaces `removed` frames at `at` with `count` frames of `insert` (converted), or with
-// nothing. The common ground of cut, paste and crop's ends.
+// Replaces `removed` frames at `at` with the frames of `insert` (converted), or with
+// nothing: the common ground of cut and paste.
 int splice(int mod, int slot, const slot_sample& s, int64_t at, int64_t removed, const psynth_sample_frames* insert,
            zelfon_song* song) {
     const int64_t inserted = insert ? insert->frames : 0;

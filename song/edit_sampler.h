@@ -16,6 +16,7 @@
 //
 // Threads: the GUI thread. New frames and records are made outside the lock; they go in,
 // and the old ones out, under the module's mutex, so the sound thread skips at most a block.
+// Loads read their file's values under it (psynth_sample_load): the module is silent meanwhile.
 #pragma once
 
 #include <cstdint>
