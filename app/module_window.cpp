@@ -4,6 +4,7 @@
 // from the units text, "off/linear/cubic") with its value and units. Double-click resets a
 // controller, Ctrl+click types a value, the wheel steps it, right-click writes it into the
 // pattern at the cursor. Every change is heard at once and is one undoable step per gesture.
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <SDL.h>
@@ -293,13 +294,20 @@ void studio_module_windows_draw(studio* st) {
         snprintf(title, sizeof title, "%s###module_window_%d", net->modules[mod].name, mod);
         bool open = true;
         studio_place_window(0.22f + 0.03f * i, 0.10f + 0.04f * i);
-        ImGui::SetNextWindowSize(ImVec2(ImGui::GetFontSize() * 30, 0), ImGuiCond_FirstUseEver);
+        // A module with a view of its own opens large enough for it (within the display).
+        float font = ImGui::GetFontSize();
+        ImVec2 display = ImGui::GetIO().DisplaySize;
+        ImVec2 size = studio_module_view_name(mod, net) ? ImVec2(std::min(font * 48, display.x * 0.9f), std::min(font * 44, display.y * 0.85f))
+                                                        : ImVec2(font * 30, 0);
+        ImGui::SetNextWindowSize(size, ImGuiCond_FirstUseEver);
         if (ImGui::Begin(title, &open)) {
             // Modules with a view of their own show it in a second tab.
             const char* view = studio_module_view_name(mod, net);
             bool tabs = view && ImGui::BeginTabBar("##views");
             bool module_tab = !tabs || ImGui::BeginTabItem("Module");
-            if (tabs) gui_item_name("module.tab.module");
+            char tab_id[48];
+            snprintf(tab_id, sizeof tab_id, "module.%d.tab.module", mod);
+            if (tabs) gui_item_name(tab_id);
             if (module_tab) {
                 draw_settings(st, mod);
                 draw_scope(st, mod);
@@ -309,7 +317,8 @@ void studio_module_windows_draw(studio* st) {
             }
             if (tabs) {
                 bool shown = ImGui::BeginTabItem(view);
-                gui_item_name("module.tab.view");
+                snprintf(tab_id, sizeof tab_id, "module.%d.tab.view", mod);
+                gui_item_name(tab_id);
                 if (shown) {
                     studio_module_view_draw(st, i, mod);
                     ImGui::EndTabItem();

@@ -26,6 +26,7 @@ constexpr const char* kInstrumentMask = "xi/wav/aif/aiff/aifc/raw/jpg/jpeg";
 constexpr float kHandleReach = 5.0f;       // pixels either side of a loop handle that take it
 constexpr double kMinFramesPerPixel = 1.0 / 16;
 constexpr int kWaveLines = 7;              // the waveform's height in text lines
+constexpr float kWaveMargin = 8.0f;        // pixels left and right of the sample
 constexpr const char* kLoopKinds[] = {"Off", "Forward", "Ping-pong"};
 constexpr const char* kVibratoTypes[] = {"Sine", "Ramp down", "Square", "None"};
 constexpr const char* kFormats[] = {"8 bit", "16 bit", "32 bit float"};
@@ -114,10 +115,10 @@ void draw_files(studio* st, int mod, studio_sampler_view* v) {
     gui_item_name("sampler.new_sample");
     if (ImGui::BeginPopup("##new_sample")) {
         static int frames = 44100, bits = 1, channels = 0, rate = 44100;
-        gui_labelled_int_field("Frames", "sampler.new.frames", &frames, 1, 1 << 28, ImGui::GetFontSize() * 6);
+        gui_labelled_int_field("Frames", "sampler.new.frames", &frames, 1, 1 << 28, ImGui::GetFontSize() * 9);
         ImGui::Combo("Format", &bits, kFormats, 3);
         ImGui::Combo("Channels", &channels, "Mono\0Stereo\0");
-        gui_labelled_int_field("Rate", "sampler.new.rate", &rate, 1000, 384000, ImGui::GetFontSize() * 6);
+        gui_labelled_int_field("Rate", "sampler.new.rate", &rate, 1000, 384000, ImGui::GetFontSize() * 9);
         if (ImGui::Button("Make")) {
             static constexpr int kBits[] = {8, 16, 32};
             zelfon_edit_begin(st->song);
@@ -170,25 +171,31 @@ void draw_slots(studio* st, const sampler_now& now, int mod, studio_sampler_view
     }
 }
 
-// The frame under an x on the view.
-int64_t frame_at(const studio_sampler_view* v, float x, float left, int64_t length) {
-    double f = v->first + (x - left) * v->frames_per_pixel;
+// The frame under an x on the view, at `fpp` frames per pixel.
+int64_t frame_at(const studio_sampler_view* v, double fpp, float x, float left, int64_t length) {
+    double f = v->first + (x - left) * fpp;
     return std::clamp<int64_t>((int64_t)std::llround(f), 0, length);
 }
 
 void draw_wave(studio* st, const sampler_now& now, int mod, studio_sampler_view* v) {
-    float width = ImGui::GetContentRegionAvail().x, height = ImGui::GetTextLineHeightWithSpacing() * kWaveLines;
-    ImGui::InvisibleButton("##wave", ImVec2(width, height));
+    float full = ImGui::GetContentRegionAvail().x, height = ImGui::GetTextLineHeightWithSpacing() * kWaveLines;
+    ImGui::InvisibleButton("##wave", ImVec2(full, height));
     gui_item_name("sampler.wave");
-    ImVec2 a = ImGui::GetItemRectMin(), b = ImGui::GetItemRectMax();
+    ImVec2 outer_a = ImGui::GetItemRectMin(), outer_b = ImGui::GetItemRectMax();
     ImDrawList* draw = ImGui::GetWindowDrawList();
-    draw->AddRectFilled(a, b, gui_colour_u32(GUI_COLOUR_BACKGROUND));
+    draw->AddRectFilled(outer_a, outer_b, gui_colour_u32(GUI_COLOUR_BACKGROUND));
+    // The sample between margins, so that handles at its ends stay within reach.
+    ImVec2 a(outer_a.x + kWaveMargin, outer_a.y), b(outer_b.x - kWaveMargin, outer_b.y);
+    float width = b.x - a.x;
     if (!now.frames || width < 2) return;
     double fit = (double)now.length / width;
-    if (v->frames_per_pixel <= 0 || v->frames_per_pixel > fit) v->frames_per_pixel = fit, v->first = 0;
-    double span = width * v->frames_per_pixel;
+    // Zoomed out to the whole sample (0) the view follows the width.
+    if (v->frames_per_pixel >= fit) v->frames_per_pixel = 0;
+    double fpp = v->frames_per_pixel > 0 ? v->frames_per_pixel : fit;
+    if (v->frames_per_pixel <= 0) v->first = 0;
+    double span = width * fpp;
     v->first = std::clamp(v->first, 0.0, std::max(0.0, now.length - span));
-    auto x_of = [&](int64_t f) { return a.x + (float)((f - v->first) / v->frames_per_pixel); };
+    auto x_of = [&](int64_t f) { return a.x + (float)((f - v->first) / fpp); };
 
     // Zoom around the mouse with the wheel, scroll with Shift and the wheel.
     ImGuiIO& io = ImGui::GetIO();
@@ -196,11 +203,13 @@ void draw_wave(studio* st, const sampler_now& now, int mod, studio_sampler_view*
         if (io.KeyShift) {
             v->first -= io.MouseWheel * span / 8;
         } else {
-            double at = v->first + (io.MousePos.x - a.x) * v->frames_per_pixel;
-            v->frames_per_pixel = std::clamp(v->frames_per_pixel * (io.MouseWheel > 0 ? 0.8 : 1.25), kMinFramesPerPixel, fit);
-            v->first = at - (io.MousePos.x - a.x) * v->frames_per_pixel;
+            double at = v->first + (io.MousePos.x - a.x) * fpp;
+            fpp = std::clamp(fpp * (io.MouseWheel > 0 ? 0.8 : 1.25), kMinFramesPerPixel, fit);
+            v->frames_per_pixel = fpp < fit ? fpp : 0;
+            v->first = at - (io.MousePos.x - a.x) * fpp;
         }
-        v->first = std::clamp(v->first, 0.0, std::max(0.0, now.length - width * v->frames_per_pixel));
+        span = width * fpp;
+        v->first = std::clamp(v->first, 0.0, std::max(0.0, now.length - span));
     }
 
     // The selection under the waveform, then the waveform, then the loop.
@@ -208,8 +217,8 @@ void draw_wave(studio* st, const sampler_now& now, int mod, studio_sampler_view*
         float x0 = std::max(a.x, x_of(v->sel_start)), x1 = std::min(b.x, x_of(v->sel_start + v->sel_length));
         if (x1 > x0) draw->AddRectFilled(ImVec2(x0, a.y), ImVec2(x1, b.y), gui_colour_u32(GUI_COLOUR_ACCENT, 90));
     }
-    draw->PushClipRect(a, b, true);
-    gui_waveform_draw(draw, &v->wave, a, b, v->first, v->frames_per_pixel, gui_colour_u32(GUI_COLOUR_SCOPE));
+    draw->PushClipRect(outer_a, outer_b, true);
+    gui_waveform_draw(draw, &v->wave, a, b, v->first, fpp, gui_colour_u32(GUI_COLOUR_SCOPE));
     const psynth_sampler_sample* h = now.header;
     int loop = h->type & PSYNTH_SAMPLER_LOOP_MASK;
     float loop_x[2] = {x_of(h->loop_start), x_of((int64_t)h->loop_start + h->loop_length)};
@@ -223,7 +232,7 @@ void draw_wave(studio* st, const sampler_now& now, int mod, studio_sampler_view*
     draw->PopClipRect();
 
     // The mouse: a loop handle when pressed on one, else a selection.
-    int64_t at = frame_at(v, io.MousePos.x, a.x, now.length);
+    int64_t at = frame_at(v, fpp, io.MousePos.x, a.x, now.length);
     if (ImGui::IsItemActivated()) {
         v->handle = 0;
         for (int i = 0; i < 2 && loop != PSYNTH_SAMPLER_LOOP_OFF; i++) {
@@ -293,13 +302,11 @@ void draw_commands(studio* st, const sampler_now& now, int mod, studio_sampler_v
     if (step_button(st, "Fade out", "sampler.fade_out")) report(st, zelfon_edit_sample_fade(mod, v->slot, start, length, 0, st->song));
 
     if (v->number <= 0) v->number = now.rate > 0 ? now.rate : 44100;
-    ImGui::SetNextItemWidth(ImGui::GetFontSize() * 6);
-    gui_int_field("sampler.number", &v->number, 1, 1 << 28, ImGui::GetFontSize() * 6);
+    gui_int_field("sampler.number", &v->number, 1, 1 << 28, ImGui::GetFontSize() * 9);
     ImGui::SameLine();
     if (step_button(st, "Change base sampling frequency", "sampler.set_rate")) {
         report(st, zelfon_edit_sample_set_rate(mod, v->slot, v->number, st->song));
     }
-    ImGui::SameLine();
     if (step_button(st, "Resample (with new frequency)", "sampler.resample_rate")) {
         report(st, zelfon_edit_sample_resample_rate(mod, v->slot, v->number, st->song));
     }
@@ -311,7 +318,7 @@ void draw_commands(studio* st, const sampler_now& now, int mod, studio_sampler_v
 
 void draw_header(studio* st, const sampler_now& now, int mod, studio_sampler_view* v) {
     const psynth_sampler_sample* h = now.header;
-    float field = ImGui::GetFontSize() * 4;
+    float field = ImGui::GetFontSize() * 6.5f;
     int loop = h->type & PSYNTH_SAMPLER_LOOP_MASK;
     ImGui::TextUnformatted("Loop");
     for (int kind = 0; kind < 3; kind++) {
@@ -328,7 +335,6 @@ void draw_header(studio* st, const sampler_now& now, int mod, studio_sampler_vie
     }
     int volume = h->volume, panning = h->panning, note = h->relative_note, finetune = h->finetune;
     bool changed = false;
-    ImGui::SameLine();
     changed |= gui_labelled_int_field("Volume", "sampler.volume", &volume, 0, 64, field, true) != 0;
     ImGui::SameLine();
     changed |= gui_labelled_int_field("Panning", "sampler.panning", &panning, 0, 255, field, true) != 0;
@@ -406,7 +412,7 @@ void draw_envelope(studio* st, const psynth_sampler_instrument* ins, int mod, st
     ImGui::SameLine();
     snprintf(id, sizeof id, "Loop##%s", name);
     changed |= ImGui::Checkbox(id, &loop);
-    float field = ImGui::GetFontSize() * 3;
+    float field = ImGui::GetFontSize() * 5.5f;
     ImGui::SameLine();
     snprintf(id, sizeof id, "sampler.env.%s.sustain", name);
     changed |= gui_labelled_int_field("S", id, &sustain, 0, std::max(0, count - 1), field, true) != 0;
@@ -442,7 +448,7 @@ void draw_envelope(studio* st, const psynth_sampler_instrument* ins, int mod, st
 }
 
 void draw_instrument(studio* st, const psynth_sampler_instrument* ins, int mod) {
-    float field = ImGui::GetFontSize() * 4;
+    float field = ImGui::GetFontSize() * 6.5f;
     int type = std::clamp<int>(ins->vibrato_type, 0, 3), sweep = ins->vibrato_sweep, depth = ins->vibrato_depth;
     int rate = ins->vibrato_rate, fadeout = ins->volume_fadeout;
     bool vibrato = false;
@@ -511,6 +517,16 @@ void studio_sampler_file_chosen(studio* st, int purpose, const char* path) {
     if (result == ZELFON_EDIT_OK) studio_status(st, "Saved %s", path);
     else if (result == ZELFON_EDIT_NO_SAMPLE) studio_status(st, "The slot holds no sample to save");
     else studio_message(st, "!The file cannot be written.", "OK", nullptr, nullptr);
+}
+
+void studio_sampler_recordings_tick(studio* st) {
+    for (studio_sampler_view& v : st->sampler_views) {
+        if (!v.recording) continue;
+        int result = zelfon_sampler_record_drain(v.mod, st->song);
+        if (result == ZELFON_EDIT_OK) continue;
+        v.recording = 0;  // the module went, or its take cannot be kept
+        if (result == ZELFON_EDIT_LOAD_FAILED) studio_status(st, "Sample recording error: can't write to file");
+    }
 }
 
 void studio_sampler_editor_free(studio* st) {

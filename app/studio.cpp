@@ -97,6 +97,8 @@ int expect(studio* st, const char* what) {
     return holds ? 0 : 1;
 }
 
+// save_song PATH, action NAME, set_clipboard TEXT, sleep_ms N, expect ..., open_module N
+// (its window), crash. Returns 0 when done.
 int script_command(const char* line, void* data) {
     studio* st = (studio*)data;
     char word[64] = {}, arg[STUDIO_PATH_SIZE] = {};
@@ -114,6 +116,13 @@ int script_command(const char* line, void* data) {
         return 0;
     }
     if (!strcmp(word, "expect")) return expect(st, arg);
+    if (!strcmp(word, "open_module")) {
+        // The window of module N, as a double click on its box opens it.
+        int mod = atoi(arg);
+        if (mod < 0 || mod >= st->song->net->slots || !(st->song->net->modules[mod].flags & PSYNTH_FLAG_EXISTS)) return 1;
+        studio_module_window_open(st, mod);
+        return 0;
+    }
     if (!strcmp(word, "crash")) {
         // Dies as a crash does: nothing is cleaned up or saved.
         raise(SIGKILL);
@@ -260,6 +269,7 @@ void run_loop(studio* st) {
         if (keyboard && zelfon_poll_midi_keyboard(st->song)) input = true;
         studio_files_tick(st);
         studio_devices_watch(st);
+        studio_sampler_recordings_tick(st);
         studio_export_run(st);
         uint32_t now = SDL_GetTicks();
         uint32_t signature = idle_signature(st);

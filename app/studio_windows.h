@@ -123,6 +123,8 @@ void studio_vorbis_file_chosen(studio* st, const char* path);
 void studio_sampler_editor_draw(studio* st, int window, int mod);
 // A file chosen for STUDIO_FILE_SAMPLER_LOAD, _SAVE_WAV or _SAVE_XI (st->sampler_target_*).
 void studio_sampler_file_chosen(studio* st, int purpose, const char* path);
+// From the frame loop: keeps the takes being recorded (their rings drain into files).
+void studio_sampler_recordings_tick(studio* st);
 void studio_sampler_editor_free(studio* st);
 
 // ---- sample_loader.cpp: a sample file into a new Sampler ----

@@ -45,16 +45,18 @@ void gui_item_name(const char* id) {
     gui_item_name_rect(id, a.x, a.y, b.x, b.y);
 }
 
-int gui_item_find(const char* id, float* x, float* y) {
+int gui_item_find_at(const char* id, float fx, float fy, float* x, float* y) {
     for (const named_item& item : g_items) {
         // Only items drawn in the last frame at the place they had the frame before.
         if (item.frame + 1 < g_frame || item.moved || strcmp(item.id, id)) continue;
-        *x = (item.x0 + item.x1) / 2;
-        *y = (item.y0 + item.y1) / 2;
+        *x = item.x0 + (item.x1 - item.x0) * fx;
+        *y = item.y0 + (item.y1 - item.y0) * fy;
         return 1;
     }
     return 0;
 }
+
+int gui_item_find(const char* id, float* x, float* y) { return gui_item_find_at(id, 0.5f, 0.5f, x, y); }
 
 void gui_items_new_frame() { g_frame++; }
 

@@ -205,16 +205,22 @@ int run_line(gui_script* s, char* line, const gui_window* w, gui_script_handler 
         return 1 + kSettleFrames;
     }
     if (!strcmp(word, "click_id") || !strcmp(word, "doubleclick_id")) {
+        // click_id ID [left|right|middle] [at FX FY]: the item's centre, or the point at those
+        // fractions of its width and height.
         char* id = next();
-        float x, y;
+        float x, y, fx = 0.5f, fy = 0.5f;
         if (!id) return fail(s, "click_id needs ID", original), 0;
-        if (!gui_item_find(id, &x, &y)) {
+        char* button_word = next();
+        char* at = button_word && !strcmp(button_word, "at") ? button_word : next();
+        if (at == button_word) button_word = nullptr;
+        if (at && (strcmp(at, "at") || !number(&fx) || !number(&fy))) return fail(s, "click_id: at FX FY", original), 0;
+        if (!gui_item_find_at(id, fx, fy, &x, &y)) {
             if (waited_too_long(s)) return fail(s, "no item with this id on screen", original), 0;
             return -1;  // again next frame
         }
         s->wait_since_ms = 0;
         gui_window_ui_to_window(w, &x, &y);
-        int button = button_from_word(next());
+        int button = button_from_word(button_word);
         click(s, button, x, y, 1);
         if (!strcmp(word, "doubleclick_id")) s->second_click = 1;
         return 1 + kSettleFrames;

@@ -8,7 +8,8 @@
 //   layout us|de           the key events that follow carry the key codes of that layout
 //   move X Y               move the pointer (window pixels)
 //   click X Y [right|middle] / doubleclick X Y
-//   click_id ID [right|middle] / doubleclick_id ID   click the centre of a named item
+//   click_id ID [right|middle] [at FX FY] / doubleclick_id ID   click a named item: its centre, or the
+//                                     point at fractions FX, FY of its width and height
 //   drag X1 Y1 X2 Y2       press at the first point, move, release at the second
 //   drag_id FROM TO        the same from the centre of one named item to another's
 //   wheel DY

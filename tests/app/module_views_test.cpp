@@ -26,31 +26,32 @@ fs::path views_song(const fs::path& dir) {
 
 TEST_F(ModuleViewsTest, DrawnWaveAndPartialsAreUndoableEditsAndEveryViewShows) {
     fs::path song = views_song(dir);
+    write_file(dir / "zelfon_config.txt", "window_width 1280\nwindow_height 900\n");
     auto saved = [&](const char* name) { return (dir / (std::string(name) + ".zelfon")).string(); };
     std::string script =
-        "doubleclick_id net.module.1\n"
-        "click_id module.tab.view\n"
+        "open_module 1\n"
+        "click_id module.1.tab.view\n"
         "save_song " + saved("before") + "\n"
-        "drag_id generator.wave module.tab.view\n"  // from the middle up and to the left
+        "drag_id generator.wave module.1.tab.view\n"  // from the middle up and to the left
         "wait 3\n"
         "save_song " + saved("drawn") + "\n"
         "screenshot " + shot("view_generator.png") + "\n"
         "action undo\n"
         "save_song " + saved("undone") + "\n"
-        "doubleclick_id net.module.2\n"
-        "click_id module.tab.view\n"
+        "open_module 2\n"
+        "click_id module.2.tab.view\n"
         "drag_id spectravoice.partial.3 spectravoice.partial.3.top\n"  // partial 4 to full volume
         "wait 3\n"
         "save_song " + saved("partial") + "\n"
         "screenshot " + shot("view_spectravoice.png") + "\n"
-        "doubleclick_id net.module.3\n"
-        "click_id module.tab.view\n"
+        "open_module 3\n"
+        "click_id module.3.tab.view\n"
         "screenshot " + shot("view_compressor.png") + "\n"
-        "doubleclick_id net.module.4\n"
-        "click_id module.tab.view\n"
+        "open_module 4\n"
+        "click_id module.4.tab.view\n"
         "screenshot " + shot("view_vorbis.png") + "\n"
-        "doubleclick_id net.module.5\n"
-        "click_id module.tab.view\n"
+        "open_module 5\n"
+        "click_id module.5.tab.view\n"
         "screenshot " + shot("view_multisynth.png") + "\n"
         "quit\nclick_id msgbox.button.1\n";
     ASSERT_EQ(run_studio(script, {song.string()}), 0) << output();
