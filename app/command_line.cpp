@@ -45,7 +45,7 @@ const char* const kUsage =
     "  sample-info FILE [--raw float32|int16|int8|uint8] [--channels 1|2]\n"
     "  module vorbis IN.ogg OUT.zelfon   (a song that plays the file once on a Vorbis player)\n"
     "  import IN.xm|mod|s3m|it OUT.zelfon\n"
-    "  play [SONG] [--driver jack|pulse|alsa] [--device N] [--buffer FRAMES] [--rate HZ]\n"
+    "  play [SONG] [--driver jack|pulse|alsa] [--device N] [--buffer FRAMES] [--rate HZ] [--wait SECONDS]\n"
     "  devices\n"
     "Without SONG the bundled demo song is used; without COMMAND the demo is exported to zelfon_demo.wav.\n";
 

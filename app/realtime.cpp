@@ -26,6 +26,8 @@ constexpr int kPollMs = 1;            // MIDI keyboard latency added by polling
 constexpr int kShowEveryMs = 100;
 constexpr int kTailMs = 1500;         // echoes and reverb ring on after the last line
 constexpr int kMaxBuffer = 65536;     // frames of a device buffer
+constexpr int kMaxWaitSeconds = 3600; // --wait
+constexpr int kRetryMs = 1000;        // a device waited for is tried this often
 
 volatile std::sig_atomic_t g_interrupted = 0;
 
@@ -45,17 +47,36 @@ void print_sound_device(int driver, int device, const char* name, int channels, 
 
 void print_midi_device(const char* name, void* data) { printf("  %s\n", name); }
 
+// Opens the sound stream, trying again every second for up to `wait_s` seconds (Ctrl+C
+// gives up). Returns 0 when it runs.
+int open_sound_waiting(int rate, int wait_s) {
+    const tarvik_ticks start = tarvik_time_ticks();
+    const uint64_t ticks_per_ms = tarvik_time_ticks_per_second() / 1000;
+    bool said = false;
+    for (;;) {
+        if (sound_stream_init(SOUND_TYPE_FLOAT32, rate, 2) == 0) return 0;
+        uint64_t waited_ms = (tarvik_time_ticks() - start) / ticks_per_ms;
+        if (g_interrupted || waited_ms + kRetryMs > (uint64_t)wait_s * 1000) return 1;
+        if (!said) fprintf(stderr, "zelfon: no sound device yet: waiting up to %d s for one\n", wait_s);
+        said = true;
+        tarvik_sleep_ms(kRetryMs);
+    }
+}
+
 }  // namespace
 
 int zelfon_play_command(int argc, char** args, zelfon_song_opener open_song) {
     const char* song_path = nullptr;
     int rate = profile_get_int_value("frequency", kDefaultRate, nullptr);
+    int wait_s = 0;  // how long a missing or lost sound device is waited for
     for (int i = 0; i < argc; i++) {
         const char* arg = args[i];
         bool option = !strcmp(arg, "--driver") || !strcmp(arg, "--device") || !strcmp(arg, "--buffer") ||
-                      !strcmp(arg, "--rate");
+                      !strcmp(arg, "--rate") || !strcmp(arg, "--wait");
         if (!option) {
-            if (arg[0] == '-' || song_path) return fail("play takes [SONG] [--driver jack|pulse|alsa] [--device N] [--buffer FRAMES] [--rate HZ]");
+            if (arg[0] == '-' || song_path) {
+                return fail("play takes [SONG] [--driver jack|pulse|alsa] [--device N] [--buffer FRAMES] [--rate HZ] [--wait SECONDS]");
+            }
             song_path = arg;
             continue;
         }
@@ -73,6 +94,10 @@ int zelfon_play_command(int argc, char** args, zelfon_song_opener open_song) {
                 return fail("unusable buffer ", (value + std::string(" (a whole number from 1 to ") + std::to_string(kMaxBuffer) + ")").c_str());
             }
             profile_set_str_value("buffer", value, nullptr);
+        } else if (!strcmp(arg, "--wait")) {
+            if (!zelfon_parse_number(value, 0, kMaxWaitSeconds, &wait_s)) {
+                return fail("unusable wait ", (value + std::string(" (seconds, a whole number from 0 to ") + std::to_string(kMaxWaitSeconds) + ")").c_str());
+            }
         } else if (!zelfon_parse_number(value, ZELFON_CLI_RATE_MIN, ZELFON_CLI_RATE_MAX, &rate)) {
             return fail("unusable rate ", (value + std::string(" (a whole number from ") + std::to_string(ZELFON_CLI_RATE_MIN) +
                                            " to " + std::to_string(ZELFON_CLI_RATE_MAX) + ")").c_str());
@@ -80,11 +105,13 @@ int zelfon_play_command(int argc, char** args, zelfon_song_opener open_song) {
     }
     if (rate < kDefaultRate) tarvik_log("ERROR. Sampling frequency must be >= 44100\n");
 
-    if (sound_stream_init(SOUND_TYPE_FLOAT32, rate, 2)) return fail("no sound device could be opened");
+    // The song first: a file that is no song is said so, whatever the devices.
     zelfon_song song;
-    if (open_song(song_path, rate, &song)) {
-        sound_stream_close();
-        return 1;
+    if (open_song(song_path, rate, &song)) return 1;
+    std::signal(SIGINT, on_interrupt);
+    if (open_sound_waiting(rate, wait_s)) {
+        zelfon_song_close(&song);
+        return fail("no sound device could be opened");
     }
     song.midi_kbd_module = -1;
     zelfon_set_render_threads(0, &song);  // helpers join in on buffers of 256 frames or more
@@ -92,7 +119,6 @@ int zelfon_play_command(int argc, char** args, zelfon_song_opener open_song) {
     zelfon_set_stop_at_end(1, &song);
     zelfon_play(0, &song);
 
-    std::signal(SIGINT, on_interrupt);
     const bool tty = isatty(STDOUT_FILENO);
     const tarvik_ticks start = tarvik_time_ticks();
     const uint32_t ticks_per_ms = tarvik_time_ticks_per_second() / 1000;
@@ -105,8 +131,20 @@ int zelfon_play_command(int argc, char** args, zelfon_song_opener open_song) {
         if (elapsed - shown < kShowEveryMs) continue;
         shown = elapsed;
         if (!sound_stream_running()) {
-            result = fail("the sound stream stopped");
-            break;
+            // The device went away: with --wait the song goes on from its line once it is back.
+            int line = sound_thread_value(song.line);
+            zelfon_detach_sound(kSongSlot);
+            sound_stream_close();
+            zelfon_stop_without_sound(&song);
+            fprintf(stderr, "zelfon: the sound stream stopped at line %d\n", line);
+            if (wait_s <= 0 || open_sound_waiting(rate, wait_s)) {
+                result = fail("the sound stream stopped");
+                break;
+            }
+            fprintf(stderr, "zelfon: the sound device is back: playing on from line %d\n", line);
+            zelfon_attach_sound(kSongSlot, &song);
+            zelfon_play(line, &song);
+            continue;
         }
         if (tty) {
             printf("\rLine %4d / %d   underruns %u ", sound_thread_value(song.line), song.song_lines,
