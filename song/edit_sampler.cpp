@@ -263,12 +263,11 @@ int run_load(void* context) {
                   : psynth_sample_load(c->path, c->mod, c->slot, c->flags, c->net);
 }
 
-// Runs a loader as one edit of the chunks it may change: the slot and the instrument, or
-// with slot −1 every chunk.
-int record_load(int mod, int slot, load_call* call, zelfon_song* song) {
-    if (!is_sampler(mod, song)) return ZELFON_EDIT_NO_MODULE;
-    if (slot < PSYNTH_SAMPLE_SLOT_INSTRUMENT || slot >= PSYNTH_SAMPLER_SAMPLES) return ZELFON_EDIT_OUTSIDE;
-    int chunks[1 + 2 * PSYNTH_SAMPLER_SAMPLES];
+constexpr int kLoadChunks = 1 + 2 * PSYNTH_SAMPLER_SAMPLES;
+
+// The chunks a load into `slot` may change: the instrument and the slot's two, or with
+// slot −1 every chunk. Returns their count.
+int chunks_of_load(int slot, int* chunks) {
     int count = 0;
     chunks[count++] = PSYNTH_SAMPLER_INSTRUMENT_CHUNK;
     for (int s = 0; s < PSYNTH_SAMPLER_SAMPLES; s++) {
@@ -276,6 +275,15 @@ int record_load(int mod, int slot, load_call* call, zelfon_song* song) {
         chunks[count++] = psynth_sampler_header_chunk(s);
         chunks[count++] = psynth_sampler_data_chunk(s);
     }
+    return count;
+}
+
+// Runs a loader as one edit of the chunks it may change (chunks_of_load).
+int record_load(int mod, int slot, load_call* call, zelfon_song* song) {
+    if (!is_sampler(mod, song)) return ZELFON_EDIT_NO_MODULE;
+    if (slot < PSYNTH_SAMPLE_SLOT_INSTRUMENT || slot >= PSYNTH_SAMPLER_SAMPLES) return ZELFON_EDIT_OUTSIDE;
+    int chunks[kLoadChunks];
+    const int count = chunks_of_load(slot, chunks);
     int result = 0;
     if (int code = zelfon_sampler_record_change(mod, slot, chunks, count, run_load, call, &result, song)) return code;
     return result ? ZELFON_EDIT_LOAD_FAILED : ZELFON_EDIT_OK;
@@ -601,14 +609,8 @@ int zelfon_edit_sample_new(int mod, int slot, int frames, int bits, int channels
         slot < PSYNTH_SAMPLE_SLOT_INSTRUMENT || slot >= PSYNTH_SAMPLER_SAMPLES) {
         return ZELFON_EDIT_OUTSIDE;
     }
-    int chunks[1 + 2 * PSYNTH_SAMPLER_SAMPLES];
-    int count = 0;
-    chunks[count++] = PSYNTH_SAMPLER_INSTRUMENT_CHUNK;
-    for (int s = 0; s < PSYNTH_SAMPLER_SAMPLES; s++) {
-        if (slot >= 0 && s != slot) continue;
-        chunks[count++] = psynth_sampler_header_chunk(s);
-        chunks[count++] = psynth_sampler_data_chunk(s);
-    }
+    int chunks[kLoadChunks];
+    const int count = chunks_of_load(slot, chunks);
     int result = 0;
     const int code = zelfon_sampler_record_change(
         mod, slot, chunks, count,
