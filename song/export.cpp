@@ -527,6 +527,12 @@ static void walk_song(midi_sink* sink, zelfon_song* song) {
         int64_t tick = (int64_t)line * ZELFON_MIDI_TICKS_PER_LINE;
         walk_patterns_to_line(&w, line, tick, sink, song);
         walk_line(&w, line, tick, sink, song);
+        // While nothing plays, the walk goes straight to the next pattern's first line (a
+        // pattern far down the timeline costs no walk through the empty lines before it).
+        if (w.count > 0) continue;
+        if (w.next_sorted >= song->sorted_pats_count) break;
+        int next = song->pats_info[song->sorted_pats[w.next_sorted]].x;
+        if (next > line + 1) line = next - 1;
     }
     for (int i = 0; i < w.count; i++) {
         release_pattern(&w.playing[i], (int64_t)song->song_lines * ZELFON_MIDI_TICKS_PER_LINE, sink);

@@ -36,6 +36,7 @@ static void reset_info(zelfon_pattern_info* info, uint32_t flags, int parent, in
 }
 
 static void clear_slots(int first, int count, zelfon_song* song) {
+    if (count > 0 && first < song->pats_free_from) song->pats_free_from = first;
     for (int i = first; i < first + count; i++) {
         song->pats[i] = nullptr;
         reset_info(&song->pats_info[i], 0, -1, 0, 0);
@@ -87,10 +88,16 @@ static void free_pattern_record(zelfon_pattern* pat, zelfon_song* song) {
     mem_free(pat);
 }
 
-static int first_empty_slot(const zelfon_song* song) {
-    for (int i = 0; i < song->pats_capacity; i++) {
-        if (!song->pats[i]) return i;
+// The search starts where the last one ended, so that thousands of new patterns or clones
+// (a file, an import) do not scan the table once each.
+static int first_empty_slot(zelfon_song* song) {
+    for (int i = song->pats_free_from > 0 ? song->pats_free_from : 0; i < song->pats_capacity; i++) {
+        if (!song->pats[i]) {
+            song->pats_free_from = i;
+            return i;
+        }
     }
+    song->pats_free_from = song->pats_capacity;
     return -1;
 }
 

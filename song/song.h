@@ -162,6 +162,7 @@ struct zelfon_song {
     zelfon_pattern** pats;
     zelfon_pattern_info* pats_info;
     int pats_capacity;
+    int pats_free_from;  // no slot below this one is empty (whatever empties a slot lowers it)
 
     // Play order: occupied slots sorted by x, then by x + lines.
     int* sorted_pats;

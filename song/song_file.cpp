@@ -162,7 +162,6 @@ struct song_load_state {
     pending_pattern pattern;
     zelfon_pending_synth synth;
     int sends;  // "SEND" chunks seen: the first one is the net's OUT
-    int patterns;  // "PEND" chunks placed
     int64_t memory_limit;  // the memory manager's bytes in use the load may reach
 };
 
@@ -215,10 +214,7 @@ static void copy_cells(zelfon_pattern* pat, const pending_pattern* p) {
 
 // "PEND": the slot becomes a pattern, a clone waiting for its parent, or an empty slot.
 static int place_pattern(pending_pattern* p, const song_load_state* st, zelfon_song* song) {
-    // Every "PEND" before this one filled a slot, in order: the next one is the first free
-    // one (searched for only when the table must grow).
-    int slot = st->patterns < song->pats_capacity && !song->pats[st->patterns] ? st->patterns
-                                                                               : zelfon_get_free_pattern_num(song);
+    int slot = zelfon_get_free_pattern_num(song);
     if (slot < 0 || slot >= ZELFON_FILE_MAX_PATTERN_SLOTS) return ZELFON_LOAD_ERROR_PATTERN;
     zelfon_pattern_info* info = &song->pats_info[slot];
     if (p->has_parent || !p->has_icon) {
@@ -362,7 +358,6 @@ static int take_song_chunk(song_load_state* st, zelfon_chunk_reader* r, zelfon_s
         break;
     case zelfon_chunk_id("PEND"): {
         int code = place_pattern(p, st, song);
-        st->patterns++;
         reset_pending_pattern(p);
         return code;
     }
@@ -416,6 +411,7 @@ static void bind_clones(zelfon_song* song) {
     for (int i = 0; i < song->pats_capacity; i++) {
         if (song->pats[i] == kPatternPlaceholder) {
             song->pats[i] = nullptr;
+            if (i < song->pats_free_from) song->pats_free_from = i;
             clear_pattern_info(&song->pats_info[i]);
         }
     }
@@ -470,7 +466,6 @@ static int load_song(const char* path, zelfon_song* song) {
     reset_pending_pattern(&st.pattern);
     zelfon_pending_synth_init(0, 0, &st.synth);
     st.sends = 0;
-    st.patterns = 0;
     st.memory_limit = load_memory_limit(fd);
     zelfon_chunk_reader reader;
     zelfon_chunk_reader_init(fd, &reader);
