@@ -171,10 +171,12 @@ void draw_settings(studio* st, int mod) {
     int note = m->relative_note, finetune = m->finetune;
     float width = ImGui::GetFontSize() * 6;
     snprintf(id, sizeof id, "module.%d.relative_note", mod);
-    bool pitch = gui_labelled_int_field("Relative note", id, &note, -128, 128, width, true) != 0;
+    bool pitch = gui_labelled_int_field("Relative note", id, &note, -PSYNTH_RELATIVE_NOTE_MAX,
+                                        PSYNTH_RELATIVE_NOTE_MAX, width, true) != 0;
     ImGui::SameLine();
     snprintf(id, sizeof id, "module.%d.finetune", mod);
-    pitch |= gui_labelled_int_field("Finetune", id, &finetune, -256, 256, width, true) != 0;
+    pitch |= gui_labelled_int_field("Finetune", id, &finetune, -PSYNTH_FINETUNE_MAX, PSYNTH_FINETUNE_MAX, width,
+                                     true) != 0;
     if (pitch) report(st, zelfon_edit_synth_pitch(mod, note, finetune, st->song));
 
     // MIDI out: where the module's notes also go.

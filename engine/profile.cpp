@@ -422,7 +422,7 @@ const char* profile_get_str_value(const char* key, const char* default_value, pr
 int profile_get_int_value(const char* key, int default_value, profile_data* p) {
     const char* v = profile_get_str_value(key, nullptr, p);
     if (!v) return default_value;
-    while (is_blank(*v)) v++;
+    while (*v && is_blank(*v)) v++;  // the terminator counts as a blank while walking the file
     bool negative = *v == '-';
     if (*v == '-' || *v == '+') v++;
     if (*v < '0' || *v > '9') return default_value;

@@ -74,8 +74,18 @@ static intptr_t ask_handler(psynth_handler handler, int mod_num, int command, ps
     return handler(mod_num, &event, net);
 }
 
+void psynth_clamp_ctl_values(psynth_module* mod) {
+    for (int i = 0; i < mod->ctls_count; i++) {
+        const psynth_ctl* ctl = &mod->ctls[i];
+        if (!ctl->value || ctl->min > ctl->max) continue;
+        if (*ctl->value < ctl->min) *ctl->value = ctl->min;
+        if (*ctl->value > ctl->max) *ctl->value = ctl->max;
+    }
+}
+
 intptr_t psynth_do_command(int mod_num, int command, psynth_net* net) {
     if (!module_exists(mod_num, net)) return 0;
+    psynth_clamp_ctl_values(&net->modules[mod_num]);
     return ask_handler(net->modules[mod_num].handler, mod_num, command, net);
 }
 
@@ -120,7 +130,10 @@ void psynth_init(int flags, int sampling_rate, int bpm, int ticks_per_line, psyn
     tarvik_midi_client_open(&net->midi_client, "PSynth");
     net->capture_module = -1;
     net->global_volume = PSYNTH_OUTPUT_VOLUME_DEFAULT;
-    net->sampling_rate = sampling_rate;
+    // A rate from a configuration file is taken as given, within what the tick and line
+    // arithmetic and the modules' delay lines are made for.
+    net->sampling_rate = sampling_rate < PSYNTH_RATE_MIN ? PSYNTH_RATE_MIN
+                         : sampling_rate > PSYNTH_RATE_MAX ? PSYNTH_RATE_MAX : sampling_rate;
 
     psynth_add_synth(-1, nullptr, "OUT", PSYNTH_FLAG_OUTPUT, 896, 512, bpm, ticks_per_line, net);
     if (flags & 1) build_starter_net(bpm, ticks_per_line, net);
@@ -354,8 +367,12 @@ void psynth_remove_synth(int mod_num, psynth_net* net) {
 intptr_t psynth_handle_event(int mod_num, psynth_event* event, psynth_net* net) {
     if (!module_exists(mod_num, net)) return 0;
     psynth_module* mod = &net->modules[mod_num];
+    bool controller = event->command == PS_CMD_SET_LOCAL_CONTROLLER || event->command == PS_CMD_SET_GLOBAL_CONTROLLER;
+    // Values above 32768 count as 32768, for the handlers that take the value themselves too.
+    if (controller && event->velocity > PSYNTH_CTL_MAX_VALUE) event->velocity = PSYNTH_CTL_MAX_VALUE;
+    psynth_clamp_ctl_values(mod);
     intptr_t result = mod->handler(mod_num, event, net);
-    if (event->command == PS_CMD_SET_LOCAL_CONTROLLER || event->command == PS_CMD_SET_GLOBAL_CONTROLLER) {
+    if (controller) {
         mod = &net->modules[mod_num];
         int ctl = (uint16_t)event->note;
         if (result == 0 && ctl < mod->ctls_count && mod->ctls[ctl].value) {

@@ -28,6 +28,16 @@ constexpr int PSYNTH_TIME_RING_SIZE = 4;
 constexpr int PSYNTH_OUTPUT_VOLUME_DEFAULT = 52;
 constexpr int PSYNTH_CTL_MAX_VALUE = 32768;     // controller values travel as 0..32768
 constexpr uint8_t PSYNTH_MIDI_UNBOUND = 0xFF;   // a controller no MIDI controller moves
+// A module's tuning, subtracted from every note's pitch: relative note in semitones and
+// finetune in 1/256 semitone. Kept within these, a pitch always fits its arithmetic.
+constexpr int PSYNTH_RELATIVE_NOTE_MAX = 128;   // −128..128
+constexpr int PSYNTH_FINETUNE_MAX = 256;        // −256..256
+constexpr int PSYNTH_POSITION_MAX = 1 << 20;    // net editor coordinates, −max..max
+constexpr int PSYNTH_RATE_MIN = 1000;          // sampling rates a net runs at, in Hz
+constexpr int PSYNTH_RATE_MAX = 768000;
+constexpr int PSYNTH_MIDI_CHANNEL_MAX = 15;
+constexpr int PSYNTH_MIDI_BANK_MAX = 16383;
+constexpr int PSYNTH_MIDI_PROGRAM_MAX = 127;
 
 typedef int16_t psynth_sample;  // fixed point 13.3: full scale of the device is ±4096
 
@@ -266,6 +276,10 @@ void psynth_change_ctl(int mod_num, int ctl, const char* name, const char* units
                        int max, int def, int type, int* value, psynth_net* net);
 // The value a controller takes for a normalized value 0..32768 (larger counts as 32768).
 int psynth_ctl_value_from_normalized(const psynth_ctl* ctl, int normalized);
+// Brings every controller value of `mod` within its registered range, whoever wrote it (an
+// editor, a file, a script). The net calls it before it hands the module a command, an
+// event or a buffer to render, so no handler ever sees a value outside its range.
+void psynth_clamp_ctl_values(psynth_module* mod);
 
 // ---- Channels ----
 

@@ -288,6 +288,7 @@ static int render_piece(int mod_num, int p, int length, int* silence, bool* writ
         render.command = PS_CMD_RENDER_REPLACE;
         render.id = -1;
         render.offset = p;
+        psynth_clamp_ctl_values(mod);
         intptr_t result = mod->handler(mod_num, &render, net);
         mod = &net->modules[mod_num];
         if (result) {

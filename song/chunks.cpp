@@ -110,6 +110,11 @@ int32_t zelfon_chunk_int(const zelfon_chunk_reader* reader) {
     return (int32_t)get_le32(bytes);
 }
 
+int32_t zelfon_chunk_int_in(const zelfon_chunk_reader* reader, int32_t lo, int32_t hi) {
+    int32_t v = zelfon_chunk_int(reader);
+    return v < lo ? lo : v > hi ? hi : v;
+}
+
 int zelfon_chunk_ints(zelfon_chunk_reader* reader) {
     if (!reader->data) return 0;
     int count = (int)(reader->size / 4);

@@ -51,6 +51,8 @@ int load_block(zelfon_chunk_reader* reader);
 
 // The first 4 bytes of the current chunk as a signed little-endian value; missing bytes read as 0.
 int32_t zelfon_chunk_int(const zelfon_chunk_reader* reader);
+// The same, brought within lo..hi: values enter from files already in the range their users expect.
+int32_t zelfon_chunk_int_in(const zelfon_chunk_reader* reader, int32_t lo, int32_t hi);
 // Turns the current chunk's data into host-order 32-bit values in place and returns how many.
 int zelfon_chunk_ints(zelfon_chunk_reader* reader);
 // Takes the current chunk's data as a zero-terminated text (grown by a terminator when the

@@ -8,9 +8,6 @@
 #include "song/edit_actions.h"
 #include "song/edit_net.h"
 
-constexpr int kMidiBankMax = 16383;  // 14 bits: MSB and LSB of the bank select
-constexpr int kMidiProgramMax = 127;
-constexpr int kMidiChannelMax = 15;
 constexpr uint32_t kUserFlags = PSYNTH_FLAG_MUTE | PSYNTH_FLAG_SOLO;
 constexpr uint32_t kChunkMergeKey = 1u << 24;  // above the Sampler editor's own merge keys
 
@@ -125,6 +122,10 @@ int zelfon_edit_synth_color(int mod, const uint8_t color[3], zelfon_song* song) 
 int zelfon_edit_synth_pitch(int mod, int relative_note, int finetune, zelfon_song* song) {
     zelfon_synth_settings s;
     if (int code = start_settings(mod, &s, song)) return code;
+    if (relative_note < -PSYNTH_RELATIVE_NOTE_MAX || relative_note > PSYNTH_RELATIVE_NOTE_MAX ||
+        finetune < -PSYNTH_FINETUNE_MAX || finetune > PSYNTH_FINETUNE_MAX) {
+        return ZELFON_EDIT_OUTSIDE;
+    }
     s.relative_note = relative_note;
     s.finetune = finetune;
     return record_settings(mod, &s, song);
@@ -133,8 +134,8 @@ int zelfon_edit_synth_pitch(int mod, int relative_note, int finetune, zelfon_son
 int zelfon_edit_synth_midi_out(int mod, const char* device, int channel, int bank, int program, zelfon_song* song) {
     zelfon_synth_settings s;
     if (int code = start_settings(mod, &s, song)) return code;
-    if ((device && strlen(device) >= sizeof(s.midi_name)) || channel < 0 || channel > kMidiChannelMax || bank < -1 ||
-        bank > kMidiBankMax || program < -1 || program > kMidiProgramMax) {
+    if ((device && strlen(device) >= sizeof(s.midi_name)) || channel < 0 || channel > PSYNTH_MIDI_CHANNEL_MAX || bank < -1 ||
+        bank > PSYNTH_MIDI_BANK_MAX || program < -1 || program > PSYNTH_MIDI_PROGRAM_MAX) {
         return ZELFON_EDIT_OUTSIDE;
     }
     memset(s.midi_name, 0, sizeof(s.midi_name));

@@ -518,6 +518,12 @@ static void walk_song(midi_sink* sink, zelfon_song* song) {
         int64_t tick = (int64_t)line * ZELFON_MIDI_TICKS_PER_LINE;
         walk_patterns_to_line(&w, line, tick, sink, song);
         walk_line(&w, line, tick, sink, song);
+        // While nothing plays, the walk goes straight to the next pattern's first line (a
+        // pattern far down the timeline costs no walk through the empty lines before it).
+        if (w.count > 0) continue;
+        if (w.next_sorted >= song->sorted_pats_count) break;
+        int next = song->pats_info[song->sorted_pats[w.next_sorted]].x;
+        if (next > line + 1) line = next - 1;
     }
     for (int i = 0; i < w.count; i++) {
         release_pattern(&w.playing[i], (int64_t)song->song_lines * ZELFON_MIDI_TICKS_PER_LINE, sink);
@@ -541,16 +547,14 @@ static bool build_tempo_track(midi_track* t, int lines_per_beat, zelfon_song* so
     const int rate = song->net->sampling_rate;
     if (song->name && *song->name) midi_put_meta(t, 0, 0x03, song->name, strlen(song->name));
     int lines = song->song_lines > 0 ? song->song_lines : 1;
-    uint16_t* bpm = nullptr;
-    uint8_t* speed = nullptr;
-    if (zelfon_get_song_speed_tables(&bpm, &speed, lines, song) != 0) return false;
-    for (int l = 0; l < lines; l++) {
-        if (l > 0 && bpm[l] == bpm[l - 1] && speed[l] == speed[l - 1]) continue;
-        int s = speed[l] ? speed[l] : 1;
-        midi_put_tempo(t, (int64_t)l * ZELFON_MIDI_TICKS_PER_LINE, midi_tempo(bpm[l], s, lines_per_beat, rate));
+    zelfon_tempo_change* changes = nullptr;
+    int count = 0;
+    if (zelfon_get_song_tempo_changes(&changes, &count, song) != 0) return false;
+    for (int i = 0; i < count && changes[i].line < lines; i++) {
+        const zelfon_tempo_change* c = &changes[i];
+        midi_put_tempo(t, (int64_t)c->line * ZELFON_MIDI_TICKS_PER_LINE, midi_tempo(c->bpm, c->speed, lines_per_beat, rate));
     }
-    mem_free(bpm);
-    mem_free(speed);
+    mem_free(changes);
     return true;
 }
 

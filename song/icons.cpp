@@ -31,6 +31,7 @@ int zelfon_icons_init(zelfon_song* song) {
     mem_zero(song->icons_usage);
     mem_zero(song->icons_atlas);
     song->icons_count = ZELFON_ICONS_STEP;
+    song->icons_free_from = 0;
     return 0;
 }
 
@@ -44,9 +45,12 @@ void zelfon_icons_close(zelfon_song* song) {
 
 int zelfon_get_free_icon_number(zelfon_song* song) {
     if (!song->icons_usage && zelfon_icons_init(song)) return -1;
-    for (int n = 0; n < song->icons_count; n++) {
+    // The search starts past the numbers known to be used, so that a song of thousands of
+    // patterns does not scan the table once per pattern.
+    for (int n = song->icons_free_from; n < song->icons_count; n++) {
         if (!song->icons_usage[n]) {
             song->icons_usage[n] = 1;
+            song->icons_free_from = n + 1;
             return n;
         }
     }
@@ -61,11 +65,14 @@ int zelfon_get_free_icon_number(zelfon_song* song) {
     int first_new = song->icons_count;
     song->icons_count = count;
     song->icons_usage[first_new] = 1;
+    song->icons_free_from = first_new + 1;
     return first_new;
 }
 
 void zelfon_release_icon_number(int icon_num, zelfon_song* song) {
-    if (icon_num >= 0 && icon_num < song->icons_count) song->icons_usage[icon_num] = 0;
+    if (icon_num < 0 || icon_num >= song->icons_count) return;
+    song->icons_usage[icon_num] = 0;
+    if (icon_num < song->icons_free_from) song->icons_free_from = icon_num;
 }
 
 void zelfon_draw_pattern_icon(int slot, zelfon_song* song) {

@@ -194,13 +194,17 @@ int zelfon_pending_synth_take(zelfon_chunk_reader* reader, int take_position_lin
         zelfon_chunk_copy(reader, p->type, sizeof(p->type) - 1);
         p->type[sizeof(p->type) - 1] = 0;
         break;
-    case zelfon_chunk_id("SFIN"): p->finetune = zelfon_chunk_int(reader); break;
-    case zelfon_chunk_id("SREL"): p->relative_note = zelfon_chunk_int(reader); break;
+    case zelfon_chunk_id("SFIN"):
+        p->finetune = zelfon_chunk_int_in(reader, -PSYNTH_FINETUNE_MAX, PSYNTH_FINETUNE_MAX);
+        break;
+    case zelfon_chunk_id("SREL"):
+        p->relative_note = zelfon_chunk_int_in(reader, -PSYNTH_RELATIVE_NOTE_MAX, PSYNTH_RELATIVE_NOTE_MAX);
+        break;
     case zelfon_chunk_id("SXXX"):
-        if (take_position_links) p->x = zelfon_chunk_int(reader);
+        if (take_position_links) p->x = zelfon_chunk_int_in(reader, -PSYNTH_POSITION_MAX, PSYNTH_POSITION_MAX);
         break;
     case zelfon_chunk_id("SYYY"):
-        if (take_position_links) p->y = zelfon_chunk_int(reader);
+        if (take_position_links) p->y = zelfon_chunk_int_in(reader, -PSYNTH_POSITION_MAX, PSYNTH_POSITION_MAX);
         break;
     case zelfon_chunk_id("SCOL"):
         zelfon_chunk_copy(reader, p->color, sizeof(p->color));
@@ -210,9 +214,9 @@ int zelfon_pending_synth_take(zelfon_chunk_reader* reader, int take_position_lin
         mem_free(p->midi_name);
         p->midi_name = zelfon_chunk_take_text(reader);
         break;
-    case zelfon_chunk_id("SMIC"): p->midi_channel = zelfon_chunk_int(reader); break;
-    case zelfon_chunk_id("SMIB"): p->midi_bank = zelfon_chunk_int(reader); break;
-    case zelfon_chunk_id("SMIP"): p->midi_program = zelfon_chunk_int(reader); break;
+    case zelfon_chunk_id("SMIC"): p->midi_channel = zelfon_chunk_int_in(reader, 0, PSYNTH_MIDI_CHANNEL_MAX); break;
+    case zelfon_chunk_id("SMIB"): p->midi_bank = zelfon_chunk_int_in(reader, -1, PSYNTH_MIDI_BANK_MAX); break;
+    case zelfon_chunk_id("SMIP"): p->midi_program = zelfon_chunk_int_in(reader, -1, PSYNTH_MIDI_PROGRAM_MAX); break;
     case zelfon_chunk_id("SLNK"):
         if (take_position_links) take_links(reader, &p->input_links, &p->input_links_count);
         break;

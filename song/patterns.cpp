@@ -1,6 +1,7 @@
 // The pattern slot table: slots keep their numbers (empty slots stay in place), clones
 // share their parent's record, holes can be closed before saving and re-opened after,
 // and the play order sorts the occupied slots along the timeline.
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstring>
@@ -35,6 +36,7 @@ static void reset_info(zelfon_pattern_info* info, uint32_t flags, int parent, in
 }
 
 static void clear_slots(int first, int count, zelfon_song* song) {
+    if (count > 0 && first < song->pats_free_from) song->pats_free_from = first;
     for (int i = first; i < first + count; i++) {
         song->pats[i] = nullptr;
         reset_info(&song->pats_info[i], 0, -1, 0, 0);
@@ -86,10 +88,16 @@ static void free_pattern_record(zelfon_pattern* pat, zelfon_song* song) {
     mem_free(pat);
 }
 
-static int first_empty_slot(const zelfon_song* song) {
-    for (int i = 0; i < song->pats_capacity; i++) {
-        if (!song->pats[i]) return i;
+// The search starts where the last one ended, so that thousands of new patterns or clones
+// (a file, an import) do not scan the table once each.
+static int first_empty_slot(zelfon_song* song) {
+    for (int i = song->pats_free_from > 0 ? song->pats_free_from : 0; i < song->pats_capacity; i++) {
+        if (!song->pats[i]) {
+            song->pats_free_from = i;
+            return i;
+        }
     }
+    song->pats_free_from = song->pats_capacity;
     return -1;
 }
 
@@ -170,10 +178,30 @@ void zelfon_remove_pattern(int slot, zelfon_song* song) {
 }
 
 void zelfon_remove_all_patterns(zelfon_song* song) {
-    // Record by record, so that clones whose parent slot is gone are freed too.
-    for (int i = 0; i < song->pats_capacity; i++) {
-        if (song->pats[i]) free_pattern_record(song->pats[i], song);
+    if (!song->pats) return;
+    // Record by record, so that clones whose parent slot is gone are freed too: each
+    // distinct record once, found by sorting the slots' references.
+    zelfon_pattern** records = (zelfon_pattern**)mem_new(
+        MEM_DYNAMIC, sizeof(zelfon_pattern*) * (size_t)(song->pats_capacity + 1), "zelfon_remove_all_patterns");
+    if (!records) {
+        for (int i = 0; i < song->pats_capacity; i++) {
+            if (song->pats[i]) free_pattern_record(song->pats[i], song);
+        }
+        return;
     }
+    int count = 0;
+    for (int i = 0; i < song->pats_capacity; i++) {
+        if (song->pats[i]) records[count++] = song->pats[i];
+    }
+    std::sort(records, records + count);
+    count = (int)(std::unique(records, records + count) - records);
+    clear_slots(0, song->pats_capacity, song);
+    for (int k = 0; k < count; k++) {
+        zelfon_release_icon_number(records[k]->icon_num, song);
+        mem_free(records[k]->data);
+        mem_free(records[k]);
+    }
+    mem_free(records);
 }
 
 int zelfon_set_pattern_channels(int slot, int channels, zelfon_song* song) {
@@ -390,18 +418,12 @@ void zelfon_sort_patterns(zelfon_song* song) {
         int64_t end = (int64_t)song->pats_info[i].x + song->pats[i]->lines;
         if (end > song_lines) song_lines = end;
     }
-    for (bool swapped = true; swapped;) {
-        swapped = false;
-        for (int i = 0; i + 1 < count; i++) {
-            int a = song->sorted_pats[i];
-            int b = song->sorted_pats[i + 1];
-            if (plays_after(a, b, song)) {
-                song->sorted_pats[i] = b;
-                song->sorted_pats[i + 1] = a;
-                swapped = true;
-            }
-        }
-    }
+    // The order of a stable sort by (x, end): slots with equal keys keep their slot order.
+    // (A bubble sort gives the same order, but a file of thousands of patterns would wait
+    // for it.)
+    std::sort(song->sorted_pats, song->sorted_pats + count, [song](int a, int b) {
+        return plays_after(b, a, song) || (!plays_after(a, b, song) && a < b);
+    });
     song->sorted_pats_count = count;
     song->song_lines = song_lines > INT_MAX ? INT_MAX : (int)song_lines;
 }

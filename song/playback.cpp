@@ -753,15 +753,15 @@ static void tempo_at_line(int line, int* bpm, int* speed, zelfon_song* song) {
     zelfon_sort_patterns(song);
     tarvik_mutex_unlock(&song->net->mutex);
     if (line <= 0 || song->song_lines <= 0) return;
-    uint16_t* bpm_table = nullptr;
-    uint8_t* speed_table = nullptr;
-    if (zelfon_get_song_speed_tables(&bpm_table, &speed_table, song->song_lines, song) == 0) {
-        int l = line < song->song_lines ? line : song->song_lines - 1;
-        *bpm = bpm_table[l];
-        *speed = speed_table[l];
+    zelfon_tempo_change* changes = nullptr;
+    int count = 0;
+    if (zelfon_get_song_tempo_changes(&changes, &count, song) == 0) {
+        const zelfon_tempo_change* c =
+            zelfon_tempo_at(changes, count, line < song->song_lines ? line : song->song_lines - 1);
+        *bpm = c->bpm;
+        *speed = c->speed;
     }
-    mem_free(bpm_table);
-    mem_free(speed_table);
+    mem_free(changes);
 }
 
 void zelfon_play(int line, zelfon_song* song) {

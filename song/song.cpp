@@ -77,6 +77,7 @@ void zelfon_song_close(zelfon_song* song) {
     song->pats = nullptr;
     song->pats_info = nullptr;
     song->pats_capacity = 0;
+    song->pats_free_from = 0;
     song->sorted_pats = nullptr;
     song->sorted_pats_count = 0;
     song->editor_pats = nullptr;

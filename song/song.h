@@ -31,6 +31,9 @@ constexpr int ZELFON_SPEED_DEFAULT = 6;
 constexpr int ZELFON_BPM_MIN = 32;
 constexpr int ZELFON_BPM_MAX = 16000;
 constexpr int ZELFON_PITCH_C0 = 30720;    // pitch of C0; smaller is higher
+// Timeline positions (line x, vertical y) lie within −max..max, so that a pattern's end
+// (x + lines) and the song length in lines always fit an int.
+constexpr int ZELFON_TIMELINE_POSITION_MAX = 1 << 30;
 
 // Special notes of a cell.
 enum : int {
@@ -159,6 +162,7 @@ struct zelfon_song {
     zelfon_pattern** pats;
     zelfon_pattern_info* pats_info;
     int pats_capacity;
+    int pats_free_from;  // no slot below this one is empty (whatever empties a slot lowers it)
 
     // Play order: occupied slots sorted by x, then by x + lines.
     int* sorted_pats;
@@ -178,6 +182,7 @@ struct zelfon_song {
     uint8_t* icons_atlas;
     uint8_t* icons_usage;
     int icons_count;
+    int icons_free_from;  // no icon number below this one is free
 
     int midi_kbd_module;
     int midi_kbd_channel;  // 1-based
@@ -285,9 +290,20 @@ void zelfon_dump_patterns(zelfon_song* song);
 
 // ---- Tempo (tempo.cpp) ----
 
-// Per-line BPM and speed tables of `lines` entries, at least 1 (new blocks, owned by the caller).
-// Returns 0, non-zero when memory ran out.
-int zelfon_get_song_speed_tables(uint16_t** bpm_table, uint8_t** speed_table, int lines, zelfon_song* song);
+// The tempo in force from `line` on, until the next change.
+struct zelfon_tempo_change {
+    int line;
+    uint16_t bpm;
+    uint8_t speed;  // ticks per line, at least 1
+};
+// The song's tempo over the timeline as a list of changes in line order (a new block owned by
+// the caller, `*count` entries): the first is line 0 with the song's own tempo as the
+// patterns' tempo effects there leave it, each later one a line whose effects change BPM or
+// speed. Only changes are kept, so a song of any length costs what its effects cost.
+// Returns 0, non-zero when memory ran out (then `*changes` is null and `*count` 0).
+int zelfon_get_song_tempo_changes(zelfon_tempo_change** changes, int* count, zelfon_song* song);
+// The entry of `changes` in force at `line` (the last one at or before it).
+const zelfon_tempo_change* zelfon_tempo_at(const zelfon_tempo_change* changes, int count, int line);
 // Song length in frames at `sampling_rate`, following every tempo change. Sorts first. −1 when memory ran out.
 int64_t zelfon_get_song_length_frames(int sampling_rate, zelfon_song* song);
 

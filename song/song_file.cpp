@@ -162,7 +162,26 @@ struct song_load_state {
     pending_pattern pattern;
     zelfon_pending_synth synth;
     int sends;  // "SEND" chunks seen: the first one is the net's OUT
+    int64_t memory_limit;  // the memory manager's bytes in use the load may reach
 };
+
+// The memory a file may make the song hold: what it held before, the file, and a fixed room.
+static int64_t load_memory_limit(int fd) {
+    int64_t here = v3_tell(fd);
+    int64_t size = v3_seek(fd, 0, V3_SEEK_END) == 0 ? v3_tell(fd) : 0;
+    v3_seek(fd, here, V3_SEEK_SET);
+    return mem_get_stats().dynamic_in_use + (size > 0 ? size : 0) + ZELFON_FILE_LOAD_MEMORY;
+}
+
+// Checked as the file places `more` bytes of patterns or after a module is made: a tiny file
+// that claims gigabytes stops here, with what it made so far.
+static bool within_memory_limit(int64_t more, const song_load_state* st) {
+    int64_t in_use = mem_get_stats().dynamic_in_use;
+    if (in_use + more <= st->memory_limit) return true;
+    tarvik_log("zelfon_load_song(): the file asks for more memory than its size allows (%lld bytes)\n",
+               (long long)(in_use + more));
+    return false;
+}
 
 static void reset_pending_pattern(pending_pattern* p) {
     mem_free(p->cells);
@@ -194,7 +213,7 @@ static void copy_cells(zelfon_pattern* pat, const pending_pattern* p) {
 }
 
 // "PEND": the slot becomes a pattern, a clone waiting for its parent, or an empty slot.
-static int place_pattern(pending_pattern* p, zelfon_song* song) {
+static int place_pattern(pending_pattern* p, const song_load_state* st, zelfon_song* song) {
     int slot = zelfon_get_free_pattern_num(song);
     if (slot < 0 || slot >= ZELFON_FILE_MAX_PATTERN_SLOTS) return ZELFON_LOAD_ERROR_PATTERN;
     zelfon_pattern_info* info = &song->pats_info[slot];
@@ -215,6 +234,7 @@ static int place_pattern(pending_pattern* p, zelfon_song* song) {
     int64_t allowed = (int64_t)p->cells_size > ZELFON_FILE_MAX_EMPTY_PATTERN_BYTES ? (int64_t)p->cells_size
                                                                                  : ZELFON_FILE_MAX_EMPTY_PATTERN_BYTES;
     if (bytes > allowed) return ZELFON_LOAD_ERROR_PATTERN;
+    if (!within_memory_limit(bytes, st)) return ZELFON_LOAD_ERROR_MEMORY;
     if (new_pattern_with_num(slot, lines, tracks, p->x, p->y, (uint32_t)slot, song) != slot) {
         return ZELFON_LOAD_ERROR_PATTERN;
     }
@@ -289,6 +309,7 @@ static int finish_module(song_load_state* st, zelfon_song* song) {
     if (st->sends++ == 0) configure_output(&st->synth, song);
     else code = add_song_module(&st->synth, song);
     zelfon_pending_synth_reset(0, 0, &st->synth);
+    if (code == 0 && !within_memory_limit(0, st)) code = ZELFON_LOAD_ERROR_MEMORY;
     return code;
 }
 
@@ -310,8 +331,8 @@ static int take_song_chunk(song_load_state* st, zelfon_chunk_reader* r, zelfon_s
         p->cells = (zelfon_cell*)zelfon_chunk_reader_take(r);
         break;
     case zelfon_chunk_id("PCHN"): p->tracks = zelfon_chunk_int(r); break;
-    case zelfon_chunk_id("PLIN"): p->lines = zelfon_chunk_int(r); break;
-    case zelfon_chunk_id("PYSZ"): p->ysize = zelfon_chunk_int(r); break;
+    case zelfon_chunk_id("PLIN"): p->lines = zelfon_chunk_int_in(r, 1, ZELFON_TIMELINE_POSITION_MAX); break;
+    case zelfon_chunk_id("PYSZ"): p->ysize = zelfon_chunk_int_in(r, 1, ZELFON_TIMELINE_POSITION_MAX); break;
     case zelfon_chunk_id("PICO"):
         zelfon_chunk_copy(r, p->icon, sizeof(p->icon));
         p->has_icon = 1;
@@ -329,10 +350,14 @@ static int take_song_chunk(song_load_state* st, zelfon_chunk_reader* r, zelfon_s
         p->has_parent = 1;
         break;
     case zelfon_chunk_id("PFFF"): p->flags = (uint32_t)zelfon_chunk_int(r); break;
-    case zelfon_chunk_id("PXXX"): p->x = zelfon_chunk_int(r); break;
-    case zelfon_chunk_id("PYYY"): p->y = zelfon_chunk_int(r); break;
+    case zelfon_chunk_id("PXXX"):
+        p->x = zelfon_chunk_int_in(r, -ZELFON_TIMELINE_POSITION_MAX, ZELFON_TIMELINE_POSITION_MAX);
+        break;
+    case zelfon_chunk_id("PYYY"):
+        p->y = zelfon_chunk_int_in(r, -ZELFON_TIMELINE_POSITION_MAX, ZELFON_TIMELINE_POSITION_MAX);
+        break;
     case zelfon_chunk_id("PEND"): {
-        int code = place_pattern(p, song);
+        int code = place_pattern(p, st, song);
         reset_pending_pattern(p);
         return code;
     }
@@ -386,6 +411,7 @@ static void bind_clones(zelfon_song* song) {
     for (int i = 0; i < song->pats_capacity; i++) {
         if (song->pats[i] == kPatternPlaceholder) {
             song->pats[i] = nullptr;
+            if (i < song->pats_free_from) song->pats_free_from = i;
             clear_pattern_info(&song->pats_info[i]);
         }
     }
@@ -440,6 +466,7 @@ static int load_song(const char* path, zelfon_song* song) {
     reset_pending_pattern(&st.pattern);
     zelfon_pending_synth_init(0, 0, &st.synth);
     st.sends = 0;
+    st.memory_limit = load_memory_limit(fd);
     zelfon_chunk_reader reader;
     zelfon_chunk_reader_init(fd, &reader);
     int code = 0;

@@ -21,6 +21,9 @@ constexpr int ZELFON_FILE_MAX_PATTERN_SLOTS = 16384;
 constexpr int ZELFON_FILE_MAX_MODULE_SLOTS = 1024;
 // A pattern without cell data in the file may ask for at most this many bytes of cells.
 constexpr int64_t ZELFON_FILE_MAX_EMPTY_PATTERN_BYTES = 32 << 20;
+// What a song may build in memory beyond its file's own size (patterns, modules and what
+// they allocate): a small file cannot claim more; loading stops there with an error.
+constexpr int64_t ZELFON_FILE_LOAD_MEMORY = 56 << 20;
 
 enum : int {
     ZELFON_LOAD_OK = 0,
@@ -31,6 +34,7 @@ enum : int {
     ZELFON_LOAD_ERROR_CHUNK_FLAGS = 5,
     ZELFON_LOAD_ERROR_CHUNK_RATES = 6,
     ZELFON_LOAD_ERROR_MODULE = 7,       // a module cannot be created
+    ZELFON_LOAD_ERROR_MEMORY = 8,       // the file asks for more memory than its size allows
 };
 
 // The "VERS" value of version texts such as "1" and "6.4": bytes 0, patch, minor, major.

@@ -158,6 +158,14 @@ TEST_F(ProfileTest, UnclosedQuoteRunsToTheEnd) {
     EXPECT_EQ(saved(), "a z");  // the whole entry was the value
 }
 
+// A value of nothing but blanks reads as no number, and the reader stops at its end (a
+// quoted value of control characters once walked past its terminator).
+TEST_F(ProfileTest, BlankValuesGiveTheDefaultNumber) {
+    load("a \"\x06\"\nfrequency \"\t \"\n");
+    EXPECT_EQ(profile_get_int_value("a", 7, &p_), 7);
+    EXPECT_EQ(profile_get_int_value("frequency", 44100, &p_), 44100);
+}
+
 // Temporary files of the saves of cfg.txt left in the test folder.
 int temp_files(const fs::path& dir) {
     int n = 0;

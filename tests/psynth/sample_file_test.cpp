@@ -15,6 +15,7 @@
 #include "psynth/psynth_modules.h"
 #include "psynth/sample_file.h"
 #include "psynth/sampler.h"
+#include "sample_writers.h"
 #include "test_modules.h"
 
 namespace {
@@ -22,12 +23,6 @@ namespace {
 constexpr int kFrames = 600;
 
 int16_t value_at(int i, int channel) { return (int16_t)(((i * (channel ? 91 : 37) + 5 * channel) % 256 - 128) * 256); }
-
-std::string le(uint32_t v, int n) {
-    std::string s;
-    for (int i = 0; i < n; i++) s += (char)(v >> (8 * i));
-    return s;
-}
 
 class SampleFileTest : public PsynthFixture {
 protected:
@@ -50,7 +45,7 @@ protected:
     // sox converts the 16-bit ramp (1 or 2 channels) into `out` with `options`.
     void sox(const std::string& out, int channels, const std::string& options, int rate = 44100, int frames = kFrames) {
         std::string raw;
-        for (int i = 0; i < frames * channels; i++) raw += le((uint16_t)value_at(i / channels, i % channels), 2);
+        for (int i = 0; i < frames * channels; i++) raw += sw_le((uint16_t)value_at(i / channels, i % channels), 2);
         write("in.raw", raw);
         std::string cmd = "sox -D -t raw -r " + std::to_string(rate) + " -e signed -b 16 -c " + std::to_string(channels) +
                           " '" + path("in.raw") + "' " + options + " '" + path(out) + "'";
@@ -159,8 +154,8 @@ TEST_F(SampleFileTest, WavAndAiffFilesOfEveryDepthLoadExactly) {
     // 1, its 40-byte "fmt " and its "fact" chunk are stepped over.
     sox("d24.wav", 1, "-b 24");
     std::string ext = read("d24.wav");
-    ASSERT_EQ(ext.substr(16, 6), le(40, 4) + le(0xFFFE, 2));
-    write("e24.wav", ext.replace(20, 2, le(1, 2)));
+    ASSERT_EQ(ext.substr(16, 6), sw_le(40, 4) + sw_le(0xFFFE, 2));
+    write("e24.wav", ext.replace(20, 2, sw_le(1, 2)));
     ASSERT_EQ(load("e24.wav"), 0) << psynth_sample_load_error();
     EXPECT_EQ(at<float>(0, kFrames - 1), (float)value_at(kFrames - 1, 0) / 32768);
     sox("r.aiff", 1, "-b 16");
@@ -172,15 +167,15 @@ TEST_F(SampleFileTest, WavAndAiffFilesOfEveryDepthLoadExactly) {
 // A hand-made WAV: an odd "fmt " chunk (padded), a chunk before the data, an odd data
 // size with its pad byte and a second "data" chunk, which is skipped.
 TEST_F(SampleFileTest, WavChunkWalkHandlesPaddingAndDefaults) {
-    std::string body = "WAVEfmt " + le(17, 4) + le(1, 2) + le(1, 2) + le(11025, 4) + le(11025, 4) + le(1, 2) + le(8, 2) +
-                       "x" + le(0, 1) + "LIST" + le(4, 4) + "abcd" + "data" + le(3, 4) + "\x80\xff" + le(0, 2) + "data" +
-                       le(2, 4) + "zz";
-    write("h.wav", "RIFF" + le((uint32_t)body.size(), 4) + body);
+    std::string body = "WAVEfmt " + sw_le(17, 4) + sw_le(1, 2) + sw_le(1, 2) + sw_le(11025, 4) + sw_le(11025, 4) + sw_le(1, 2) + sw_le(8, 2) +
+                       "x" + sw_le(0, 1) + "LIST" + sw_le(4, 4) + "abcd" + "data" + sw_le(3, 4) + "\x80\xff" + sw_le(0, 2) + "data" +
+                       sw_le(2, 4) + "zz";
+    write("h.wav", "RIFF" + sw_le((uint32_t)body.size(), 4) + body);
     ASSERT_EQ(load("h.wav"), 0) << psynth_sample_load_error();
     EXPECT_EQ(info(0), (std::vector<int>{3, 1, 11025}));
     EXPECT_EQ(at<int8_t>(0, 0) * 10000 + at<int8_t>(0, 1) * 100 + at<int8_t>(0, 2), 0 + 12700 - 128);
     // Before any "fmt " chunk: 16-bit mono at 44100 Hz.
-    write("bare.wav", "RIFF" + le(16, 4) + "WAVEdata" + le(4, 4) + le(0x1234, 2) + le(0xFFFF, 2));
+    write("bare.wav", "RIFF" + sw_le(16, 4) + "WAVEdata" + sw_le(4, 4) + sw_le(0x1234, 2) + sw_le(0xFFFF, 2));
     ASSERT_EQ(load("bare.wav"), 0);
     EXPECT_EQ(header(0)->type, 0x10);
     EXPECT_EQ(at<int16_t>(0, 1), -1);
@@ -190,7 +185,7 @@ TEST_F(SampleFileTest, ReaderErrorsStopTheLoadWithTheirMessages) {
     sox("good.wav", 1, "-b 16 -t wavpcm", 44100, 100);
     const std::string good = read("good.wav");
     ASSERT_EQ(good.size(), 44u + 200);
-    auto patched = [&](int pos, uint32_t value, int width) { return std::string(good).replace(pos, width, le(value, width)); };
+    auto patched = [&](int pos, uint32_t value, int width) { return std::string(good).replace(pos, width, sw_le(value, width)); };
     // Data size 243 passes the size check, then the file ends.
     for (auto [pos, value, width, message] :
          {std::tuple{34, 12, 2, "12 bits not supported\n"}, {22, 3, 2, "3 channels not supported\n"},
@@ -218,7 +213,7 @@ TEST_F(SampleFileTest, ReaderErrorsStopTheLoadWithTheirMessages) {
     expect_failure(load("x.aiff", 0), "No sample data in the file\n");
     write("x.aiff", aiff.replace(comm + 14, 2, std::string("\x00\x0c", 2)));
     expect_failure(load("x.aiff", 0), "12 bits not supported\n");
-    write("x.aiff", "FORM" + le(0, 3) + "\x08" + "ABCDJUNK" + le(0, 4));
+    write("x.aiff", "FORM" + sw_le(0, 3) + "\x08" + "ABCDJUNK" + sw_le(0, 4));
     expect_failure(load("x.aiff", 0), "Unknown type: ABCD\n");
     EXPECT_NE(log_text().find("Unknown type: ABCD\n"), std::string::npos);
 }
@@ -226,68 +221,26 @@ TEST_F(SampleFileTest, ReaderErrorsStopTheLoadWithTheirMessages) {
 // AIFC is read first with no byte swapping at all: files written little-endian load as
 // they always have (the big-endian files of other programs are in RealWorldAifc...).
 TEST_F(SampleFileTest, AifcIsReadWithoutByteSwappingFirst) {
-    auto aifc = [](const char* compression, int bits, const std::string& values) {
-        std::string rate80 = std::string("\x40\x0d\xac\x44", 4) + std::string(6, 0);  // 22050, big-endian
-        std::string comm = le(1, 2) + le(0, 4) + le(bits, 2) + std::string(rate80.rbegin(), rate80.rend()) + compression + "\x01x";
-        std::string body = "AIFCCOMM" + le((uint32_t)comm.size(), 4) + comm + "SSND" + le((uint32_t)values.size() + 8, 4) +
-                           std::string(8, 0) + values;
-        return "FORM" + le((uint32_t)body.size(), 4) + body;
-    };
-    write("le.aifc", aifc("NONE", 16, le(0x1234, 2) + le(0x8001, 2)));
+    write("le.aifc", sw_aifc("NONE", 16, sw_le(0x1234, 2) + sw_le(0x8001, 2)));
     EXPECT_EQ(psynth_sample_file_type_of_path(path("le.aifc").c_str()), PSYNTH_SAMPLE_FILE_AIFC);
     ASSERT_EQ(load("le.aifc", 0), 0) << psynth_sample_load_error();
     EXPECT_EQ(info(0), (std::vector<int>{4, 2, 22050}));
     EXPECT_EQ(at<int16_t>(0, 1), (int16_t)0x8001);
     float f[2] = {0.5f, -0.25f};
     for (const char* kind : {"fl32", "FL32"}) {
-        write("fl.aifc", aifc(kind, 32, std::string((const char*)f, 8)));
+        write("fl.aifc", sw_aifc(kind, 32, std::string((const char*)f, 8)));
         ASSERT_EQ(load("fl.aifc", 0), 0) << kind;
         EXPECT_EQ(at<float>(0, 1), -0.25f);
     }
-    write("ulaw.aifc", aifc("ulaw", 16, "ab"));
+    write("ulaw.aifc", sw_aifc("ulaw", 16, "ab"));
     expect_failure(load("ulaw.aifc", 0), "Compression ulaw not supported.\n");
 }
 
 // ---- XI ----
 
-struct xi_sample {
-    uint8_t type;
-    uint32_t loop_start_bytes, loop_length_bytes;
-    std::vector<int> values;  // 8-bit or 16-bit, interleaved when stereo
-};
-
-// An XI file whose sample data are stored as deltas; with `pp` the five extra bytes.
-std::string make_xi(bool pp, const std::vector<xi_sample>& samples) {
-    std::string s = "Extended Instrument: Test instrument XI" + std::string(4, 0) + "\x1a" + "FastTracker v2.00   " +
-                    (pp ? "PP" : std::string("\x02\x01"));
-    std::string ins(208, 0);
-    for (int n = 0; n < 96; n++) ins[n] = (char)(n % 2);
-    const int vol[6] = {0, 64, 10, 32, 20, 0};  // (x, y) points
-    for (int i = 0; i < 6; i++) ins.replace(96 + 2 * i, 2, le(vol[i], 2));
-    ins[192] = 3;  // volume points
-    ins[194] = 1;  // volume sustain
-    ins[200] = 3;  // volume envelope on, sustain
-    ins[205] = 4;  // vibrato rate
-    ins.replace(206, 2, le(0x1234, 2));
-    s += ins + (pp ? std::string("\x32\xec\x3c\xfd\x00", 5) + std::string(17, 0) : std::string(22, 0));
-    s += le((uint32_t)samples.size(), 2);
-    std::string data;
-    for (const xi_sample& x : samples) {
-        int width = (x.type & 0x10) ? 2 : 1;
-        s += le((uint32_t)(x.values.size() * width), 4) + le(x.loop_start_bytes, 4) + le(x.loop_length_bytes, 4);
-        s += std::string{40, -16, (char)x.type, (char)200, 12, 0} + "sample" + std::string(16, 0);
-        for (size_t i = 0; i < x.values.size(); i++) data += le((uint32_t)(x.values[i] - (i ? x.values[i - 1] : 0)), width);
-    }
-    return s + data;
-}
-
-const std::vector<xi_sample> kXiSamples = {
-    {0x01, 2, 6, {0, 5, -3, 100, -128, 127, -1, 64, -64, 1}},
-    {0x10 | 0x40 | 0x02, 8, 16, {0, -32768, 32767, 1, -2, 300, -300, 1000, -1000, 5, 6, 7, 20000, -20000, 0, -1}}};
-
 TEST_F(SampleFileTest, XiInstrumentsLoadWithTheirRecordAndDecodedDeltas) {
     for (bool pp : {false, true}) {
-        write("t.xi", make_xi(pp, kXiSamples));
+        write("t.xi", sw_xi(pp, kSwXiSamples));
         ASSERT_EQ(load("t.xi"), 0) << psynth_sample_load_error();
         const psynth_sampler_instrument* i = ins();
         EXPECT_STREQ(i->name, "Test instrument XI");
@@ -305,16 +258,16 @@ TEST_F(SampleFileTest, XiInstrumentsLoadWithTheirRecordAndDecodedDeltas) {
         EXPECT_EQ(info(0), (std::vector<int>{10, 1, 44100}));
         EXPECT_EQ(header(1)->length * 100 + header(1)->loop_start * 10 + header(1)->loop_length, 824u);  // stereo 16-bit frames
         EXPECT_EQ(info(1), (std::vector<int>{32, 2 | 8, 44100}));
-        for (size_t k = 0; k < kXiSamples[0].values.size(); k++) EXPECT_EQ(at<int8_t>(0, k), kXiSamples[0].values[k]) << k;
-        for (size_t k = 0; k < kXiSamples[1].values.size(); k++) EXPECT_EQ(at<int16_t>(1, k), kXiSamples[1].values[k]) << k;
+        for (size_t k = 0; k < kSwXiSamples[0].values.size(); k++) EXPECT_EQ(at<int8_t>(0, k), kSwXiSamples[0].values[k]) << k;
+        for (size_t k = 0; k < kSwXiSamples[1].values.size(); k++) EXPECT_EQ(at<int16_t>(1, k), kSwXiSamples[1].values[k]) << k;
         expect_playable("xi");
     }
     ASSERT_EQ(load("t.xi", -1, PSYNTH_SAMPLE_LOAD_XI_FULL_VOLUME), 0);
     EXPECT_EQ(header(0)->volume + header(1)->volume, 128);
     expect_failure(load("t.xi", 2), "File format not recognized\n");  // instruments only
-    std::vector<xi_sample> bad = kXiSamples;
+    std::vector<sw_xi_sample> bad = kSwXiSamples;
     bad[1].type = 0x30;  // no such data format
-    write("bad.xi", make_xi(false, bad));
+    write("bad.xi", sw_xi(false, bad));
     expect_failure(load("bad.xi"), "XI: unknown sample data format (type 48)\n");
     EXPECT_EQ(ins()->samples_num, 1);  // the first sample stays
 }
@@ -322,7 +275,7 @@ TEST_F(SampleFileTest, XiInstrumentsLoadWithTheirRecordAndDecodedDeltas) {
 // ---- Files as other programs write them ----
 
 std::string be(uint32_t v, int n) {
-    std::string s = le(v, n);
+    std::string s = sw_le(v, n);
     return std::string(s.rbegin(), s.rend());
 }
 
@@ -331,11 +284,11 @@ std::string be(uint32_t v, int n) {
 std::string make_wav(int tag, int bits, int channels, const std::string& values, int sub_tag = -1,
                      const std::string& guid_tail = std::string("\x00\x00\x00\x00\x10\x00\x80\x00\x00\xaa\x00\x38\x9b\x71", 14)) {
     const int block = bits / 8 * channels;
-    std::string fmt = le(sub_tag >= 0 ? 0xFFFE : tag, 2) + le(channels, 2) + le(9001, 4) + le(9001 * block, 4) + le(block, 2) +
-                      le(bits, 2);
-    if (sub_tag >= 0) fmt += le(22, 2) + le(bits, 2) + le(channels == 2 ? 3 : 4, 4) + le(sub_tag, 2) + guid_tail;
-    std::string body = "WAVEfmt " + le((uint32_t)fmt.size(), 4) + fmt + "data" + le((uint32_t)values.size(), 4) + values;
-    return "RIFF" + le((uint32_t)body.size(), 4) + body;
+    std::string fmt = sw_le(sub_tag >= 0 ? 0xFFFE : tag, 2) + sw_le(channels, 2) + sw_le(9001, 4) + sw_le(9001 * block, 4) + sw_le(block, 2) +
+                      sw_le(bits, 2);
+    if (sub_tag >= 0) fmt += sw_le(22, 2) + sw_le(bits, 2) + sw_le(channels == 2 ? 3 : 4, 4) + sw_le(sub_tag, 2) + guid_tail;
+    std::string body = "WAVEfmt " + sw_le((uint32_t)fmt.size(), 4) + fmt + "data" + sw_le((uint32_t)values.size(), 4) + values;
+    return "RIFF" + sw_le((uint32_t)body.size(), 4) + body;
 }
 
 // A big-endian AIFC file as other programs write it, at 22050 Hz.
@@ -485,14 +438,14 @@ TEST_F(RealWorldSampleFileTest, WavSmplLoopsBecomeTheSampleLoop) {
     sox("s.wav", 1, "-b 16 -t wavpcm", 44100, 100);
     const std::string base = read("s.wav");
     auto smpl = [](uint32_t type, uint32_t start, uint32_t last, int loops = 1, int cut = 0) {
-        std::string fields = std::string(28, 0) + le(loops, 4) + le(0, 4);
-        std::string loop = le(7, 4) + le(type, 4) + le(start, 4) + le(last, 4) + le(0, 4) + le(0, 4);
+        std::string fields = std::string(28, 0) + sw_le(loops, 4) + sw_le(0, 4);
+        std::string loop = sw_le(7, 4) + sw_le(type, 4) + sw_le(start, 4) + sw_le(last, 4) + sw_le(0, 4) + sw_le(0, 4);
         std::string chunk = fields + loop;
-        return "smpl" + le((uint32_t)(chunk.size() - cut), 4) + chunk.substr(0, chunk.size() - cut);
+        return "smpl" + sw_le((uint32_t)(chunk.size() - cut), 4) + chunk.substr(0, chunk.size() - cut);
     };
     auto with = [&](const std::string& before_data, const std::string& after) {
         std::string body = base.substr(12, 24) + before_data + base.substr(36) + after;
-        return "RIFF" + le((uint32_t)body.size() + 4, 4) + "WAVE" + body;
+        return "RIFF" + sw_le((uint32_t)body.size() + 4, 4) + "WAVE" + body;
     };
     struct loop_case {
         std::string file;
@@ -538,11 +491,11 @@ TEST_F(RealWorldSampleFileTest, FailedLoadsIntoASlotLeaveTheInstrumentAsItWas) {
     const std::string before = snapshot();
     const std::string good = read("a.wav");
     std::vector<std::pair<std::string, std::string>> bad = {
-        {std::string(good).replace(40, 4, le(443, 4)), "Unexpected end of file\n"},
-        {std::string(good).replace(34, 2, le(12, 2)), "12 bits not supported\n"},
+        {std::string(good).replace(40, 4, sw_le(443, 4)), "Unexpected end of file\n"},
+        {std::string(good).replace(34, 2, sw_le(12, 2)), "12 bits not supported\n"},
         {good.substr(0, 36), "No sample data in the file\n"},
         {make_aifc("ima4", 16, 1, "abcd"), "Compression ima4 not supported.\n"},
-        {make_xi(false, kXiSamples), "File format not recognized\n"},
+        {sw_xi(false, kSwXiSamples), "File format not recognized\n"},
         {"plain text", "File format not recognized\n"},
     };
     for (int slot : {1, 2}) {
@@ -569,7 +522,7 @@ TEST_F(SampleFileTest, SavedXiInstrumentsLoadBackTheSame) {
         return s;
     };
     for (bool pp : {false, true}) {
-        write("t.xi", make_xi(pp, kXiSamples));
+        write("t.xi", sw_xi(pp, kSwXiSamples));
         ASSERT_EQ(load("t.xi"), 0);
         const std::string loaded = chunks();
         ASSERT_EQ(psynth_sample_save_xi(path("s.xi").c_str(), mod, &net), 0);
@@ -599,7 +552,7 @@ TEST_F(SampleFileTest, FilesCutShortAtEveryLengthFailAndStayPlayable) {
     sox("small.wav", 2, "-b 16 -t wavpcm", 44100, 20);
     sox("small.aifc", 2, "-b 24", 44100, 20);
     sox("small_float.wav", 1, "-e floating-point -b 64", 44100, 20);
-    for (const std::string& file : {read("small.wav"), read("small.aifc"), read("small_float.wav"), make_xi(true, kXiSamples)}) {
+    for (const std::string& file : {read("small.wav"), read("small.aifc"), read("small_float.wav"), sw_xi(true, kSwXiSamples)}) {
         for (size_t n = 0; n < file.size(); n++) {
             write("cut", file.substr(0, n));
             EXPECT_EQ(load("cut"), 1) << n;
@@ -671,8 +624,8 @@ TEST_F(SampleFileTest, SavedWavFilesMatchTheLoadedOnes) {
     ASSERT_EQ(psynth_sample_save_wav(path("f.wav").c_str(), mod, 0, &net), 0);
     std::string f = read("f.wav");
     ASSERT_EQ(f.size(), 44u + kFrames * 8);
-    EXPECT_EQ(f.substr(0, 44), "RIFF" + le(36 + kFrames * 8, 4) + "WAVEfmt " + le(16, 4) + le(3, 2) + le(2, 2) + le(44100, 4) +
-                                   le(44100 * 8, 4) + le(8, 2) + le(32, 2) + "data" + le(kFrames * 8, 4));
+    EXPECT_EQ(f.substr(0, 44), "RIFF" + sw_le(36 + kFrames * 8, 4) + "WAVEfmt " + sw_le(16, 4) + sw_le(3, 2) + sw_le(2, 2) + sw_le(44100, 4) +
+                                   sw_le(44100 * 8, 4) + sw_le(8, 2) + sw_le(32, 2) + "data" + sw_le(kFrames * 8, 4));
     float right = (float)value_at(0, 1) / 32768;
     EXPECT_EQ(f.substr(48, 4), std::string((const char*)&right, 4));
 
@@ -683,7 +636,7 @@ TEST_F(SampleFileTest, SavedWavFilesMatchTheLoadedOnes) {
     d[4] = 127;
     ASSERT_EQ(psynth_sample_save_wav(path("z.wav").c_str(), mod, 2, &net), 0);
     std::string z = read("z.wav");
-    EXPECT_EQ(z.substr(24, 4), le(44100, 4));
+    EXPECT_EQ(z.substr(24, 4), sw_le(44100, 4));
     EXPECT_EQ(z.substr(44), std::string("\x00\x80\x80\x80\xff", 5));  // unsigned
     ASSERT_EQ(load("z.wav"), 0);
     ASSERT_EQ(psynth_sample_save_wav(path("z2.wav").c_str(), mod, 0, &net), 0);

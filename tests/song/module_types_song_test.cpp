@@ -59,17 +59,38 @@ TEST_F(ModuleTypesSongTest, ControllerValuesSurviveSaveAndLoad) {
     EXPECT_GE(switches, 7);
 }
 
-TEST_F(ModuleTypesSongTest, ValuesOutsideTheRangesOfADamagedFileRenderSafely) {
+// Raw values written straight into the controller variables (as an editor or a damaged file
+// might) reach no module outside their ranges: the net clamps them before every command,
+// event and render, and controller events above 32768 arrive as 32768.
+TEST_F(ModuleTypesSongTest, ValuesOutsideTheRangesRenderSafelyInEveryModule) {
     int src = add_logger();
     logger(src)->level = 3000;
-    for (psynth_handler handler : {psynth_flanger, psynth_lfo, psynth_vibrato, psynth_vocal_filter}) {
-        for (int value : {-2000000000, 2000000000}) {
+    for (int n = 0; n < psynth_get_module_types_count(); n++) {
+        psynth_handler handler = psynth_get_module_type(n);
+        SCOPED_TRACE(psynth_get_module_type_name(handler));
+        for (int value : {-2000000000, 2000000000, -1, 65535}) {
             int mod = psynth_add_synth(-1, handler, nullptr, 0, 0, 0, song.bpm, song.speed, song.net);
-            for (int c = 0; c < song.net->modules[mod].ctls_count; c++) *song.net->modules[mod].ctls[c].value = value;
+            psynth_module* m = &song.net->modules[mod];
+            for (int c = 0; c < m->ctls_count; c++) *m->ctls[c].value = value;
             psynth_do_command(mod, PS_CMD_SETUP_FINISHED, song.net);
+            for (int c = 0; c < m->ctls_count; c++) {
+                ASSERT_GE(*m->ctls[c].value, m->ctls[c].min) << c;
+                ASSERT_LE(*m->ctls[c].value, m->ctls[c].max) << c;
+            }
             psynth_make_link(mod, src, song.net);
             psynth_make_link(0, mod, song.net);
-            render(4096, 1024);  // the sanitizer build catches any overflow or stray index
+            int slot = add_pattern(0, 3, 2);
+            cell(slot, 0, 0) = note_cell(49, mod + 1);
+            cell(slot, 1, 1) = zelfon_cell{0, 0, (uint16_t)(mod + 1), 0, 1, 0xFFFF};  // controller 0 beyond 32768
+            cell(slot, 1, 2) = zelfon_cell{0, 0, (uint16_t)(mod + 1), 0, 3, 0xFFFF};
+            for (int c = 0; c < m->ctls_count; c++) *m->ctls[c].value = value;  // and again while it plays
+            play(0);
+            render(4096 * 4, 1001);  // the sanitizer build catches any overflow or stray index
+            for (int c = 0; c < m->ctls_count; c++) ASSERT_LE(*m->ctls[c].value, m->ctls[c].max) << c;
+            zelfon_cell stop = note_cell(ZELFON_NOTE_STOP);
+            zelfon_send_live_cell(&stop, 0, &song);
+            render(256, 256);
+            zelfon_remove_pattern(slot, &song);
             psynth_remove_synth(mod, song.net);
         }
     }

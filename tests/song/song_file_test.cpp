@@ -3,6 +3,7 @@
 // damaged input, module files with and without position and links, and saves that fail.
 #include <algorithm>
 #include <array>
+#include <climits>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -14,6 +15,7 @@
 #include "psynth/psynth_modules.h"
 #include "psynth/sampler.h"
 #include "song/chunks.h"
+#include "song/export.h"
 #include "song/module_file.h"
 #include "song/song_file.h"
 #include "file_faults.h"
@@ -85,6 +87,17 @@ bytes insert_before(bytes file, const std::string& id, const bytes& what) {
 bytes chunk_bytes(const std::string& id, const bytes& data) {
     uint32_t size = (uint32_t)data.size();
     return cat({bytes(id.begin(), id.end()), {(uint8_t)size, (uint8_t)(size >> 8), (uint8_t)(size >> 16), (uint8_t)(size >> 24)}, data});
+}
+
+// `file` with the first 4 data bytes of its `n`-th chunk `id` (counting from 0) set to `value`.
+bytes with_int(bytes file, const std::string& id, int32_t value, int n = 0) {
+    for (const chunk_view& c : chunks_of(file)) {
+        if (c.id != id || n-- > 0) continue;
+        memcpy(&file[c.offset + 8], &value, 4);
+        return file;
+    }
+    ADD_FAILURE() << "no chunk " << id;
+    return file;
 }
 
 class SongFileTest : public SongFixture {
@@ -401,6 +414,87 @@ TEST_F(SongFileTest, BadLinksTempoAndVolumeAreTamedWhenLoading) {
     EXPECT_EQ((std::vector<int>(module(0).input_links, module(0).input_links + 4)), (std::vector<int>{1, -1, -1, -1}));
     EXPECT_EQ(module(1).output_links[0], 0);
     EXPECT_EQ((std::vector<int>{song.bpm, song.speed, song.net->global_volume}), (std::vector<int>{ZELFON_BPM_MIN, 1, 512}));
+}
+
+// Tuning, positions and MIDI settings are brought within their ranges where they enter, so
+// that the pitch arithmetic cannot overflow: notes on the module render (the sanitizer
+// build checks every step).
+TEST_F(SongFileTest, AbsurdTuningPositionsAndMidiSettingsAreClampedWhenLoading) {
+    int gen = add_module(psynth_generator, "Gen", 5, 6);
+    psynth_make_link(0, gen, song.net);
+    int slot = add_pattern(0, 4, 1);
+    cell(slot, 0, 0) = note_cell(1, gen + 1);
+    cell(slot, 0, 1) = note_cell(127, gen + 1);
+    bytes file = save();
+    struct tuning_case {
+        int32_t finetune, relative_note, x, channel, bank;
+        std::array<int, 5> want;
+    };
+    for (const tuning_case& c : {tuning_case{(int32_t)0x80000001, -1073741771, INT32_MAX, 99, -7, {-256, -128, 1 << 20, 15, -1}},
+                                 tuning_case{0x7FFFFFFF, 1073741771, INT32_MIN, -1, 1 << 20, {256, 128, -(1 << 20), 0, 16383}},
+                                 tuning_case{-37, 12, 5, 3, 300, {-37, 12, 5, 3, 300}}}) {
+        SCOPED_TRACE(c.finetune);
+        // Module 1's chunks: the second of each id in the file (OUT's come first).
+        bytes f = with_int(with_int(with_int(file, "SFIN", c.finetune, 1), "SREL", c.relative_note, 1), "SXXX", c.x, 1);
+        f = with_int(with_int(f, "SMIC", c.channel, 1), "SMIB", c.bank, 1);
+        write_file("3:/tuning.zelfon", f);
+        ASSERT_EQ(load("3:/tuning.zelfon"), 0);
+        const psynth_module& m = module(gen);
+        EXPECT_EQ((std::array<int, 5>{m.finetune, m.relative_note, m.x, m.midi_out_channel, m.midi_out_bank}), c.want);
+        play(0);
+        render(8192, 1001);
+        zelfon_cell stop = note_cell(ZELFON_NOTE_STOP);
+        zelfon_send_live_cell(&stop, 0, &song);
+        render(256, 256);
+        // The same values in a module file.
+        ASSERT_EQ(zelfon_save_synth(gen, "3:/tuning.zelsynth", ZELFON_SYNTH_POS_AND_LINKS, &song), 0);
+        bytes synth = with_int(with_int(file_bytes("3:/tuning.zelsynth"), "SFIN", c.finetune), "SREL", c.relative_note);
+        write_file("3:/tuning.zelsynth", with_int(synth, "SYYY", c.x));
+        int copy = zelfon_load_synth(-1, 0, 0, "3:/tuning.zelsynth", ZELFON_SYNTH_POS_AND_LINKS, &song);
+        ASSERT_GE(copy, 0);
+        EXPECT_EQ((std::array<int, 3>{module(copy).finetune, module(copy).relative_note, module(copy).y}),
+                  (std::array<int, 3>{c.want[0], c.want[1], c.want[2]}));
+    }
+}
+
+// A tiny song whose one pattern claims to start at line 2^30 (or anywhere beyond): its length
+// is known at once and costs no memory, and an export refuses it before rendering anything.
+TEST_F(SongFileTest, APatternFarDownTheTimelineCostsNothing) {
+    add_pattern(0, 4, 1);
+    bytes file = save();
+    // 125 BPM, speed 6 at 44100 Hz: 5292 frames a line.
+    for (auto [x, want_x] : {std::pair{1 << 30, 1 << 30}, {0x7FFFFF00, 1 << 30}, {INT32_MIN, -(1 << 30)}}) {
+        SCOPED_TRACE(x);
+        bytes f = with_int(file, "PXXX", x);
+        write_file("3:/far.zelfon", f);
+        int64_t before = mem_get_stats().dynamic_in_use;
+        ASSERT_EQ(load("3:/far.zelfon"), 0);
+        ASSERT_EQ(song.pats_info[0].x, want_x);
+        int64_t lines = want_x > 0 ? (int64_t)want_x + 4 : 0;
+        EXPECT_EQ(song.song_lines, lines);
+        EXPECT_EQ(zelfon_get_song_length_frames(44100, &song), lines * 5292);
+        EXPECT_EQ(zelfon_export_to_wav("3:/far.wav", ZELFON_EXPORT_INT16, ZELFON_EXPORT_ONE_FILE, nullptr, nullptr, &song),
+                  want_x > 0 ? ZELFON_EXPORT_TOO_LONG : ZELFON_EXPORT_OK);
+        // The MIDI walk steps over the empty lines at once.
+        EXPECT_EQ(zelfon_export_to_midi("3:/far.mid", &song), ZELFON_EXPORT_OK);
+        EXPECT_LT(mem_get_stats().max_dynamic_used, before + (8 << 20));
+    }
+}
+
+// Module records are small in a file and large in memory: a 40 kB file of a thousand
+// Reverbs stops loading once it has built what its size allows.
+TEST_F(SongFileTest, AFileCannotBuildMoreThanItsSizeAllows) {
+    bytes reverb = cat({chunk_bytes("SFFF", hex("01000000")), chunk_bytes("STYP", {'R', 'e', 'v', 'e', 'r', 'b', 0}),
+                        chunk_bytes("SEND", {})});
+    bytes file = cat({chunk_bytes("ZFON", {}), chunk_bytes("SEND", {})});
+    for (int i = 0; i < ZELFON_FILE_MAX_MODULE_SLOTS - 8; i++) file = cat({file, reverb});
+    write_file("3:/reverbs.zelfon", file);
+    int64_t before = mem_get_stats().dynamic_in_use;
+    EXPECT_EQ(load("3:/reverbs.zelfon"), ZELFON_LOAD_ERROR_MEMORY);
+    EXPECT_LT(mem_get_stats().max_dynamic_used, before + (64 << 20));
+    EXPECT_GT(song.net->slots, 8);  // what fitted stays loaded and plays
+    EXPECT_NE(log_text().find("zelfon_load_song(): the file asks for more memory than its size allows"), std::string::npos);
+    render(2048, 1001);
 }
 
 // ---- Saves that fail ----

@@ -1,5 +1,6 @@
-// Tempo over the timeline: which tempo effects reach the per-line tables, and the song's
+// Tempo over the timeline: which tempo effects become tempo changes, and the song's
 // length in frames with its fraction of a frame carried from line to line.
+#include <tuple>
 #include <vector>
 
 #include "engine/memory.h"
@@ -11,7 +12,7 @@ class SongTempoTest : public SongFixture {};
 
 constexpr int kTempo = 0x0F;
 
-TEST_F(SongTempoTest, TablesTakeTempoEffectsFromLineZeroOnAndFillForward) {
+TEST_F(SongTempoTest, ChangesComeFromTempoEffectsFromLineZeroOn) {
     int a = add_pattern(-2, 6, 2);
     cell(a, 0, 0) = note_cell(0, 0, 0, kTempo, 100);  // line −2: before the song, ignored
     cell(a, 1, 1) = note_cell(0, 0, 0, kTempo, 3);    // line −1: ignored
@@ -28,13 +29,36 @@ TEST_F(SongTempoTest, TablesTakeTempoEffectsFromLineZeroOnAndFillForward) {
     zelfon_sort_patterns(&song);
     ASSERT_EQ(song.song_lines, 7);
 
-    uint16_t* bpm = nullptr;
-    uint8_t* speed = nullptr;
-    ASSERT_EQ(zelfon_get_song_speed_tables(&bpm, &speed, song.song_lines, &song), 0);
-    EXPECT_EQ((std::vector<int>(bpm, bpm + 7)), (std::vector<int>{32, 32, 32, 16000, 16000, 16000, 16000}));
-    EXPECT_EQ((std::vector<int>(speed, speed + 7)), (std::vector<int>{6, 31, 1, 1, 9, 1, 1}));
-    mem_free(bpm);
-    mem_free(speed);
+    zelfon_tempo_change* changes = nullptr;
+    int count = 0;
+    ASSERT_EQ(zelfon_get_song_tempo_changes(&changes, &count, &song), 0);
+    std::vector<std::tuple<int, int, int>> got;
+    for (int i = 0; i < count; i++) got.emplace_back(changes[i].line, changes[i].bpm, changes[i].speed);
+    // Only the lines where the tempo changes: line 2's speed 1 and line 5's speed 1 are
+    // changes, line 6 (no tempo effect in use) is not.
+    EXPECT_EQ(got, (std::vector<std::tuple<int, int, int>>{{0, 32, 6}, {1, 32, 31}, {2, 32, 1}, {3, 16000, 1}, {4, 16000, 9}, {5, 16000, 1}}));
+    for (auto [line, bpm, speed] : {std::tuple{0, 32, 6}, {3, 16000, 1}, {4, 16000, 9}, {6, 16000, 1}, {1 << 30, 16000, 1}}) {
+        const zelfon_tempo_change* c = zelfon_tempo_at(changes, count, line);
+        EXPECT_EQ(std::tuple(c->bpm, c->speed), std::tuple(bpm, speed)) << line;
+    }
+    mem_free(changes);
+}
+
+// Effects on one line overwrite each other in slot order, then by line and track; an effect
+// that sets the tempo already in force is no change.
+TEST_F(SongTempoTest, LaterEffectsOnALineWinAndRepeatsAreNoChanges) {
+    int a = add_pattern(2, 2, 2);
+    int b = add_pattern(0, 4, 1);
+    cell(a, 0, 0) = note_cell(0, 0, 0, kTempo, 100);  // line 2: track 1 overwrites track 0,
+    cell(a, 1, 0) = note_cell(0, 0, 0, kTempo, 90);
+    cell(b, 0, 2) = note_cell(0, 0, 0, kTempo, 80);   // and the later slot overwrites both
+    cell(b, 0, 3) = note_cell(0, 0, 0, kTempo, 80);   // line 3: the same tempo again
+    zelfon_tempo_change* changes = nullptr;
+    int count = 0;
+    ASSERT_EQ(zelfon_get_song_tempo_changes(&changes, &count, &song), 0);
+    ASSERT_EQ(count, 2);
+    EXPECT_EQ(std::tuple(changes[1].line, changes[1].bpm, changes[1].speed), std::tuple(2, 80, 6));
+    mem_free(changes);
 }
 
 TEST_F(SongTempoTest, LengthInFramesCarriesTheFractionAcrossATempoChange) {
