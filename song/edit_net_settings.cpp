@@ -159,7 +159,7 @@ int zelfon_edit_synth_midi_learn(int mod, int ctl, int cc, int channel, zelfon_s
     if (int code = start_settings(mod, &s, song)) return code;
     bool forget = cc == PSYNTH_MIDI_UNBOUND;
     if (ctl < 0 || ctl >= zelfon_edit_synth(mod, song)->ctls_count || ctl >= PSYNTH_MAX_CTLS ||
-        (!forget && (cc < 0 || cc > 127 || channel < 0 || channel > kMidiChannelMax))) {
+        (!forget && (cc < 0 || cc > 127 || channel < 0 || channel > PSYNTH_MIDI_CHANNEL_MAX))) {
         return ZELFON_EDIT_OUTSIDE;
     }
     s.learn_cc[ctl] = (uint8_t)cc;
