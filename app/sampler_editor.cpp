@@ -30,6 +30,7 @@ constexpr float kWaveMargin = 8.0f;        // pixels left and right of the sampl
 constexpr const char* kLoopKinds[] = {"Off", "Forward", "Ping-pong"};
 constexpr const char* kVibratoTypes[] = {"Sine", "Ramp down", "Square", "None"};
 constexpr const char* kFormats[] = {"8 bit", "16 bit", "32 bit float"};
+constexpr int kNewSampleFramesMax = 1 << 28;
 
 // What the editor reads of the module this frame.
 struct sampler_now {
@@ -91,43 +92,47 @@ void follow_frames(studio_sampler_view* v, const sampler_now& now) {
     if (v->sel_start + v->sel_length > now.length) v->sel_start = v->sel_length = 0;
 }
 
+// The new-sample questions: the format ("32bit(float);16bit;8bit"), then the channels,
+// then the dialog of size and rate.
+void answer_new_channels(int button, void* data) {
+    studio* st = (studio*)data;
+    if (button < 0 || button > 1) return;
+    st->new_sample.channels = button == 0 ? 2 : 1;
+    st->new_sample.open = 1;
+}
+
+void answer_new_format(int button, void* data) {
+    studio* st = (studio*)data;
+    static constexpr int kBits[] = {32, 16, 8};
+    if (button < 0 || button > 2) return;
+    st->new_sample.bits = kBits[button];
+    studio_message(st, PSYNTH_SAMPLE_BOX_CHANNELS, PSYNTH_SAMPLE_BOX_CHANNEL_CHOICES, answer_new_channels, st);
+}
+
 void draw_files(studio* st, int mod, studio_sampler_view* v) {
     auto choose = [&](int purpose, const char* title, const char* mask, int save, int slot) {
         st->sampler_target_mod = mod;
         st->sampler_target_slot = slot;
         studio_files_dialog(st, purpose, title, mask, save, "");
     };
-    if (ImGui::Button("Load sample")) choose(STUDIO_FILE_SAMPLER_LOAD, "Load sample (WAV/AIFF/RAW)", kSampleMask, 0, v->slot);
+    if (ImGui::Button(PSYNTH_SAMPLE_MENU_LOAD_SAMPLE)) choose(STUDIO_FILE_SAMPLER_LOAD, PSYNTH_SAMPLE_MENU_LOAD_SAMPLE, kSampleMask, 0, v->slot);
     gui_item_name("sampler.load_sample");
     ImGui::SameLine();
-    if (ImGui::Button("Load instrument")) {
-        choose(STUDIO_FILE_SAMPLER_LOAD, "Load sample (XI/WAV/AIFF/RAW)", kInstrumentMask, 0, PSYNTH_SAMPLE_SLOT_INSTRUMENT);
+    if (ImGui::Button(PSYNTH_SAMPLE_MENU_LOAD_INSTRUMENT)) {
+        choose(STUDIO_FILE_SAMPLER_LOAD, PSYNTH_SAMPLE_MENU_LOAD_INSTRUMENT, kInstrumentMask, 0, PSYNTH_SAMPLE_SLOT_INSTRUMENT);
     }
     gui_item_name("sampler.load_instrument");
-    ImGui::SameLine();
-    if (ImGui::Button("Save sample")) choose(STUDIO_FILE_SAMPLER_SAVE_WAV, "Save sample (WAV)", "wav", 1, v->slot);
+    if (ImGui::Button(PSYNTH_SAMPLE_MENU_SAVE)) choose(STUDIO_FILE_SAMPLER_SAVE_WAV, PSYNTH_SAMPLE_MENU_SAVE, "wav", 1, v->slot);
     gui_item_name("sampler.save_sample");
     ImGui::SameLine();
-    if (ImGui::Button("Save instrument")) choose(STUDIO_FILE_SAMPLER_SAVE_XI, "Save instrument (XI)", "xi", 1, -1);
+    if (ImGui::Button("Save instrument (XI)")) choose(STUDIO_FILE_SAMPLER_SAVE_XI, "Save instrument (XI)", "xi", 1, -1);
     gui_item_name("sampler.save_instrument");
     ImGui::SameLine();
-    if (ImGui::Button("New sample")) ImGui::OpenPopup("##new_sample");
-    gui_item_name("sampler.new_sample");
-    if (ImGui::BeginPopup("##new_sample")) {
-        static int frames = 44100, bits = 1, channels = 0, rate = 44100;
-        gui_labelled_int_field("Frames", "sampler.new.frames", &frames, 1, 1 << 28, ImGui::GetFontSize() * 9);
-        ImGui::Combo("Format", &bits, kFormats, 3);
-        ImGui::Combo("Channels", &channels, "Mono\0Stereo\0");
-        gui_labelled_int_field("Rate", "sampler.new.rate", &rate, 1000, 384000, ImGui::GetFontSize() * 9);
-        if (ImGui::Button("Make")) {
-            static constexpr int kBits[] = {8, 16, 32};
-            zelfon_edit_begin(st->song);
-            report(st, zelfon_edit_sample_new(mod, v->slot, frames, kBits[bits], channels + 1, rate, st->song));
-            ImGui::CloseCurrentPopup();
-        }
-        gui_item_name("sampler.new.make");
-        ImGui::EndPopup();
+    if (ImGui::Button("New sample")) {
+        st->new_sample = studio_new_sample{0, mod, v->slot, 0, 0, 44100, 44100};
+        studio_message(st, PSYNTH_SAMPLE_BOX_DATA_FORMAT, PSYNTH_SAMPLE_BOX_NEW_FORMATS, answer_new_format, st);
     }
+    gui_item_name("sampler.new_sample");
     ImGui::SameLine();
     if (ImGui::Button(v->recording ? "Stop recording" : "Record")) {
         if (v->recording) {
@@ -502,6 +507,35 @@ void studio_sampler_editor_draw(studio* st, int window, int mod) {
     draw_envelope(st, now.ins, mod, v, ZELFON_SAMPLER_ENV_VOLUME);
     draw_envelope(st, now.ins, mod, v, ZELFON_SAMPLER_ENV_PANNING);
     draw_instrument(st, now.ins, mod);
+}
+
+void studio_sampler_new_dialog_draw(studio* st) {
+    studio_new_sample* n = &st->new_sample;
+    if (!n->open) return;
+    ImGui::OpenPopup("New sample");
+    if (!ImGui::BeginPopupModal("New sample", nullptr, ImGuiWindowFlags_AlwaysAutoResize)) return;
+    float width = ImGui::GetFontSize() * 9;
+    ImGui::TextUnformatted(PSYNTH_SAMPLE_BOX_NEW_FRAMES);
+    gui_int_field("sampler.new.frames", &n->frames, 1, kNewSampleFramesMax, width);
+    ImGui::TextUnformatted(PSYNTH_SAMPLE_BOX_NEW_RATE);
+    gui_int_field("sampler.new.rate", &n->rate, 1, 384000, width);
+    // "OK;Cancel"
+    bool ok = ImGui::Button("OK", ImVec2(ImGui::GetFontSize() * 5, 0));
+    gui_item_name("sampler.new.ok");
+    ImGui::SameLine();
+    bool cancel = ImGui::Button("Cancel", ImVec2(ImGui::GetFontSize() * 5, 0));
+    gui_item_name("sampler.new.cancel");
+    if (ok) {
+        zelfon_edit_begin(st->song);
+        int result = zelfon_edit_sample_new(n->mod, n->slot, n->frames, n->bits, n->channels, n->rate, st->song);
+        if (result == ZELFON_EDIT_NO_MEMORY) studio_message(st, PSYNTH_SAMPLE_BOX_CANT_CREATE, "OK", nullptr, nullptr);
+        else report(st, result);
+    }
+    if (ok || cancel) {
+        n->open = 0;
+        ImGui::CloseCurrentPopup();
+    }
+    ImGui::EndPopup();
 }
 
 void studio_sampler_file_chosen(studio* st, int purpose, const char* path) {

@@ -208,6 +208,7 @@ void draw_frame(studio* st) {
     studio_about_draw(st);
     studio_icon_editor_draw(st);
     studio_module_windows_draw(st);
+    studio_sampler_new_dialog_draw(st);
     dispatch_file_dialog(st);
     gui_message_boxes_draw(&st->boxes);
     studio_files_update_title(st);

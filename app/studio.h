@@ -201,6 +201,14 @@ struct studio_sampler_view {
     int recording;                  // its Record button armed the Sampler's recording
 };
 
+// The new-sample questions of a Sampler editor: format, channels, then size and rate.
+struct studio_new_sample {
+    int open;            // the size and rate dialog is showing
+    int mod, slot;
+    int bits, channels;  // from the first two questions
+    int frames, rate;
+};
+
 struct zelfon_sample_clip;
 
 struct studio {
@@ -243,6 +251,7 @@ struct studio {
     int module_windows[STUDIO_MODULE_WINDOWS];  // module number + 1 of each open window, 0 = none
     studio_sampler_view sampler_views[STUDIO_MODULE_WINDOWS];
     zelfon_sample_clip* sample_clip;             // the Sampler editor's clipboard
+    studio_new_sample new_sample;
     int sampler_target_mod, sampler_target_slot; // where a chosen sample or Ogg file goes (slot −1: the instrument)
     int learn_module, learn_ctl;  // the controller waiting for a MIDI controller to learn (−1 none)
     // The last controller move written while playing: one sweep of a knob is one undo step.

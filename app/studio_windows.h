@@ -121,6 +121,8 @@ void studio_vorbis_file_chosen(studio* st, const char* path);
 
 // ---- sampler_editor.cpp: the Sampler editor tab of a Sampler's module window ----
 void studio_sampler_editor_draw(studio* st, int window, int mod);
+// The new-sample dialog (size and rate) after its questions, drawn every frame.
+void studio_sampler_new_dialog_draw(studio* st);
 // A file chosen for STUDIO_FILE_SAMPLER_LOAD, _SAVE_WAV or _SAVE_XI (st->sampler_target_*).
 void studio_sampler_file_chosen(studio* st, int purpose, const char* path);
 // From the frame loop: keeps the takes being recorded (their rings drain into files).

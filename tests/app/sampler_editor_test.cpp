@@ -55,6 +55,15 @@ TEST_F(SamplerEditorTest, LoadLoopAndEnvelopeEditsAreSavedAndUndoneToTheByte) {
     for (int i = 4; i > 0; i--) {
         script += "action undo\nsave_song " + saved((std::string("undo_") + steps[i]).c_str()) + "\n";
     }
+    // A new empty sample in slot 3: "16bit", "Mono", the size and rate as offered.
+    script += "click_id sampler.slot.3\n"
+              "click_id sampler.new_sample\n"
+              "expect message Select data format\n"
+              "click_id msgbox.button.1\n"
+              "expect message Select number of channels\n"
+              "click_id msgbox.button.1\n"
+              "click_id sampler.new.ok\n"
+              "save_song " + saved("new_sample") + "\n";
     script += "quit\nclick_id msgbox.button.1\n";
     ASSERT_EQ(run_studio(script, {song.string()}), 0) << output();
 
@@ -82,6 +91,15 @@ TEST_F(SamplerEditorTest, LoadLoopAndEnvelopeEditsAreSavedAndUndoneToTheByte) {
     load(saved("enveloped"), &s);
     auto* after = (psynth_sampler_instrument*)psynth_get_chunk(1, PSYNTH_SAMPLER_INSTRUMENT_CHUNK, s.net);
     EXPECT_EQ(after->volume_points_num, points + 1);
+    zelfon_song_close(&s);
+
+    load(saved("new_sample"), &s);
+    header = (psynth_sampler_sample*)psynth_get_chunk(1, psynth_sampler_header_chunk(3), s.net);
+    ASSERT_NE(header, nullptr);
+    EXPECT_EQ(header->length, 44100u);
+    EXPECT_STREQ(header->name, "zlsmp");
+    EXPECT_EQ(header->type & (PSYNTH_SAMPLER_FORMAT_MASK | PSYNTH_SAMPLER_STEREO),
+              PSYNTH_SAMPLER_FORMAT_INT16 << PSYNTH_SAMPLER_FORMAT_SHIFT);
     zelfon_song_close(&s);
 
     // Each undo gives back the song as it was saved before the step.
