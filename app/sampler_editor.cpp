@@ -224,7 +224,7 @@ void draw_wave(studio* st, const sampler_now& now, int mod, studio_sampler_view*
     }
     draw->PushClipRect(outer_a, outer_b, true);
     gui_waveform_draw(draw, &v->wave, a, b, v->first, fpp, gui_colour_u32(GUI_COLOUR_SCOPE));
-    const psynth_sampler_sample* h = now.header;
+    const psynth_sampler_sample header = *now.header, *h = &header;  // a copy: an edit here frees the chunk
     int loop = h->type & PSYNTH_SAMPLER_LOOP_MASK;
     float loop_x[2] = {x_of(h->loop_start), x_of((int64_t)h->loop_start + h->loop_length)};
     if (loop != PSYNTH_SAMPLER_LOOP_OFF) {
@@ -322,7 +322,7 @@ void draw_commands(studio* st, const sampler_now& now, int mod, studio_sampler_v
 }
 
 void draw_header(studio* st, const sampler_now& now, int mod, studio_sampler_view* v) {
-    const psynth_sampler_sample* h = now.header;
+    const psynth_sampler_sample header = *now.header, *h = &header;  // a copy: an edit here frees the chunk
     float field = ImGui::GetFontSize() * 6.5f;
     int loop = h->type & PSYNTH_SAMPLER_LOOP_MASK;
     ImGui::TextUnformatted("Loop");
@@ -494,18 +494,32 @@ void studio_sampler_editor_draw(studio* st, int window, int mod) {
         return;
     }
     follow_frames(v, now);
+    // An edit swaps the chunks it changes for new blocks: each part reads them anew.
+    auto fresh = [&] {
+        now = read_sampler(st, mod, v->slot);
+        return now.ins != nullptr;
+    };
     draw_files(st, mod, v);
+    if (!fresh()) return;
     draw_slots(st, now, mod, v);
+    if (!fresh()) return;
+    follow_frames(v, now);
     draw_wave(st, now, mod, v);
+    if (!fresh()) return;
     if (now.frames) {
         draw_commands(st, now, mod, v);
-        draw_header(st, now, mod, v);
+        if (!fresh()) return;
+        if (now.frames) draw_header(st, now, mod, v);
     }
     ImGui::Separator();
     ImGui::TextUnformatted("Note map: drag over keys to give them this sample");
+    if (!fresh()) return;
     draw_note_map(st, now.ins, mod, v);
+    if (!fresh()) return;
     draw_envelope(st, now.ins, mod, v, ZELFON_SAMPLER_ENV_VOLUME);
+    if (!fresh()) return;
     draw_envelope(st, now.ins, mod, v, ZELFON_SAMPLER_ENV_PANNING);
+    if (!fresh()) return;
     draw_instrument(st, now.ins, mod);
 }
 
