@@ -175,6 +175,13 @@ void print_progress(void* data, int progress) {
     }
 }
 
+// The line for a failed export: what could not be written, and why when the file is not to blame.
+std::string export_failure(const char* path, int result) {
+    std::string line = "cannot write " + std::string(path);
+    const char* why = zelfon_export_failure_reason(result);
+    return *why ? line + ": " + why : line;
+}
+
 int export_wav(const options& o) {
     if (o.positional.empty() || o.positional.size() > 2) return fail("export needs [SONG] OUT.wav");
     const char* song_path = o.positional.size() == 2 ? o.positional[0] : nullptr;
@@ -189,7 +196,7 @@ int export_wav(const options& o) {
     int result = zelfon_export_to_wav(out_path, o.format, o.mode, print_progress, progress ? &song : nullptr, &song);
     if (progress) printf("\n");
     zelfon_song_close(&song);
-    return result ? fail("cannot write " + std::string(out_path)) : 0;
+    return result ? fail(export_failure(out_path, result)) : 0;
 }
 
 int export_midi(const options& o) {
@@ -200,7 +207,7 @@ int export_midi(const options& o) {
     if (open_song(o.positional.size() == 2 ? o.positional[0] : nullptr, kDefaultRate, &song)) return 1;
     int result = zelfon_export_to_midi(o.positional.back(), &song);
     zelfon_song_close(&song);
-    return result ? fail("cannot write " + std::string(o.positional.back())) : 0;
+    return result ? fail(export_failure(o.positional.back(), result)) : 0;
 }
 
 void print_info(zelfon_song* song) {

@@ -83,8 +83,9 @@ void run_wav(studio* st) {
     if (result == ZELFON_EXPORT_OK) finish(st, "Exported %s: %d:%02d (%lld frames at %d Hz)", d->path, seconds / 60, seconds % 60, (long long)frames, d->rate);
     else if (result == ZELFON_EXPORT_ABORTED) finish(st, "Export cancelled: %s holds what was rendered", d->path);
     else {
-        char text[STUDIO_PATH_SIZE + 64];
-        snprintf(text, sizeof text, "!Cannot export to %s (error %d)", d->path, result);
+        char text[STUDIO_PATH_SIZE + 128];
+        const char* why = zelfon_export_failure_reason(result);
+        snprintf(text, sizeof text, "!Cannot export to %s%s%s", d->path, *why ? ":\n" : "", why);
         studio_message(st, text, "OK", nullptr, nullptr);
     }
 }

@@ -651,3 +651,13 @@ int zelfon_export_to_midi(const char* path, zelfon_song* song) {
     if (!export_file_finish(&f, "zelfon_export_to_midi")) return memory_ok ? ZELFON_EXPORT_FILE_ERROR : ZELFON_EXPORT_NO_MEMORY;
     return ZELFON_EXPORT_OK;
 }
+
+const char* zelfon_export_failure_reason(int result) {
+    switch (result) {
+    case ZELFON_EXPORT_TOO_LONG: return "the song is longer than a WAV file can hold (4 GB of sound)";
+    case ZELFON_EXPORT_NO_MEMORY: return "there is not enough memory";
+    case ZELFON_EXPORT_BAD_ARGUMENT: return "the export's settings do not fit the song";
+    case ZELFON_EXPORT_ABORTED: return "the export was stopped";
+    default: return "";
+    }
+}

@@ -58,3 +58,7 @@ int zelfon_export_to_midi(const char* path, zelfon_song* song);
 // Asks a running WAV export of `song` to end after its current piece (from the progress
 // callback or another thread). A new export clears the request. Any thread.
 void zelfon_export_abort(zelfon_song* song);
+
+// Why an export failed, for a message ("" for a file that could not be written, whose
+// name says enough), e.g. "the song is longer than a WAV file can hold".
+const char* zelfon_export_failure_reason(int result);

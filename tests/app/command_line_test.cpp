@@ -16,6 +16,8 @@
 #include "engine/memory.h"
 #include "engine/profile.h"
 #include "psynth/ogg_tone.h"
+#include "song/edit.h"
+#include "song/song_file.h"
 #include "song/tracker_writers.h"
 
 namespace {
@@ -316,6 +318,20 @@ TEST_F(CommandLineTest, ExportToStandardOutputPipesAndDevicesAreWrittenInPlace) 
     testing::internal::CaptureStderr();
     EXPECT_EQ(run({"export", path("song.zelfon"), path("pipe")}), 1);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "zelfon: cannot write " + path("pipe") + "\n");
+}
+
+// A song that lasts longer than a WAV file can hold is refused at once, and says why.
+TEST_F(CommandLineTest, AnExportTooLongForAWavSaysWhy) {
+    zelfon_song song;
+    ASSERT_EQ(zelfon_song_init(1, 44100, &song), 0);
+    ASSERT_GE(zelfon_edit_new_pattern(4, 1, 1 << 30, 0, 1, &song), 0);  // a pattern at line 2^30
+    ASSERT_EQ(zelfon_save_song(path("far.zelfon").c_str(), ZELFON_VERSION_MAJOR, ZELFON_VERSION_MINOR, &song), 0);
+    zelfon_song_close(&song);
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(run({"export", path("far.zelfon"), path("far.wav")}), 1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "zelfon: cannot write " + path("far.wav") + ": the song is longer than a WAV file can hold (4 GB of sound)\n");
+    EXPECT_FALSE(fs::exists(path("far.wav")));
 }
 
 }  // namespace
