@@ -27,6 +27,8 @@ const char* const kDriverNames[SOUND_DRIVERS] = {"JACK", "PULSE", "ALSA"};
 const char* const kDriverKeys[SOUND_DRIVERS] = {"jack", "pulse", "alsa"};
 const RtAudio::Api kDriverApis[SOUND_DRIVERS] = {RtAudio::UNIX_JACK, RtAudio::LINUX_PULSE, RtAudio::LINUX_ALSA};
 
+constexpr int kLostCloseWaitMs = 1000;
+
 struct sound_device {
     RtAudio* audio;
     alignas(RtAudio) unsigned char storage[sizeof(RtAudio)];
@@ -134,6 +136,12 @@ void destroy_device(sound_device* dev) {
     if (!dev) return;
     if (dev->audio) {
         try {
+            // When the JACK server goes away, RtAudio closes the stream on a thread of its
+            // own: that close is let finish (a second at most) rather than raced by ours.
+            bool jack = dev->audio->getCurrentApi() == RtAudio::UNIX_JACK;
+            for (int ms = 0; jack && ms < kLostCloseWaitMs && dev->audio->isStreamOpen() && !dev->audio->isStreamRunning(); ms++) {
+                tarvik_sleep_ms(1);
+            }
             if (dev->audio->isStreamRunning()) dev->audio->stopStream();
             if (dev->audio->isStreamOpen()) dev->audio->closeStream();
         } catch (const std::exception& e) {
