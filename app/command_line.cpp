@@ -157,7 +157,7 @@ int open_song(const char* path, int rate, zelfon_song* song) {
     int error = path ? zelfon_load_song(path, song) : zelfon_make_demo_song(song);
     if (error) {
         zelfon_song_close(song);
-        return fail(path ? "cannot load " + std::string(path) + " (error " + std::to_string(error) + ")"
+        return fail(path ? "cannot load " + std::string(path) + ": " + zelfon_load_error_text(error)
                          : std::string("cannot build the demo song"));
     }
     zelfon_sort_patterns(song);

@@ -32,19 +32,6 @@ const char* base_name(const char* path) {
     return slash ? slash + 1 : path;
 }
 
-const char* load_error_text(int error) {
-    switch (error) {
-    case ZELFON_LOAD_CANT_OPEN: return "the file cannot be opened";
-    case ZELFON_LOAD_ERROR_BLOCK: return "a chunk is cut short or too large";
-    case ZELFON_LOAD_ERROR_PATTERN: return "a pattern cannot be made";
-    case ZELFON_LOAD_ERROR_CHUNK_TABLE:
-    case ZELFON_LOAD_ERROR_CHUNK_FLAGS:
-    case ZELFON_LOAD_ERROR_CHUNK_RATES: return "a module's data chunks are damaged";
-    case ZELFON_LOAD_ERROR_MODULE: return "a module cannot be created";
-    default: return "the file is damaged";
-    }
-}
-
 // The message-box text that refuses `path` as a song, or null when it is one.
 const char* not_a_song_text(const char* path) {
     switch (zelfon_file_kind(path)) {
@@ -256,7 +243,7 @@ int studio_files_load(studio* st, const char* path) {
         // The open song stays as it was: the failed one is thrown away whole.
         zelfon_song_close(song);
         mem_free(song);
-        snprintf(text, sizeof text, "!Cannot load %s:\n%s (zelfon_load_song() error %d)", path, load_error_text(error), error);
+        snprintf(text, sizeof text, "!Cannot load %s:\n%s (zelfon_load_song() error %d)", path, zelfon_load_error_text(error), error);
         studio_message(st, text, "OK", nullptr, nullptr);
         return 1;
     }

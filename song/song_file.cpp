@@ -502,3 +502,17 @@ int zelfon_load_song(const char* path, zelfon_song* song) {
     if (code != ZELFON_LOAD_CANT_OPEN) zelfon_edit_init_history(zelfon_edit_profile_undo_size(), song);
     return code;
 }
+
+const char* zelfon_load_error_text(int error) {
+    switch (error) {
+    case ZELFON_LOAD_CANT_OPEN: return "the file cannot be opened";
+    case ZELFON_LOAD_ERROR_BLOCK: return "a chunk is cut short or too large";
+    case ZELFON_LOAD_ERROR_PATTERN: return "a pattern cannot be made";
+    case ZELFON_LOAD_ERROR_CHUNK_TABLE:
+    case ZELFON_LOAD_ERROR_CHUNK_FLAGS:
+    case ZELFON_LOAD_ERROR_CHUNK_RATES: return "a module's data chunks are damaged";
+    case ZELFON_LOAD_ERROR_MODULE: return "a module cannot be created";
+    case ZELFON_LOAD_ERROR_MEMORY: return "it asks for far more memory than a song of its size can need";
+    default: return "the file is damaged";
+    }
+}

@@ -36,6 +36,8 @@ enum : int {
     ZELFON_LOAD_ERROR_MODULE = 7,       // a module cannot be created
     ZELFON_LOAD_ERROR_MEMORY = 8,       // the file asks for more memory than its size allows
 };
+// What a load error means, for a message ("a module cannot be created").
+const char* zelfon_load_error_text(int error);
 
 // The "VERS" value of version texts such as "1" and "6.4": bytes 0, patch, minor, major.
 uint32_t zelfon_version_value(const char* major, const char* minor);
