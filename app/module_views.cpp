@@ -28,11 +28,6 @@ constexpr int kSpectraCtlPartial = 5;   // "Partial", 1..16
 constexpr int kSpectraCtlVolume = 7;    // "Partial volume"
 constexpr float kPlotLines = 8;         // a view's height in text lines
 
-void report(studio* st, int result) {
-    if (result == ZELFON_EDIT_OK) studio_song_changed(st);
-    else if (result == ZELFON_EDIT_NO_MEMORY) studio_status(st, "Not enough memory: nothing changed");
-}
-
 // A plot area named `id`; its corners in a and b.
 bool plot_area(const char* id, ImVec2* a, ImVec2* b) {
     ImVec2 size(ImGui::GetContentRegionAvail().x, ImGui::GetTextLineHeight() * kPlotLines);
@@ -68,7 +63,7 @@ void draw_generator_wave(studio* st, int mod) {
     if (points[i] == value) return;
     points[i] = (int8_t)value;
     // One stroke of the mouse is one undo step: the edits of a press merge.
-    report(st, zelfon_edit_synth_chunk(mod, 0, points, kDrawnPoints, kChunkFlag8Bit, 0, st->song));
+    studio_module_edit_result(st, zelfon_edit_synth_chunk(mod, 0, points, kDrawnPoints, kChunkFlag8Bit, 0, st->song));
 }
 
 void draw_spectravoice(studio* st, int mod) {
@@ -105,8 +100,8 @@ void draw_spectravoice(studio* st, int mod) {
     ImVec2 mouse = ImGui::GetIO().MousePos;
     int p = std::clamp((int)((mouse.x - a.x) / column), 0, kPartials - 1);
     int volume = std::clamp((int)((b.y - mouse.y) * kPartialVolumeMax / height), 0, kPartialVolumeMax);
-    if (p != chosen) report(st, zelfon_edit_synth_ctl(mod, kSpectraCtlPartial, p + 1, st->song));
-    if (partials[p * 3 + 1] != volume) report(st, zelfon_edit_synth_ctl(mod, kSpectraCtlVolume, volume, st->song));
+    if (p != chosen) studio_module_edit_result(st, zelfon_edit_synth_ctl(mod, kSpectraCtlPartial, p + 1, st->song));
+    if (partials[p * 3 + 1] != volume) studio_module_edit_result(st, zelfon_edit_synth_ctl(mod, kSpectraCtlVolume, volume, st->song));
 }
 
 void draw_compressor(studio* st, int mod) {

@@ -34,11 +34,6 @@ void add_port(const char* name, void* data) {
     if (ports->count < kMaxMidiPorts) snprintf(ports->names[ports->count++], sizeof ports->names[0], "%s", name);
 }
 
-void report(studio* st, int result) {
-    if (result == ZELFON_EDIT_OK) studio_song_changed(st);
-    else if (result == ZELFON_EDIT_NO_MEMORY) studio_status(st, "Not enough memory: nothing changed");
-}
-
 // The controller's value as a pattern cell carries it: 0..32768 over its range.
 int normalized(const psynth_ctl* ctl, int value) {
     int range = ctl->max - ctl->min;
@@ -57,7 +52,7 @@ void write_to_pattern(studio* st, int mod, int c, const psynth_ctl* ctl) {
     cell.ctl = (uint8_t)(c + 1);
     cell.value = (uint16_t)normalized(ctl, *ctl->value);
     zelfon_edit_begin(st->song);
-    report(st, zelfon_edit_type_cell(slot, st->pattern.track, st->cursor_line, &cell, st->song));
+    studio_module_edit_result(st, zelfon_edit_type_cell(slot, st->pattern.track, st->cursor_line, &cell, st->song));
 }
 
 // A selector's labels: the units text split at "/" (label `index`, or the number).
@@ -129,7 +124,7 @@ void draw_controller(studio* st, int mod, int c) {
         gui_item_name(id);
         bool bound = m->midi_learn_cc[c] != PSYNTH_MIDI_UNBOUND;
         if (ImGui::MenuItem("Forget the MIDI Controller", nullptr, false, bound)) {
-            report(st, zelfon_edit_synth_midi_learn(mod, c, PSYNTH_MIDI_UNBOUND, 0, st->song));
+            studio_module_edit_result(st, zelfon_edit_synth_midi_learn(mod, c, PSYNTH_MIDI_UNBOUND, 0, st->song));
         }
         if (ImGui::MenuItem("Write to Pattern at Cursor")) write_to_pattern(st, mod, c, ctl);
         ImGui::EndPopup();
@@ -145,7 +140,7 @@ void draw_controller(studio* st, int mod, int c) {
         ImGui::TextColored(ImGui::ColorConvertU32ToFloat4(gui_colour_u32(GUI_COLOUR_RECORD)), "learning...");
     }
     ImGui::PopID();
-    if (changed && value != *ctl->value) report(st, zelfon_edit_synth_ctl(mod, c, value, st->song));
+    if (changed && value != *ctl->value) studio_module_edit_result(st, zelfon_edit_synth_ctl(mod, c, value, st->song));
 }
 
 void draw_settings(studio* st, int mod) {
@@ -153,18 +148,18 @@ void draw_settings(studio* st, int mod) {
     char name[PSYNTH_NAME_SIZE];
     snprintf(name, sizeof name, "%s", m->name);
     ImGui::SetNextItemWidth(ImGui::GetFontSize() * 10);
-    if (ImGui::InputText("Name", name, sizeof name, ImGuiInputTextFlags_EnterReturnsTrue)) report(st, zelfon_edit_rename_synth(mod, name, st->song));
+    if (ImGui::InputText("Name", name, sizeof name, ImGuiInputTextFlags_EnterReturnsTrue)) studio_module_edit_result(st, zelfon_edit_rename_synth(mod, name, st->song));
     ImGui::SameLine();
     float colour[3] = {m->color[0] / 255.0f, m->color[1] / 255.0f, m->color[2] / 255.0f};
     if (ImGui::ColorEdit3("##colour", colour, ImGuiColorEditFlags_NoInputs)) {
         uint8_t c[3] = {(uint8_t)(colour[0] * 255 + 0.5f), (uint8_t)(colour[1] * 255 + 0.5f), (uint8_t)(colour[2] * 255 + 0.5f)};
-        report(st, zelfon_edit_synth_color(mod, c, st->song));
+        studio_module_edit_result(st, zelfon_edit_synth_color(mod, c, st->song));
     }
     bool mute = m->flags & PSYNTH_FLAG_MUTE, solo = m->flags & PSYNTH_FLAG_SOLO;
     ImGui::SameLine();
-    if (ImGui::Checkbox("Mute", &mute)) report(st, zelfon_edit_synth_mute_solo(mod, mute, solo, st->song));
+    if (ImGui::Checkbox("Mute", &mute)) studio_module_edit_result(st, zelfon_edit_synth_mute_solo(mod, mute, solo, st->song));
     ImGui::SameLine();
-    if (ImGui::Checkbox("Solo", &solo)) report(st, zelfon_edit_synth_mute_solo(mod, mute, solo, st->song));
+    if (ImGui::Checkbox("Solo", &solo)) studio_module_edit_result(st, zelfon_edit_synth_mute_solo(mod, mute, solo, st->song));
     if (m->flags & PSYNTH_FLAG_OUTPUT) return;
 
     char id[48];
@@ -177,7 +172,7 @@ void draw_settings(studio* st, int mod) {
     snprintf(id, sizeof id, "module.%d.finetune", mod);
     pitch |= gui_labelled_int_field("Finetune", id, &finetune, -PSYNTH_FINETUNE_MAX, PSYNTH_FINETUNE_MAX, width,
                                      true) != 0;
-    if (pitch) report(st, zelfon_edit_synth_pitch(mod, note, finetune, st->song));
+    if (pitch) studio_module_edit_result(st, zelfon_edit_synth_pitch(mod, note, finetune, st->song));
 
     // MIDI out: where the module's notes also go.
     static port_list ports;
@@ -194,7 +189,7 @@ void draw_settings(studio* st, int mod) {
             if (ImGui::Selectable(ports.names[p], !strcmp(ports.names[p], device))) chosen = ports.names[p];
         }
         ImGui::EndCombo();
-        if (chosen) report(st, zelfon_edit_synth_midi_out(mod, chosen, m->midi_out_channel, m->midi_out_bank, m->midi_out_program, st->song));
+        if (chosen) studio_module_edit_result(st, zelfon_edit_synth_midi_out(mod, chosen, m->midi_out_channel, m->midi_out_bank, m->midi_out_program, st->song));
     }
     int channel = m->midi_out_channel, bank = m->midi_out_bank, program = m->midi_out_program;
     snprintf(id, sizeof id, "module.%d.midi_channel", mod);
@@ -205,7 +200,7 @@ void draw_settings(studio* st, int mod) {
     ImGui::SameLine();
     snprintf(id, sizeof id, "module.%d.midi_program", mod);
     midi |= gui_labelled_int_field("Program", id, &program, -1, 127, width, true) != 0;
-    if (midi) report(st, zelfon_edit_synth_midi_out(mod, device, channel, bank, program, st->song));
+    if (midi) studio_module_edit_result(st, zelfon_edit_synth_midi_out(mod, device, channel, bank, program, st->song));
 }
 
 void draw_scope(studio* st, int mod) {
@@ -234,6 +229,11 @@ void draw_scope(studio* st, int mod) {
 
 }  // namespace
 
+void studio_module_edit_result(studio* st, int result) {
+    if (result == ZELFON_EDIT_OK) studio_song_changed(st);
+    else if (result == ZELFON_EDIT_NO_MEMORY) studio_status(st, "Not enough memory: nothing changed");
+}
+
 void studio_module_midi_cc(void* data, int channel, int cc, int value) {
     studio* st = (studio*)data;
     psynth_net* net = st->song->net;
@@ -241,7 +241,7 @@ void studio_module_midi_cc(void* data, int channel, int cc, int value) {
     if (learn >= 0 && learn < net->slots && (net->modules[learn].flags & PSYNTH_FLAG_EXISTS)) {
         psynth_module* m = &net->modules[learn];
         zelfon_edit_begin(st->song);
-        report(st, zelfon_edit_synth_midi_learn(learn, st->learn_ctl, cc, channel, st->song));
+        studio_module_edit_result(st, zelfon_edit_synth_midi_learn(learn, st->learn_ctl, cc, channel, st->song));
         studio_status(st, "%s follows MIDI controller %d on channel %d", m->ctls[st->learn_ctl].name, cc, channel + 1);
         st->learn_module = st->learn_ctl = -1;
         return;
@@ -265,7 +265,7 @@ void studio_module_midi_cc(void* data, int channel, int cc, int value) {
                 zelfon_edit_begin(st->song);
             }
             st->recorded_module = mod, st->recorded_ctl = c, st->recorded_ms = now;
-            report(st, zelfon_edit_type_cell(slot, st->pattern.track, line, &cell, st->song));
+            studio_module_edit_result(st, zelfon_edit_type_cell(slot, st->pattern.track, line, &cell, st->song));
         }
     }
 }

@@ -493,7 +493,6 @@ void studio_sampler_editor_draw(studio* st, int window, int mod) {
         ImGui::TextDisabled("This Sampler has no instrument");
         return;
     }
-    follow_frames(v, now);
     // An edit swaps the chunks it changes for new blocks: each part reads them anew.
     auto fresh = [&] {
         now = read_sampler(st, mod, v->slot);

@@ -57,6 +57,8 @@ void studio_module_windows_draw(studio* st);
 // The MIDI keyboard's controller changes (the song's hook): learning, and in edit mode while
 // playing, controller cells written at the playing line.
 void studio_module_midi_cc(void* data, int channel, int cc, int value);
+// A module edit's result: the song changed, or the status says why nothing did (no memory).
+void studio_module_edit_result(studio* st, int result);
 
 // ---- pattern_editor.cpp ----
 void studio_pattern_editor_draw(studio* st);
