@@ -21,6 +21,17 @@ inline int16_t psynth_apply_gain(int16_t sample, int32_t gain) {
     return (int16_t)psynth_div256_toward_zero((int32_t)sample * gain);
 }
 
+// psynth_apply_gain over buf[from .. to). A gain that fits 16 bits multiplies 16 by 16 bits,
+// which vectorises into twice as many lanes; the products are the same.
+inline void psynth_apply_gain_range(int16_t* buf, int from, int to, int32_t gain) {
+    if (gain >= INT16_MIN && gain <= INT16_MAX) {
+        const int16_t g = (int16_t)gain;
+        for (int i = from; i < to; i++) buf[i] = (int16_t)psynth_div256_toward_zero((int32_t)buf[i] * g);
+    } else {
+        for (int i = from; i < to; i++) buf[i] = psynth_apply_gain(buf[i], gain);
+    }
+}
+
 // 16-bit wrap-around sum of two samples.
 inline int16_t psynth_add_wrap(int16_t a, int16_t b) {
     return (int16_t)(uint16_t)((uint16_t)a + (uint16_t)b);

@@ -191,14 +191,19 @@ struct psynth_pool;
 // The render plan of a pass (psynth_render.cpp): the modules as the pass completes them,
 // inputs before outputs, worked out before any sample moves so that helper threads can
 // render the modules whose inputs are ready while the sums keep the plan's order.
+// OUT's mix is rendered in this many jobs, each a part of the buffer's frames.
+constexpr int PSYNTH_OUTPUT_PARTS = 2;
+
 struct psynth_render_plan {
-    int* jobs;            // module of each job (OUT may come more than once)
+    int* jobs;            // module of each job (OUT may come more than once, in parts)
     uint8_t* states;      // render state each job leaves its module in
+    uint8_t* parts;       // OUT's jobs: which part of the frames
+    int last_output[PSYNTH_OUTPUT_PARTS];  // while the plan is made: OUT's last job of each part
     int* chain;           // previous job that must finish first besides the inputs (−1 = none)
     uint32_t* done;       // number of the last pass in which the job finished (read atomically)
     int* order;           // per slot: its job, INT32_MAX for none (and for OUT, never counted as rendered)
     uint8_t* walk;        // per slot: render states while the plan is made
-    int capacity;         // jobs the arrays hold: 2 × slots + 1
+    int capacity;         // jobs the arrays hold: slots + (slots + 1) × PSYNTH_OUTPUT_PARTS
     int count;
     uint32_t pass;        // 1..2^24 − 1, tags the claims and the done marks
     uint64_t claim;       // pass (24 bits) | job count (20) | next job to take (20), read and written atomically
@@ -215,6 +220,10 @@ struct psynth_time_ring_entry {
     int position;  // scope write position when the device buffer started
     tarvik_ticks time;
 };
+
+// Takes OUT's mix of frames from .. to as soon as they are final: called once per part of
+// every pass, on any render thread, parts at the same time.
+typedef void (*psynth_output_hook)(void* data, int from, int to, const psynth_net* net);
 
 struct psynth_net {
     psynth_module* modules;
@@ -243,6 +252,8 @@ struct psynth_net {
     psynth_render_plan plan;
     psynth_pool* pool;                 // helper threads of the render pass; null: the calling thread alone
     int render_threads;
+    psynth_output_hook output_hook;    // null: the mix stays in OUT's inputs only
+    void* output_hook_data;
 };
 
 // ---- Net life (psynth_net.cpp) ----
@@ -358,6 +369,8 @@ constexpr int PSYNTH_PARALLEL_MIN_FRAMES = 256;
 // helpers. Returns the count in force (1 when threads could not be started). GUI thread,
 // net mutex held.
 int psynth_set_render_threads(int threads, psynth_net* net);
+// Sets the hook that takes OUT's mix during each pass (null: none). Net mutex held.
+void psynth_set_output_hook(psynth_output_hook hook, void* data, psynth_net* net);
 // Sizes the render plan for the slot table. Returns 0, or 1 when memory ran out. Net mutex held.
 int psynth_render_plan_fit(psynth_net* net);
 // Stops the helpers and frees the render plan (at the net's close). GUI thread.

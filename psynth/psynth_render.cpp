@@ -140,12 +140,27 @@ static void add_job(int mod_num, uint8_t state, int* last_in_order, psynth_net* 
     const int j = plan->count++;
     plan->jobs[j] = mod_num;
     plan->states[j] = state;
+    plan->parts[j] = 0;
     plan->chain[j] = -1;
     if (must_run_in_order(&net->modules[mod_num])) {
         plan->chain[j] = *last_in_order;
         *last_in_order = j;
     }
     if (mod_num != 0 && plan->order[mod_num] == INT32_MAX) plan->order[mod_num] = j;
+}
+
+// OUT's mix is split into parts of its frames, one job each, so that the threads share it.
+// Each part comes after the same part of OUT's last job (a cycle through OUT plans it again).
+static void add_output_jobs(uint8_t state, psynth_net* net) {
+    psynth_render_plan* plan = &net->plan;
+    for (int part = 0; part < PSYNTH_OUTPUT_PARTS && plan->count < plan->capacity; part++) {
+        const int j = plan->count++;
+        plan->jobs[j] = 0;
+        plan->states[j] = state;
+        plan->parts[j] = (uint8_t)part;
+        plan->chain[j] = plan->last_output[part];
+        plan->last_output[part] = j;
+    }
 }
 
 // The walk for module m, on the plan's copy of the render states.
@@ -169,7 +184,7 @@ static void plan_module(int mod_num, int* last_in_order, psynth_net* net) {
     }
     if (mod_num == 0) {
         walk[0] &= (uint8_t)~PSYNTH_RENDER_BUSY;  // OUT never counts as rendered
-        add_job(0, walk[0], last_in_order, net);
+        add_output_jobs(walk[0], net);
         return;
     }
     if (!(mod->flags & PSYNTH_FLAG_INITIALIZED)) {
@@ -190,6 +205,7 @@ static void plan_module(int mod_num, int* last_in_order, psynth_net* net) {
 static void make_plan(psynth_net* net) {
     psynth_render_plan* plan = &net->plan;
     plan->count = 0;
+    for (int& last : plan->last_output) last = -1;
     for (int i = 0; i < net->slots; i++) {
         plan->walk[i] = net->modules[i].render_state;
         plan->order[i] = INT32_MAX;
@@ -211,10 +227,11 @@ static bool grow(T** array, int count) {
 
 int psynth_render_plan_fit(psynth_net* net) {
     psynth_render_plan* plan = &net->plan;
-    const int capacity = 2 * net->slots + 1;
+    const int capacity = net->slots + (net->slots + 1) * PSYNTH_OUTPUT_PARTS;
     if (capacity <= plan->capacity) return 0;
-    if (!grow(&plan->jobs, capacity) || !grow(&plan->states, capacity) || !grow(&plan->chain, capacity) ||
-        !grow(&plan->done, capacity) || !grow(&plan->order, net->slots) || !grow(&plan->walk, net->slots)) {
+    if (!grow(&plan->jobs, capacity) || !grow(&plan->states, capacity) || !grow(&plan->parts, capacity) ||
+        !grow(&plan->chain, capacity) || !grow(&plan->done, capacity) || !grow(&plan->order, net->slots) ||
+        !grow(&plan->walk, net->slots)) {
         return 1;
     }
     for (int j = plan->capacity; j < capacity; j++) plan->done[j] = 0;
@@ -352,26 +369,48 @@ static bool feeds_job(int src, int j, uint32_t pass, const psynth_net* net) {
     return true;
 }
 
+// First frame of OUT's part `part` (the last part ends at `frames`); parts start on whole
+// vectors of samples.
+static int output_part_start(int part, int frames) {
+    return part == 0 ? 0 : part == PSYNTH_OUTPUT_PARTS ? frames : (frames * part / PSYNTH_OUTPUT_PARTS) & ~15;
+}
+
+// Part `part` of OUT's mix: every frame of the part is written, each the wrapped sum of the
+// sources at that frame (frames before a source's start are its silence), times the global
+// volume. Part 0 also sets the inputs' starts: the earliest source start, or the end when
+// nothing fed the channel. The output hook then takes the part.
 static void render_output_job(int j, uint32_t pass, psynth_net* net) {
     const int frames = net->frames;
-    bool fed[PSYNTH_MAX_CHANNELS] = {};
+    const int part = net->plan.parts[j];
+    const int from = output_part_start(part, frames), to = output_part_start(part + 1, frames);
     psynth_module* out = &net->modules[0];
-    for (int i = 0; i < out->input_links_capacity; i++) {
-        int src = out->input_links[i];
-        if (!feeds_job(src, j, pass, net)) continue;
-        mix_source_into_inputs(out, &net->modules[src], out->input_channels, fed, true, frames);
-    }
     for (int c = 0; c < out->input_channels; c++) {
         psynth_sample* buf = out->input_buffers[c];
         if (!buf) continue;
-        int start = out->input_start[c];
-        if (start >= frames || !fed[c]) {
-            zero_range(buf, start, frames);
-            out->input_start[c] = frames;
-        } else if (net->global_volume != PSYNTH_GAIN_UNITY) {
-            for (int i = start; i < frames; i++) buf[i] = psynth_apply_gain(buf[i], net->global_volume);
+        bool fed = false;
+        int start = frames;
+        for (int i = 0; i < out->input_links_capacity; i++) {
+            int src_num = out->input_links[i];
+            if (!feeds_job(src_num, j, pass, net)) continue;
+            const psynth_module* src = &net->modules[src_num];
+            int sc = source_channel(src, c);
+            if (sc < 0 || !src->output_buffers[sc]) continue;
+            int src_start = src->output_start[sc] < 0 ? 0 : src->output_start[sc];
+            int first = src_start > from ? src_start : from;
+            if (!fed) {
+                zero_range(buf, from, first < to ? first : to);
+                if (first < to) memcpy(buf + first, src->output_buffers[sc] + first, sizeof(psynth_sample) * (size_t)(to - first));
+            } else {
+                add_range(buf, src->output_buffers[sc], first, to);
+            }
+            fed = true;
+            if (src_start < start) start = src_start;
         }
+        if (!fed) zero_range(buf, from, to);
+        else if (net->global_volume != PSYNTH_GAIN_UNITY) psynth_apply_gain_range(buf, from, to, net->global_volume);
+        if (part == 0) out->input_start[c] = fed && start < frames ? start : frames;
     }
+    if (net->output_hook) net->output_hook(net->output_hook_data, from, to, net);
 }
 
 // Job j: the module's inputs mixed from the jobs before it, its events and pieces, its
@@ -500,13 +539,18 @@ int psynth_set_render_threads(int threads, psynth_net* net) {
     return net->render_threads;
 }
 
+void psynth_set_output_hook(psynth_output_hook hook, void* data, psynth_net* net) {
+    net->output_hook = hook;
+    net->output_hook_data = data;
+}
+
 void psynth_render_plan_free(psynth_net* net) {
     psynth_pool_free(net->pool);
     net->pool = nullptr;
     net->render_threads = 1;
     psynth_render_plan* plan = &net->plan;
-    for (void* block : {(void*)plan->jobs, (void*)plan->states, (void*)plan->chain, (void*)plan->done,
-                        (void*)plan->order, (void*)plan->walk}) {
+    for (void* block : {(void*)plan->jobs, (void*)plan->states, (void*)plan->parts, (void*)plan->chain,
+                        (void*)plan->done, (void*)plan->order, (void*)plan->walk}) {
         mem_free(block);
     }
     *plan = psynth_render_plan{};

@@ -16,6 +16,7 @@
 #include "engine/memory.h"
 #include "engine/sound.h"
 #include "song/chunks.h"
+#include "song/export_writer.h"
 #include "song/playback.h"
 
 static_assert(std::endian::native == std::endian::little, "WAV data is written as the host stores it");
@@ -27,6 +28,7 @@ constexpr int kWavTagFloat = 3;
 constexpr int kInt16Scale = 8;         // 13.3 fixed point to 16-bit: as the device output
 constexpr int kInt16Max = 32767;       // saturation is symmetric, as the device output
 constexpr float kFloatFullScale = 4096.0f;
+constexpr int kWriterBuffers = 4;       // pieces rendered ahead of the mix's writer
 constexpr int kProgressShift = 8;      // progress = (done & ~255) / (total >> 8)
 constexpr int64_t kWavMaxData = 0xFFFFFFFFll - 36;
 constexpr const char* kWavTag = "zelfon_export_to_wav";
@@ -286,6 +288,10 @@ static int export_stopped_song(const char* path, int format, int mode, zelfon_ex
     if (!any_open) total = 0;
 
     set_piece_hook(wav_piece_hook, &e, song);
+    // With more than one render thread the mix is written by a thread of its own.
+    zelfon_export_writer* writer = net->render_threads > 1 && e.files[0].save.h
+        ? zelfon_export_writer_start(e.files[0].save.h, piece_bytes, kWriterBuffers)
+        : nullptr;
     int64_t done = 0;
     int64_t reported = 0;
     bool aborted = false;
@@ -295,8 +301,14 @@ static int export_stopped_song(const char* path, int format, int mode, zelfon_ex
             break;
         }
         int frames = total - done < ZELFON_EXPORT_PIECE ? (int)(total - done) : ZELFON_EXPORT_PIECE;
-        render_piece(buffer, type, frames, song);
-        export_file_write(&e.files[0], buffer, (size_t)frames * kWavChannels * e.bytes_per_sample);
+        const size_t bytes = (size_t)frames * kWavChannels * e.bytes_per_sample;
+        if (writer) {
+            render_piece(zelfon_export_writer_next(writer), type, frames, song);
+            zelfon_export_writer_queue(writer, bytes);
+        } else {
+            render_piece(buffer, type, frames, song);
+            export_file_write(&e.files[0], buffer, bytes);
+        }
         done += frames;
         if (done - reported > ZELFON_EXPORT_PROGRESS_FRAMES) {
             reported = done;
@@ -305,6 +317,7 @@ static int export_stopped_song(const char* path, int format, int mode, zelfon_ex
         }
     }
     set_piece_hook(nullptr, nullptr, song);
+    if (writer && !zelfon_export_writer_finish(writer)) e.files[0].failed = 1;
     if (!close_wav_files(&e)) result = ZELFON_EXPORT_FILE_ERROR;
     mem_free(e.files);
     mem_free(e.convert);

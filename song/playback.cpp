@@ -609,56 +609,55 @@ static void play_piece(int frames, tarvik_ticks piece_time, zelfon_song* song) {
     }
 }
 
-// The sample of channel buffer `buf` at frame i: 0 before `start`. The load is made
-// anyway (a buffer always holds 4096 frames) so that loops of it vectorise.
-static inline psynth_sample sounding(const psynth_sample* buf, int start, int i) {
-    return (psynth_sample)(buf[i] & -(psynth_sample)(i >= start));
-}
-
-// The Output module's buffer feeding request channel c and its start (a mono mix feeds
-// every channel; no buffer gives silence).
-static void channel_source(const psynth_module* out, int c, int frames, const psynth_sample** buf, int* start) {
+// The Output module's buffer feeding request channel c (a mono mix feeds every channel; no
+// buffer gives silence).
+static const psynth_sample* channel_source(const psynth_module* out, int c) {
     static const psynth_sample kSilence[PSYNTH_BUFFER_SIZE] = {};
     int source = c < out->input_channels ? c : out->input_channels - 1;
-    bool exists = source >= 0 && out->input_buffers[source];
-    *buf = exists ? out->input_buffers[source] : kSilence;
-    *start = exists ? out->input_start[source] : frames;
+    return source >= 0 && out->input_buffers[source] ? out->input_buffers[source] : kSilence;
 }
 
-// Frames of the Output module's channels into `dest`, interleaved by the request's channel
-// count; stereo, the common case, runs as one loop over both channels that vectorises.
+// Frames from .. to of the Output module's channels into `dest` (the request's frame 0),
+// interleaved by the request's channel count; stereo, the common case, runs as one loop
+// over both channels that vectorises. The render pass writes every frame of the mix, so
+// frames before its start are read as the zeros they are.
 template <class T, class Convert>
-static void write_frames(T* dest, int channels, const psynth_module* out, int frames, Convert convert) {
-    const psynth_sample* buf[2];
-    int start[2];
+static void write_frames(T* dest, int channels, const psynth_module* out, int from, int to, Convert convert) {
     if (channels == 2) {
-        channel_source(out, 0, frames, &buf[0], &start[0]);
-        channel_source(out, 1, frames, &buf[1], &start[1]);
-        for (int i = 0; i < frames; i++) {
-            dest[2 * i] = convert(sounding(buf[0], start[0], i));
-            dest[2 * i + 1] = convert(sounding(buf[1], start[1], i));
+        const psynth_sample* left = channel_source(out, 0);
+        const psynth_sample* right = channel_source(out, 1);
+        for (int i = from; i < to; i++) {
+            dest[2 * i] = convert(left[i]);
+            dest[2 * i + 1] = convert(right[i]);
         }
         return;
     }
     for (int c = 0; c < channels; c++) {
-        channel_source(out, c, frames, &buf[0], &start[0]);
-        for (int i = 0; i < frames; i++) dest[(size_t)i * channels + c] = convert(sounding(buf[0], start[0], i));
+        const psynth_sample* buf = channel_source(out, c);
+        for (int i = from; i < to; i++) dest[(size_t)i * channels + c] = convert(buf[i]);
     }
 }
 
-// Writes the Output module's mix into the request's format at frame `first`.
-static void write_output(const zelfon_render_request* request, int first, int frames, const psynth_net* net) {
+// Where a pass's mix goes: the request's buffer, from its frame `first`.
+struct output_target {
+    const zelfon_render_request* request;
+    int first;
+};
+
+// The net's output hook: frames from .. to of the mix into the request's format.
+static void write_output(void* data, int from, int to, const psynth_net* net) {
+    const output_target* target = (const output_target*)data;
+    const zelfon_render_request* request = target->request;
     const psynth_module* out = &net->modules[0];
-    const int channels = request->channels;
+    const size_t first = (size_t)target->first * (size_t)request->channels;
     if (request->type == ZELFON_SAMPLE_FLOAT32) {
-        write_frames((float*)request->out + (size_t)first * channels, channels, out, frames,
+        write_frames((float*)request->out + first, request->channels, out, from, to,
                      [](psynth_sample v) { return (float)v / kFloatFullScale; });
     } else {
-        write_frames((int16_t*)request->out + (size_t)first * channels, channels, out, frames,
-                     [](psynth_sample v) {
-                         int x = v * kInt16Scale;
-                         return (int16_t)(x > kInt16Max ? kInt16Max : x < -kInt16Max ? -kInt16Max : x);
-                     });
+        write_frames((int16_t*)request->out + first, request->channels, out, from, to, [](psynth_sample v) {
+            int x = v * kInt16Scale;
+            return (int16_t)(x > kInt16Max ? kInt16Max : x < -kInt16Max ? -kInt16Max : x);
+        });
     }
 }
 
@@ -671,12 +670,14 @@ int zelfon_render(const zelfon_render_request* request, zelfon_song* song) {
         int frames = request->frames - first;
         if (frames > ZELFON_RENDER_PIECE) frames = ZELFON_RENDER_PIECE;
         tarvik_ticks piece_time = ticks_after(request->out_time, first, net->sampling_rate);
+        output_target target = {request, first};
         tarvik_mutex_lock(&net->mutex);
         play_piece(frames, piece_time, song);
         psynth_set_render_params(frames, piece_time, song->line, song->tick, song->playing, net);
+        psynth_set_output_hook(write_output, &target, net);
         psynth_render_all(net);
+        psynth_set_output_hook(nullptr, nullptr, net);
         if (song->piece_hook) song->piece_hook(song->piece_hook_data, frames, song);
-        write_output(request, first, frames, net);
         psynth_clear_events(net);
         tarvik_mutex_unlock(&net->mutex);
     }
