@@ -510,13 +510,21 @@ void convert_row(builder* b, int p, int row, zelfon_cell* line) {
     }
 }
 
+// After the table's last slot is taken its size is doubled, so that thousands of pieces do
+// not copy the table every 16 slots (a failure is left to the next placement's own growth).
+void grow_slots_ahead(int slot, zelfon_song* song) {
+    if (slot == song->pats_capacity - 1) zelfon_reserve_pattern_slot(2 * song->pats_capacity - 1, song);
+}
+
 int add_piece(builder* b, int p, int first, int last) {
     zelfon_song* song = b->song;
     int lines = last - first + 1;
     for (int i = b->first_piece[p]; i >= 0; i = b->pieces[i].next) {
         const piece* pc = &b->pieces[i];
         if (pc->first != first || pc->last != last) continue;
-        if (zelfon_clone_pattern(pc->slot, b->line, 0, song) < 0) return ZELFON_IMPORT_SONG_FAILED;
+        int clone = zelfon_clone_pattern(pc->slot, b->line, 0, song);
+        if (clone < 0) return ZELFON_IMPORT_SONG_FAILED;
+        grow_slots_ahead(clone, song);
         for (int r = first; r <= last; r++) convert_row(b, p, r, nullptr);
         b->m->report->clones++;
         b->line += lines;
@@ -531,6 +539,7 @@ int add_piece(builder* b, int p, int first, int last) {
     if (slot < 0 || new_pattern_with_num(slot, lines, b->tracks, b->line, 0, (uint32_t)(p * TRACKER_MAX_ROWS + first), song) < 0) {
         return ZELFON_IMPORT_SONG_FAILED;
     }
+    grow_slots_ahead(slot, song);
     zelfon_pattern* pat = song->pats[slot];
     for (int r = first; r <= last; r++) convert_row(b, p, r, &pat->data[(r - first) * pat->data_xsize]);
     b->pieces[b->pieces_num] = {p, first, last, slot, b->first_piece[p]};
