@@ -518,7 +518,9 @@ static void run_jobs(psynth_net* net) {
         else run_jobs_alone(net);
         return;
     }
-    const int helpers = t % 2;  // the two ways alternate, so both see the same load
+    // The two ways alternate in pairs of passes, so both see the same load: an export's
+    // requests are two passes long and its writer wakes after every second one.
+    const int helpers = (t >> 1) & 1;
     if (t == 0) plan->trial_ns[0] = plan->trial_ns[1] = plan->trial_frames[0] = plan->trial_frames[1] = 0;
     const int64_t started = now_ns();
     if (helpers) run_jobs_with_helpers(net);
