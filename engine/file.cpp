@@ -153,6 +153,8 @@ FILE* platform_open_stdout() {
 
 int platform_sync(FILE* f) { return std::fflush(f) == 0 && _commit(_fileno(f)) == 0 ? 0 : -1; }
 
+void platform_start_writeback(FILE* f) { std::fflush(f); }
+
 // Folders are not synced on Windows: MoveFileEx has made the rename by the time it returns.
 void platform_sync_folder(const char* file_name) {}
 
@@ -318,6 +320,14 @@ FILE* platform_open_stdout() {
 }
 
 int platform_sync(FILE* f) { return std::fflush(f) == 0 && fsync(fileno(f)) == 0 ? 0 : -1; }
+
+// Starts writing what was written so far to the disk without waiting for it (Linux).
+void platform_start_writeback(FILE* f) {
+    if (std::fflush(f) != 0) return;
+#if defined(__linux__)
+    sync_file_range(fileno(f), 0, 0, SYNC_FILE_RANGE_WRITE);
+#endif
+}
 
 // Makes a rename in the folder of `file_name` durable.
 void platform_sync_folder(const char* file_name) {
@@ -857,6 +867,11 @@ void v3_rewind(int h) {
     if (!f) return;
     if (is_memory(f)) f->pos = 0;
     else if (f->f) std::rewind(f->f);
+}
+
+void v3_start_writeback(int h) {
+    v3_file* f = file_of(h);
+    if (f && !is_memory(f) && f->f) platform_start_writeback(f->f);
 }
 
 int v3_flush(int h) {

@@ -94,6 +94,9 @@ int v3_seek(int h, int64_t offset, int whence);
 int64_t v3_tell(int h);
 // Sets the position to 0.
 void v3_rewind(int h);
+// Hands what was written to disk file h to the system and, where it can (Linux), starts
+// writing it to the disk without waiting: a long save's final sync then has less to wait for.
+void v3_start_writeback(int h);
 // Flushes the disk file in slot `h` of the table, i.e. the file whose handle is h + 1 (a
 // long-standing quirk kept on purpose): do not rely on it. Returns the flush result, else 0.
 int v3_flush(int h);

@@ -254,6 +254,8 @@ struct psynth_net {
     int render_threads;
     psynth_output_hook output_hook;    // null: the mix stays in OUT's inputs only
     void* output_hook_data;
+    void (*side_job)(void* data);      // run once during the next pass; null: none
+    void* side_job_data;
 };
 
 // ---- Net life (psynth_net.cpp) ----
@@ -371,6 +373,10 @@ constexpr int PSYNTH_PARALLEL_MIN_FRAMES = 256;
 int psynth_set_render_threads(int threads, psynth_net* net);
 // Sets the hook that takes OUT's mix during each pass (null: none). Net mutex held.
 void psynth_set_output_hook(psynth_output_hook hook, void* data, psynth_net* net);
+// Gives the next pass a job of the caller's besides the modules': the calling thread runs it
+// while the helpers take the first modules (an export writes its last piece so). It runs
+// once and is then forgotten. Net mutex held.
+void psynth_set_side_job(void (*job)(void* data), void* data, psynth_net* net);
 // Sizes the render plan for the slot table. Returns 0, or 1 when memory ran out. Net mutex held.
 int psynth_render_plan_fit(psynth_net* net);
 // Stops the helpers and frees the render plan (at the net's close). GUI thread.

@@ -343,9 +343,14 @@ constexpr uint32_t kPassLimit = 1u << 24;
 // job (a machine busier than its cores) must not cost the waiter its whole time slice.
 constexpr int kSpinsBeforeYield = 2000;
 
-// Every kTrialPeriod passes, kTrialPasses are timed alone and as many with helpers.
-constexpr int kTrialPasses = 8;
-constexpr int kTrialPeriod = 128;
+// Every kTrialPeriod passes, kTrialPasses are rendered alone and as many with helpers, the
+// two ways alternating in blocks of kTrialBlock passes, so that both see the same load (an
+// export's requests are two passes long, and its file written in every second one). The
+// first pass of each block is not timed: sleeping helpers may be waking then, or still
+// busy from the block before.
+constexpr int kTrialPasses = 16;
+constexpr int kTrialBlock = 4;
+constexpr int kTrialPeriod = 256;
 
 static bool job_done(int j, uint32_t pass, const psynth_net* net) {
     return std::atomic_ref<const uint32_t>(net->plan.done[j]).load(std::memory_order_acquire) == pass;
@@ -479,7 +484,15 @@ static void work_on_pass(void* arg) {
     }
 }
 
+static void run_side_job(psynth_net* net) {
+    if (!net->side_job) return;
+    net->side_job(net->side_job_data);
+    net->side_job = nullptr;
+    net->side_job_data = nullptr;
+}
+
 static void run_jobs_alone(psynth_net* net) {
+    run_side_job(net);
     for (int j = 0; j < net->plan.count; j++) run_job(j, 0, net);
 }
 
@@ -493,6 +506,7 @@ static void run_jobs_with_helpers(psynth_net* net) {
     std::atomic_ref<uint64_t>(plan->claim)
         .store((uint64_t)pass << kClaimPassShift | (uint64_t)plan->count << kClaimCountShift, std::memory_order_release);
     psynth_pool_wake(net->pool);
+    run_side_job(net);
     work_on_pass(net);
     // The barrier of the pass: every job taken by a helper is running, none waits to start.
     for (int j = 0; j < plan->count; j++) wait_for_job(j, pass, net);
@@ -518,15 +532,15 @@ static void run_jobs(psynth_net* net) {
         else run_jobs_alone(net);
         return;
     }
-    // The two ways alternate in pairs of passes, so both see the same load: an export's
-    // requests are two passes long and its writer wakes after every second one.
-    const int helpers = (t >> 1) & 1;
+    const int helpers = (t / kTrialBlock) & 1;
     if (t == 0) plan->trial_ns[0] = plan->trial_ns[1] = plan->trial_frames[0] = plan->trial_frames[1] = 0;
     const int64_t started = now_ns();
     if (helpers) run_jobs_with_helpers(net);
     else run_jobs_alone(net);
-    plan->trial_ns[helpers] += now_ns() - started;
-    plan->trial_frames[helpers] += net->frames;
+    if (t % kTrialBlock != 0) {
+        plan->trial_ns[helpers] += now_ns() - started;
+        plan->trial_frames[helpers] += net->frames;
+    }
     if (t + 1 == 2 * kTrialPasses) {
         // time per frame with helpers below time per frame alone (cross-multiplied)
         plan->helpers_pay = plan->trial_ns[1] * plan->trial_frames[0] < plan->trial_ns[0] * plan->trial_frames[1];
@@ -544,6 +558,11 @@ int psynth_set_render_threads(int threads, psynth_net* net) {
 void psynth_set_output_hook(psynth_output_hook hook, void* data, psynth_net* net) {
     net->output_hook = hook;
     net->output_hook_data = data;
+}
+
+void psynth_set_side_job(void (*job)(void* data), void* data, psynth_net* net) {
+    net->side_job = job;
+    net->side_job_data = data;
 }
 
 void psynth_render_plan_free(psynth_net* net) {

@@ -10,13 +10,13 @@
 #include <climits>
 #include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "engine/file.h"
 #include "engine/log.h"
 #include "engine/memory.h"
 #include "engine/sound.h"
 #include "song/chunks.h"
-#include "song/export_writer.h"
 #include "song/playback.h"
 
 static_assert(std::endian::native == std::endian::little, "WAV data is written as the host stores it");
@@ -28,7 +28,7 @@ constexpr int kWavTagFloat = 3;
 constexpr int kInt16Scale = 8;         // 13.3 fixed point to 16-bit: as the device output
 constexpr int kInt16Max = 32767;       // saturation is symmetric, as the device output
 constexpr float kFloatFullScale = 4096.0f;
-constexpr int kWriterBuffers = 4;       // pieces rendered ahead of the mix's writer
+constexpr size_t kWritebackBytes = 4 << 20;  // the disk is asked to write every 4 MB of the mix
 constexpr int kProgressShift = 8;      // progress = (done & ~255) / (total >> 8)
 constexpr int64_t kWavMaxData = 0xFFFFFFFFll - 36;
 constexpr const char* kWavTag = "zelfon_export_to_wav";
@@ -233,6 +233,33 @@ static bool close_wav_files(wav_export* e) {
     return all;
 }
 
+// The mix's piece rendered last, written while the next one renders: the write is the side
+// job of the next piece's first pass, so it shares the cores with the modules.
+struct pending_write {
+    export_file* file;
+    const void* data;
+    size_t size;     // 0: nothing waits
+    size_t written;  // since the disk last started writing
+};
+
+static void write_pending(void* arg) {
+    pending_write* w = (pending_write*)arg;
+    export_file_write(w->file, w->data, w->size);
+    w->written += w->size;
+    w->size = 0;
+    // The disk writes while the rest renders: the file's final sync has only the tail left.
+    if (w->written >= kWritebackBytes && w->file->save.h) {
+        v3_start_writeback(w->file->save.h);
+        w->written = 0;
+    }
+}
+
+static void set_side_job(pending_write* w, zelfon_song* song) {
+    tarvik_mutex_lock(&song->net->mutex);
+    psynth_set_side_job(w->size ? write_pending : nullptr, w, song->net);
+    tarvik_mutex_unlock(&song->net->mutex);
+}
+
 static void render_piece(void* buffer, int type, int frames, zelfon_song* song) {
     zelfon_render_request request = {buffer, type, kWavChannels, frames, nullptr, tarvik_time_ticks()};
     zelfon_render(&request, song);
@@ -269,10 +296,12 @@ static int export_stopped_song(const char* path, int format, int mode, zelfon_ex
     const size_t piece_bytes = (size_t)ZELFON_EXPORT_PIECE * kWavChannels * e.bytes_per_sample;
     e.slots = net->slots;
     void* buffer = mem_new(MEM_DYNAMIC, piece_bytes, kWavTag);
+    void* next_buffer = mem_new(MEM_DYNAMIC, piece_bytes, kWavTag);  // the one rendered while `buffer` is written
     e.convert = mem_new(MEM_DYNAMIC, (size_t)ZELFON_RENDER_PIECE * kWavChannels * e.bytes_per_sample, kWavTag);
     e.files = (export_file*)mem_new(MEM_DYNAMIC, sizeof(export_file) * (size_t)e.slots, kWavTag);
-    if (!buffer || !e.convert || !e.files) {
+    if (!buffer || !next_buffer || !e.convert || !e.files) {
         mem_free(buffer);
+        mem_free(next_buffer);
         mem_free(e.convert);
         mem_free(e.files);
         tarvik_log("zelfon_export_to_wav(): no memory for the buffers\n");
@@ -288,10 +317,7 @@ static int export_stopped_song(const char* path, int format, int mode, zelfon_ex
     if (!any_open) total = 0;
 
     set_piece_hook(wav_piece_hook, &e, song);
-    // With more than one render thread the mix is written by a thread of its own.
-    zelfon_export_writer* writer = net->render_threads > 1 && e.files[0].save.h
-        ? zelfon_export_writer_start(e.files[0].save.h, piece_bytes, kWriterBuffers)
-        : nullptr;
+    pending_write pending = {&e.files[0], nullptr, 0, 0};
     int64_t done = 0;
     int64_t reported = 0;
     bool aborted = false;
@@ -301,14 +327,12 @@ static int export_stopped_song(const char* path, int format, int mode, zelfon_ex
             break;
         }
         int frames = total - done < ZELFON_EXPORT_PIECE ? (int)(total - done) : ZELFON_EXPORT_PIECE;
-        const size_t bytes = (size_t)frames * kWavChannels * e.bytes_per_sample;
-        if (writer) {
-            render_piece(zelfon_export_writer_next(writer), type, frames, song);
-            zelfon_export_writer_queue(writer, bytes);
-        } else {
-            render_piece(buffer, type, frames, song);
-            export_file_write(&e.files[0], buffer, bytes);
-        }
+        set_side_job(&pending, song);
+        render_piece(next_buffer, type, frames, song);
+        if (pending.size) write_pending(&pending);  // no pass ran it
+        pending.data = next_buffer;
+        pending.size = (size_t)frames * kWavChannels * e.bytes_per_sample;
+        std::swap(buffer, next_buffer);
         done += frames;
         if (done - reported > ZELFON_EXPORT_PROGRESS_FRAMES) {
             reported = done;
@@ -317,7 +341,7 @@ static int export_stopped_song(const char* path, int format, int mode, zelfon_ex
         }
     }
     set_piece_hook(nullptr, nullptr, song);
-    if (writer && !zelfon_export_writer_finish(writer)) e.files[0].failed = 1;
+    if (pending.size) write_pending(&pending);
     if (!close_wav_files(&e)) result = ZELFON_EXPORT_FILE_ERROR;
     mem_free(e.files);
     mem_free(e.convert);
@@ -331,6 +355,7 @@ static int export_stopped_song(const char* path, int format, int mode, zelfon_ex
     }
     render_piece(buffer, type, ZELFON_EXPORT_PIECE, song);
     mem_free(buffer);
+    mem_free(next_buffer);
 
     if (aborted) {
         tarvik_log("zelfon_export_to_wav(): aborted after %lld of %lld frames\n", (long long)done, (long long)total);

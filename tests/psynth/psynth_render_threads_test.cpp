@@ -1,7 +1,8 @@
 // The render pass on helper threads: nets built alike (random links with cycles, a thousand
 // modules, effects with no input, mute, solo, a MultiSynth driving its targets) render
 // with 1 and with 2 to 4 threads, and every module's outputs and OUT's mix must match
-// frame for frame, pass after pass, with events in every buffer.
+// frame for frame, pass after pass, with events in every buffer. The output hook must see
+// the whole mix (its parts taken on any thread), and a side job must run once per pass.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -83,6 +84,28 @@ std::string first_difference(const psynth_net* a, const psynth_net* b, int frame
     return "";
 }
 
+// What the output hook saw of OUT's two channels during the last pass.
+struct hooked_mix {
+    std::vector<psynth_sample> channels[2] = {std::vector<psynth_sample>(PSYNTH_BUFFER_SIZE),
+                                              std::vector<psynth_sample>(PSYNTH_BUFFER_SIZE)};
+};
+
+void copy_mix(void* data, int from, int to, const psynth_net* net) {
+    hooked_mix* mix = (hooked_mix*)data;
+    for (int c = 0; c < 2; c++) {
+        for (int i = from; i < to; i++) mix->channels[c][i] = net->modules[0].input_buffers[c][i];
+    }
+}
+
+void count_run(void* data) { ++*(int*)data; }
+
+// OUT's channel c as heard: silence before its start.
+std::vector<psynth_sample> heard(const psynth_net* net, int c, int frames) {
+    std::vector<psynth_sample> v(frames);
+    for (int i = net->modules[0].input_start[c]; i < frames; i++) v[i] = net->modules[0].input_buffers[c][i];
+    return v;
+}
+
 void check_threads(int modules, int threads, bool solo, uint32_t seed) {
     psynth_net one{}, many{};
     psynth_init(0, 44100, 125, 6, &one);
@@ -94,9 +117,13 @@ void check_threads(int modules, int threads, bool solo, uint32_t seed) {
         many.modules[mods[10]].flags |= PSYNTH_FLAG_SOLO;
     }
     ASSERT_EQ(psynth_set_render_threads(threads, &many), threads);
+    hooked_mix mix;
+    psynth_set_output_hook(copy_mix, &mix, &many);
+    int side_runs = 0;
     int loud = 0;  // frames of OUT's mix away from zero: the nets must play something
     for (int buffer = 0; buffer < 12; buffer++) {
         const int frames = buffer % 4 == 3 ? 100 : 256 + 512 * (buffer % 3);  // small buffers stay on one thread
+        psynth_set_side_job(count_run, &side_runs, &many);
         for (psynth_net* net : {&one, &many}) {
             queue_notes(net, mods, buffer, frames);
             psynth_set_render_params(frames, 0, 0, 0, 0, net);
@@ -104,6 +131,11 @@ void check_threads(int modules, int threads, bool solo, uint32_t seed) {
             psynth_clear_events(net);
         }
         ASSERT_EQ(first_difference(&one, &many, frames), "") << threads << " threads, buffer " << buffer;
+        ASSERT_EQ(side_runs, buffer + 1);
+        for (int c = 0; c < 2; c++) {
+            ASSERT_EQ(std::vector<psynth_sample>(mix.channels[c].begin(), mix.channels[c].begin() + frames), heard(&one, c, frames))
+                << "the hooked mix, channel " << c << ", buffer " << buffer;
+        }
         for (int i = one.modules[0].input_start[0]; i < frames; i++) loud += one.modules[0].input_buffers[0][i] != 0;
     }
     if (!solo) {
