@@ -82,6 +82,7 @@ constexpr int kReleaseMsPerSecond = 100;      // a release lasts 1/100 s
 
 // Decoding.
 constexpr int kReadBytes = 8192;              // ov_read's piece
+constexpr int64_t kFramesPerFileByte = 8;     // the decoded block's first size: a 44 kbit/s stream at 44100 Hz
 constexpr int kSampleBytes = 2;
 constexpr int kMinRate = 1000;
 constexpr int kMaxRate = 384000;
@@ -217,7 +218,11 @@ int decode_file(const uint8_t* bytes, size_t size, vp_sound* out) {
                    (long long)max_frames);
         total = max_frames;
     }
-    int16_t* frames = (int16_t*)mem_new(MEM_STORAGE, (size_t)((total + 1) * frame_bytes), "vorbis_decode");
+    // The block grows with what decodes, not with what the last page claims: a small
+    // damaged file cannot take the decoding limit's memory.
+    int64_t capacity = (int64_t)size * kFramesPerFileByte + kReadBytes;
+    if (capacity > total) capacity = total;
+    int16_t* frames = (int16_t*)mem_new(MEM_STORAGE, (size_t)((capacity + 1) * frame_bytes), "vorbis_decode");
     if (!frames) {
         ov_clear(&vf);
         return PSYNTH_VORBIS_ERROR_MEMORY;
@@ -242,6 +247,16 @@ int decode_file(const uint8_t* bytes, size_t size, vp_sound* out) {
         }
         int64_t n = got / (in_channels * kSampleBytes);
         if (n > total - count) n = total - count;
+        if (count + n > capacity) {
+            const int64_t larger = 2 * capacity > total ? total : 2 * capacity;
+            int16_t* grown = (int16_t*)mem_resize(frames, (size_t)((larger + 1) * frame_bytes));
+            if (!grown) {
+                tarvik_log("psynth_vorbis_player(): no memory after %lld frames; the rest is left out\n", (long long)count);
+                break;
+            }
+            frames = grown;
+            capacity = larger;
+        }
         int16_t* to = frames + count * channels;
         for (int64_t i = 0; i < n; i++) {
             const int16_t* from = piece + i * in_channels;
@@ -256,7 +271,7 @@ int decode_file(const uint8_t* bytes, size_t size, vp_sound* out) {
         tarvik_log("psynth_vorbis_player(): the stream holds no sound\n");
         return PSYNTH_VORBIS_ERROR_EMPTY;
     }
-    if (count < total) {
+    if (count < capacity) {
         // A stream cut short: give back what its last page promised.
         int16_t* smaller = (int16_t*)mem_resize(frames, (size_t)((count + 1) * frame_bytes));
         if (smaller) frames = smaller;

@@ -234,6 +234,35 @@ TEST_F(VorbisPlayerTest, DamagedFilesGiveAnErrorAndASilentModule) {
     EXPECT_LT(info.frames, 6 * kRate);
 }
 
+// The CRC of an Ogg page (polynomial 0x04C11DB7, not reflected, from 0), its own field zero.
+uint32_t ogg_page_crc(const char* page, size_t size) {
+    uint32_t crc = 0;
+    for (size_t i = 0; i < size; i++) {
+        crc ^= (uint32_t)(uint8_t)(i >= 22 && i < 26 ? 0 : page[i]) << 24;
+        for (int b = 0; b < 8; b++) crc = crc & 0x80000000u ? (crc << 1) ^ 0x04C11DB7u : crc << 1;
+    }
+    return crc;
+}
+
+TEST_F(VorbisPlayerTest, ALastPageClaimingAnHourTakesTheMemoryOfWhatDecodes) {
+    std::vector<char> file = read(tone("pages", 441, 5.0));  // several sound pages: the first one's position stays
+    size_t last = 0;
+    for (size_t i = 0; i + 27 <= file.size(); i++) {
+        if (!memcmp(&file[i], "OggS", 4)) last = i;
+    }
+    ASSERT_GT(last, 0u);
+    const uint64_t hour = 3600ull * kRate;
+    for (int b = 0; b < 8; b++) file[last + 6 + b] = (char)(hour >> (8 * b));  // the granule position
+    uint32_t crc = ogg_page_crc(&file[last], file.size() - last);
+    for (int b = 0; b < 4; b++) file[last + 22 + b] = (char)(crc >> (8 * b));
+
+    set_file_chunk(file);
+    psynth_vorbis_info info;
+    ASSERT_EQ(psynth_vorbis_player_get_info(mod, &info, &net), 0);
+    EXPECT_LE(info.frames, 5 * kRate + 2048);  // the true end is no longer cut to the sample
+    EXPECT_LT(mem_get_stats().max_storage_used, 4 << 20) << "an hour would be 317 MB, the limit 96 MB";
+}
+
 TEST_F(VorbisPlayerTest, RendersWithoutAllocating) {
     load(tone("steady", 441, 0.2));
     set(REPEAT, 1);
