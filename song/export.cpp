@@ -368,6 +368,7 @@ static int export_stopped_song(const char* path, int format, int mode, zelfon_ex
 // ---- MIDI ----
 
 constexpr int kMidiBufferStep = 1024;
+constexpr uint32_t kMidiMaxDelta = 0x0FFFFFFF;  // the largest four-byte variable-length quantity
 constexpr int kMidiNoteOfC0 = 12;  // semitone 0 (C0) is MIDI note 12, as the modules' MIDI out
 constexpr int kMidiMaxTempo = 0xFFFFFF;
 constexpr int kLinesPerBeatDefault = 4;
@@ -410,9 +411,17 @@ static void midi_put_vlq(midi_track* t, uint32_t v) {
     midi_put(t, out, (size_t)n);
 }
 
+// Gaps longer than a four-byte quantity can hold are bridged by empty text events, each
+// that far from the one before.
 static void midi_put_delta(midi_track* t, int64_t tick) {
+    static const uint8_t kEmptyText[3] = {0xFF, 0x01, 0x00};
     if (tick < t->last_tick) tick = t->last_tick;
-    midi_put_vlq(t, (uint32_t)(tick - t->last_tick));
+    int64_t delta = tick - t->last_tick;
+    for (; delta > kMidiMaxDelta; delta -= kMidiMaxDelta) {
+        midi_put_vlq(t, kMidiMaxDelta);
+        midi_put(t, kEmptyText, sizeof(kEmptyText));
+    }
+    midi_put_vlq(t, (uint32_t)delta);
     t->last_tick = tick;
 }
 

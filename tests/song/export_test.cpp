@@ -367,7 +367,7 @@ bool parse_midi(const std::vector<uint8_t>& b, midi_file* out) {
         if (end > b.size()) return false;
         pos += 8;
         std::vector<std::string> events;
-        uint32_t time = 0;
+        uint64_t time = 0;
         uint8_t running = 0;
         auto vlq = [&]() {
             uint32_t v = 0;
@@ -450,6 +450,22 @@ TEST_F(SongExportMidiTest, FileReadsBackExactly) {
                                                         "192 off ch0 72", "240 end"}));
     EXPECT_EQ(midi.tracks[2], (std::vector<std::string>{"0 name Bass", "24 on ch1 48 64", "144 on ch1 60 127",
                                                         "192 off ch1 48", "240 off ch1 60", "240 end"}));
+}
+
+TEST_F(SongExportMidiTest, GapsBeyondFourByteDeltasAreBridged) {
+    int mod = psynth_add_synth(-1, logger_handler, "Far", 0, 0, 0, song.bpm, song.speed, song.net);
+    const int line = 23000000;  // 552 M ticks: two gaps of 2^28 − 1 and the rest
+    int slot = add_pattern(line, 1);
+    cell(slot, 0, 0) = note_cell(49, mod + 1);
+    ASSERT_EQ(zelfon_export_to_midi("3:/far.mid", &song), ZELFON_EXPORT_OK);
+    midi_file midi;
+    ASSERT_TRUE(parse_midi(read_bytes(real("far.mid")), &midi));
+    ASSERT_EQ(midi.tracks.size(), 2u);
+    const int64_t tick = (int64_t)line * 24;
+    EXPECT_EQ(midi.tracks[1], (std::vector<std::string>{"0 name Far", "268435455 meta 1", "536870910 meta 1",
+                                                        std::to_string(tick) + " on ch0 60 127",
+                                                        std::to_string(tick + 24) + " off ch0 60",
+                                                        std::to_string(tick + 24) + " end"}));
 }
 
 TEST_F(SongExportMidiTest, EmptySongHasOnlyTheTempoTrack) {
