@@ -18,7 +18,8 @@ namespace {
 class PsynthRenderThreadsTest : public PsynthFixture {};
 
 // Builds the same net into `net` for the same seed: `count` modules, sources and effects,
-// each fed by up to three random modules (any slot: cycles included) and some into OUT.
+// each fed by up to three random modules (any slot: cycles included), some into OUT and a
+// few fed by OUT itself.
 std::vector<int> build_net(psynth_net* net, int count, uint32_t seed) {
     const psynth_handler sources[] = {psynth_generator, psynth_kicker, psynth_fm};
     const psynth_handler effects[] = {psynth_amplifier, psynth_distortion, psynth_echo, psynth_filter};
@@ -41,6 +42,10 @@ std::vector<int> build_net(psynth_net* net, int count, uint32_t seed) {
             psynth_add_output_link(src, mods[i], net);
         }
         if (tarvik_random(&seed) % 3 == 0) psynth_make_link(0, mods[i], net);
+        if (i % 23 == 9) {  // OUT as a source, as a hostile file may link it: OUT is planned again
+            psynth_add_input_link(mods[i], 0, net);
+            psynth_add_output_link(0, mods[i], net);
+        }
         if (i % 41 == 3) net->modules[mods[i]].flags |= PSYNTH_FLAG_MUTE;
     }
     net->global_volume = 100;
