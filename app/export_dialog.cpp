@@ -39,7 +39,8 @@ int is_song_file(const char* path) {
     return kind == ZELFON_FILE_SONG || kind == ZELFON_FILE_MODULE;
 }
 
-// The open song again, at `rate`, in a new record (through a temporary song file).
+// The open song again, at `rate`, in a new record (through a temporary song file) that
+// renders on every core.
 zelfon_song* copy_song(studio* st, int rate) {
     if (zelfon_save_song(kCopyFile, ZELFON_VERSION_MAJOR, ZELFON_VERSION_MINOR, st->song)) return nullptr;
     zelfon_song* copy = (zelfon_song*)mem_new(MEM_DYNAMIC, sizeof(zelfon_song), "export_copy");
@@ -47,6 +48,7 @@ zelfon_song* copy_song(studio* st, int rate) {
         copy->midi_kbd_module = -1;
         if (zelfon_load_song(kCopyFile, copy) == 0) {
             v3_remove(kCopyFile);
+            zelfon_set_render_threads(0, copy);  // one per core: the output is the same
             return copy;
         }
         zelfon_song_close(copy);
