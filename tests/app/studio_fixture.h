@@ -134,8 +134,10 @@ protected:
         RtMidiOut keys(RtMidi::UNIX_JACK, "zkeys");
         keys.openVirtualPort("out");
         write_file(dir / "zelfon_config.txt", "midi_kbd zkeys:out\nmidi_kbd_ch 1\n");
+        // The keys wait as long as the studio may run: a loaded machine can take a minute
+        // to bring a sanitizer build's studio to `ready`.
         std::thread player([&] {
-            if (wait_until([&] { return fs::exists(ready); }, 60.0)) play(keys);
+            if (wait_until([&] { return fs::exists(ready); }, kStudioTimeoutSeconds)) play(keys);
         });
         int code = run_studio(script, {}, {"JACK_DEFAULT_SERVER=" + server.name()});
         player.join();
