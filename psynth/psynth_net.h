@@ -188,12 +188,12 @@ struct psynth_module {
 
 struct psynth_pool;
 
-// The render plan of a pass (psynth_render.cpp): the modules as the pass completes them,
-// inputs before outputs, worked out before any sample moves so that helper threads can
-// render the modules whose inputs are ready while the sums keep the plan's order.
 // OUT's mix is rendered in this many jobs, each a part of the buffer's frames.
 constexpr int PSYNTH_OUTPUT_PARTS = 2;
 
+// The render plan of a pass (psynth_render.cpp): the modules as the pass completes them,
+// inputs before outputs, worked out before any sample moves so that helper threads can
+// render the modules whose inputs are ready while the sums keep the plan's order.
 struct psynth_render_plan {
     int* jobs;            // module of each job (OUT may come more than once, in parts)
     uint8_t* states;      // render state each job leaves its module in

@@ -25,9 +25,6 @@ constexpr int kWavHeaderSize = 44;
 constexpr int kWavChannels = 2;
 constexpr int kWavTagPcm = 1;
 constexpr int kWavTagFloat = 3;
-constexpr int kInt16Scale = 8;         // 13.3 fixed point to 16-bit: as the device output
-constexpr int kInt16Max = 32767;       // saturation is symmetric, as the device output
-constexpr float kFloatFullScale = 4096.0f;
 constexpr size_t kWritebackBytes = 4 << 20;  // the disk is asked to write every 4 MB of the mix
 constexpr int kProgressShift = 8;      // progress = (done & ~255) / (total >> 8)
 constexpr int64_t kWavMaxData = 0xFFFFFFFFll - 36;
@@ -121,13 +118,10 @@ static void convert_module_output(const psynth_module* mod, int frames, const wa
         if (start < 0) start = 0;
         if (e->format == ZELFON_EXPORT_FLOAT32) {
             float* dest = (float*)e->convert + c;
-            for (int i = 0; i < frames; i++) dest[i * kWavChannels] = i < start ? 0.0f : buf[i] / kFloatFullScale;
+            for (int i = 0; i < frames; i++) dest[i * kWavChannels] = i < start ? 0.0f : zelfon_sample_to_float(buf[i]);
         } else {
             int16_t* dest = (int16_t*)e->convert + c;
-            for (int i = 0; i < frames; i++) {
-                int v = i < start ? 0 : buf[i] * kInt16Scale;
-                dest[i * kWavChannels] = (int16_t)(v > kInt16Max ? kInt16Max : v < -kInt16Max ? -kInt16Max : v);
-            }
+            for (int i = 0; i < frames; i++) dest[i * kWavChannels] = i < start ? 0 : zelfon_sample_to_int16(buf[i]);
         }
     }
 }

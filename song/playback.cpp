@@ -19,9 +19,6 @@
 
 constexpr int kFrameFracBits = 8;  // tick lengths and the accumulator are in 1/256 frame
 constexpr int kSemitone = 256;     // pitch units per semitone
-constexpr int kFloatFullScale = 4096;
-constexpr int kInt16Scale = 8;     // net units to device units
-constexpr int kInt16Max = 32767;
 constexpr int kStopWaitMs = 2000;
 
 // Where a cell plays: the track's state, its voice id and its note bookkeeping.
@@ -647,8 +644,8 @@ static void write_frames(T* dest, int channels, const psynth_module* out, int fr
 // −32768 .. 32767, and −32768 is then raised to −32767. Returns the first frame not written.
 static int write_int16_stereo_vectors(int16_t* dest, const psynth_sample* left, const psynth_sample* right, int from,
                                       int to) {
-    static_assert(kInt16Scale == 8, "three doublings");
-    const __m128i floor = _mm_set1_epi16(-kInt16Max);
+    static_assert(ZELFON_INT16_SCALE == 8, "three doublings");
+    const __m128i floor = _mm_set1_epi16(-ZELFON_INT16_MAX);
     auto scale = [&](const psynth_sample* p) {
         __m128i v = _mm_loadu_si128((const __m128i*)p);
         v = _mm_adds_epi16(v, v);
@@ -679,17 +676,13 @@ static void write_output(void* data, int from, int to, const psynth_net* net) {
     const psynth_module* out = &net->modules[0];
     const size_t first = (size_t)target->first * (size_t)request->channels;
     if (request->type == ZELFON_SAMPLE_FLOAT32) {
-        write_frames((float*)request->out + first, request->channels, out, from, to,
-                     [](psynth_sample v) { return (float)v / kFloatFullScale; });
+        write_frames((float*)request->out + first, request->channels, out, from, to, zelfon_sample_to_float);
     } else {
         int16_t* dest = (int16_t*)request->out + first;
 #if defined(__SSE2__)
         if (request->channels == 2) from = write_int16_stereo_vectors(dest, channel_source(out, 0), channel_source(out, 1), from, to);
 #endif
-        write_frames(dest, request->channels, out, from, to, [](psynth_sample v) {
-            int x = v * kInt16Scale;
-            return (int16_t)(x > kInt16Max ? kInt16Max : x < -kInt16Max ? -kInt16Max : x);
-        });
+        write_frames(dest, request->channels, out, from, to, zelfon_sample_to_int16);
     }
 }
 

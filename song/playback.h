@@ -13,6 +13,16 @@ enum : int { ZELFON_SAMPLE_INT16 = 1, ZELFON_SAMPLE_FLOAT32 = 2 };
 
 constexpr int ZELFON_RENDER_PIECE = PSYNTH_BUFFER_SIZE;  // frames rendered per net pass at most
 
+// The device formats of a net sample (13.3 fixed point), for the sound device and files alike.
+constexpr int ZELFON_INT16_SCALE = 8;    // net units to 16-bit units
+constexpr int ZELFON_INT16_MAX = 32767;  // saturation is symmetric: −32768 is never produced
+constexpr float ZELFON_FLOAT_FULL_SCALE = 4096.0f;
+inline int16_t zelfon_sample_to_int16(psynth_sample v) {
+    int x = v * ZELFON_INT16_SCALE;
+    return (int16_t)(x > ZELFON_INT16_MAX ? ZELFON_INT16_MAX : x < -ZELFON_INT16_MAX ? -ZELFON_INT16_MAX : x);
+}
+inline float zelfon_sample_to_float(psynth_sample v) { return v / ZELFON_FLOAT_FULL_SCALE; }
+
 struct zelfon_render_request {
     void* out;             // interleaved frames of `type`
     int type;              // ZELFON_SAMPLE_INT16 or ZELFON_SAMPLE_FLOAT32
