@@ -78,6 +78,15 @@ struct builder {
     int pieces_num;
     int first_piece[TRACKER_MAX_PATTERNS];
     int line;
+    uint8_t row_content[TRACKER_MAX_PATTERNS][TRACKER_MAX_ROWS];  // row_content_bits of each row
+};
+
+// What a row holds, found once per pattern: the unroll passes a row once for every time
+// the song plays it (thousands of times in a looped song) and skips what is not there.
+enum row_content_bits : uint8_t {
+    ROW_CELLS = 1,  // a note, an instrument or an effect in some cell
+    ROW_FLOW = 2,   // a break, jump, stop or pattern loop
+    ROW_SPEED = 4,  // a speed or tempo for the song
 };
 
 // The flow a row asks for, read before its cells are converted.
@@ -439,13 +448,40 @@ void convert_cell(builder* b, int c, const tracker_cell* tc, zelfon_cell* dest, 
 
 // ---- Flow ----
 
+const tracker_cell* row_cells(const tracker_module* m, int p, int row) { return &m->patterns[p].cells[row * m->channels]; }
+
+// A cell with no note, instrument or effect converts to an empty cell and leaves its
+// channel as it was.
+bool cell_is_empty(const tracker_cell* tc) { return !tc->note && !tc->instrument && !tc->fx[0].kind && !tc->fx[1].kind; }
+
+void find_row_contents(builder* b) {
+    const tracker_module* m = b->m;
+    for (int p = 0; p < m->patterns_num; p++) {
+        if (!m->patterns[p].cells) continue;
+        for (int row = 0; row < m->patterns[p].rows; row++) {
+            const tracker_cell* cells = row_cells(m, p, row);
+            uint8_t content = 0;
+            for (int c = 0; c < m->channels; c++) {
+                if (!cell_is_empty(&cells[c])) content |= ROW_CELLS;
+                for (const tracker_fx_slot& fx : cells[c].fx) {
+                    bool stop = fx.kind == TFX_SPEED && fx.param == 0;
+                    if (stop || fx.kind == TFX_BREAK || fx.kind == TFX_JUMP || fx.kind == TFX_PATTERN_LOOP) content |= ROW_FLOW;
+                    if ((fx.kind == TFX_SPEED && fx.param) || fx.kind == TFX_TEMPO) content |= ROW_SPEED;
+                }
+            }
+            b->row_content[p][row] = content;
+        }
+    }
+}
+
 // Reads the row's breaks, jumps and pattern loops.
 row_flow read_row_flow(builder* b, int p, int row) {
     row_flow f = {-1, -1, -1, false};
+    if (!(b->row_content[p][row] & ROW_FLOW)) return f;
+    const tracker_cell* cells = row_cells(b->m, p, row);
     for (int c = 0; c < b->m->channels; c++) {
-        const tracker_cell* tc = tracker_cell_at(b->m, p, row, c);
         channel_state* cs = &b->ch[c];
-        for (const tracker_fx_slot& fx : tc->fx) {
+        for (const tracker_fx_slot& fx : cells[c].fx) {
             switch (fx.kind) {
             case TFX_BREAK: f.break_row = fx.param; break;
             case TFX_JUMP: f.jump_order = fx.param; f.break_row = -1; break;
@@ -492,19 +528,24 @@ void place_tempo(builder* b, zelfon_cell* line, int own_track, int value) {
 
 void convert_row(builder* b, int p, int row, zelfon_cell* line) {
     tracker_module* m = b->m;
-    for (int c = 0; c < m->channels; c++) {
-        for (const tracker_fx_slot& fx : tracker_cell_at(m, p, row, c)->fx) {
-            if (fx.kind == TFX_SPEED && fx.param) b->speed = fx.param;
+    uint8_t content = b->row_content[p][row];
+    if (!(content & ROW_CELLS)) return;  // the new line is empty already, no channel changes
+    const tracker_cell* cells = row_cells(m, p, row);
+    if (content & ROW_SPEED) {
+        for (int c = 0; c < m->channels; c++) {
+            for (const tracker_fx_slot& fx : cells[c].fx) {
+                if (fx.kind == TFX_SPEED && fx.param) b->speed = fx.param;
+            }
         }
     }
     zelfon_cell scratch;
     for (int c = 0; c < m->channels; c++) {
         int t = b->track_of[c];
-        if (t >= 0) convert_cell(b, c, tracker_cell_at(m, p, row, c), line ? &line[t] : &scratch, line != nullptr);
+        if (t >= 0 && !cell_is_empty(&cells[c])) convert_cell(b, c, &cells[c], line ? &line[t] : &scratch, line != nullptr);
     }
-    if (!line) return;
+    if (!line || !(content & ROW_SPEED)) return;
     for (int c = 0; c < m->channels; c++) {
-        for (const tracker_fx_slot& fx : tracker_cell_at(m, p, row, c)->fx) {
+        for (const tracker_fx_slot& fx : cells[c].fx) {
             if ((fx.kind == TFX_SPEED && fx.param) || fx.kind == TFX_TEMPO) place_tempo(b, line, b->track_of[c], fx.param);
         }
     }
@@ -646,6 +687,7 @@ int tracker_build_song(tracker_module* m, zelfon_song* song) {
     }
     if (code == 0) {
         mem_zero(visited);
+        find_row_contents(b);
         code = unroll_song(b, visited);
     }
     zelfon_sort_patterns(song);

@@ -420,10 +420,11 @@ void zelfon_sort_patterns(zelfon_song* song) {
     }
     // The order of a stable sort by (x, end): slots with equal keys keep their slot order.
     // (A bubble sort gives the same order, but a file of thousands of patterns would wait
-    // for it.)
-    std::sort(song->sorted_pats, song->sorted_pats + count, [song](int a, int b) {
-        return plays_after(b, a, song) || (!plays_after(a, b, song) && a < b);
-    });
+    // for it.) Slots filled along the timeline, as an import fills them, are in order already.
+    auto plays_first = [song](int a, int b) { return plays_after(b, a, song) || (!plays_after(a, b, song) && a < b); };
+    if (!std::is_sorted(song->sorted_pats, song->sorted_pats + count, plays_first)) {
+        std::sort(song->sorted_pats, song->sorted_pats + count, plays_first);
+    }
     song->sorted_pats_count = count;
     song->song_lines = song_lines > INT_MAX ? INT_MAX : (int)song_lines;
 }
