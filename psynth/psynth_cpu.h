@@ -18,4 +18,5 @@ struct psynth_lanes {
     typedef int32_t i32 __attribute__((vector_size(4 * N)));
     typedef uint32_t u32 __attribute__((vector_size(4 * N)));
     typedef int16_t i16 __attribute__((vector_size(2 * N)));
+    typedef uint16_t u16 __attribute__((vector_size(2 * N)));
 };

@@ -3,6 +3,8 @@
 // integer samples also come in lanes of 4 (SSE2) or 8 frames (AVX2, chosen at run time).
 #include "psynth/sampler_mix.h"
 
+#include <immintrin.h>
+
 #include <cmath>
 #include <cstring>
 #include <type_traits>
@@ -95,43 +97,143 @@ void mix_frames(psynth_sampler_mix_run* r) {
 
 // ---- Lanes of frames ----
 
-// The lane helpers are always inlined: no vector crosses a call, whatever the target.
+// The lane helpers are inlined: no vector crosses a call, whatever the target.
 #pragma GCC diagnostic ignored "-Wpsabi"
 
-// floor(gain · value / 2^18) in 32-bit lanes, exact for any 32-bit gain and 16-bit value:
-// gain = high · 2^15 + low, so gain · value = (high · value + (low · value >> 15)) · 2^15
-// plus a remainder below 2^15, which the last shift by 3 cannot see.
-constexpr int kGainSplitBits = 15;
-constexpr int kGainLowMask = (1 << kGainSplitBits) - 1;
-static_assert(kMixBits - kGainSplitBits == 3);
-
-template <class V>
-__attribute__((always_inline)) inline V mix_lanes(V gain, V value) {
-    V high = gain >> kGainSplitBits;
-    V low = gain & kGainLowMask;
-    return (high * value + ((low * value) >> kGainSplitBits)) >> (kMixBits - kGainSplitBits);
+// Σ of the products of the 16-bit halves of a and b in each 32-bit lane (pmaddwd).
+template <int N>
+typename psynth_lanes<N>::i32 madd_halves(typename psynth_lanes<N>::i32 a, typename psynth_lanes<N>::i32 b);
+// Not always_inline: the AVX2 kernels are flattened and take it in, while the lambda that
+// calls it has a baseline copy of its own that may not.
+template <>
+__attribute__((target("avx2"))) inline psynth_lanes<8>::i32 madd_halves<8>(psynth_lanes<8>::i32 a, psynth_lanes<8>::i32 b) {
+    return (psynth_lanes<8>::i32)_mm256_madd_epi16((__m256i)a, (__m256i)b);
+}
+template <>
+__attribute__((always_inline)) inline psynth_lanes<4>::i32 madd_halves<4>(psynth_lanes<4>::i32 a, psynth_lanes<4>::i32 b) {
+    return (psynth_lanes<4>::i32)_mm_madd_epi16((__m128i)a, (__m128i)b);
 }
 
+// floor((volume >> 7) · value / 2^18) in 32-bit lanes, exact for any 32-bit volume and
+// 16-bit value: the gain (volume >> 7) is high · 2^15 + low, high of 10 bits and low of 15,
+// so gain · value = (high · value + (low · value >> 15)) · 2^15 plus a remainder below
+// 2^15, which the last shift by 3 cannot see. Both products are of 16-bit halves.
+constexpr int kGainSplitBits = 15;
+constexpr int kGainLowMask = (1 << kGainSplitBits) - 1;
+static_assert(kMixBits - kGainSplitBits == 3 && 32 - kMixGainBits - kGainSplitBits <= 16);
+
 template <int N>
-__attribute__((always_inline)) inline void add_lanes(psynth_sample* out, typename psynth_lanes<N>::i32 mixed) {
-    typename psynth_lanes<N>::i16 o;
-    memcpy(&o, out, sizeof(o));
-    // 16-bit wrap-around, as psynth_add_wrap: the sum is formed in 32 bits and truncated.
-    o = __builtin_convertvector(__builtin_convertvector(o, typename psynth_lanes<N>::i32) + mixed, typename psynth_lanes<N>::i16);
-    memcpy(out, &o, sizeof(o));
+__attribute__((always_inline)) inline typename psynth_lanes<N>::i32 mix_lanes(typename psynth_lanes<N>::i32 volume,
+                                                                             typename psynth_lanes<N>::i32 value) {
+    typedef typename psynth_lanes<N>::i32 V;
+    const V gain = volume >> kMixGainBits;
+    const V value16 = value & 0xFFFF;  // its upper halves are 0, and so are their products
+    const V high = madd_halves<N>(gain >> kGainSplitBits, value16);
+    const V low = madd_halves<N>(gain & kGainLowMask, value16);
+    return (high + (low >> kGainSplitBits)) >> (kMixBits - kGainSplitBits);
+}
+
+// Adds both sides' mixed lanes into their outputs with psynth_add_wrap's 16-bit
+// wrap-around. Sums of 16-bit truncations wrap as the truncated sum does, in any order, so
+// one output shared by both sides takes the two at once.
+template <int N>
+__attribute__((always_inline)) inline void add_sides(psynth_sample* dl, psynth_sample* dr, typename psynth_lanes<N>::i32 left,
+                                                     typename psynth_lanes<N>::i32 right) {
+    typedef typename psynth_lanes<N>::u16 W;
+    const W l = __builtin_convertvector(left, W), r = __builtin_convertvector(right, W);
+    W o;
+    memcpy(&o, dl, sizeof(o));
+    if (dl == dr) {
+        o += l + r;
+        memcpy(dl, &o, sizeof(o));
+        return;
+    }
+    o += l;
+    memcpy(dl, &o, sizeof(o));
+    memcpy(&o, dr, sizeof(o));
+    o += r;
+    memcpy(dr, &o, sizeof(o));
 }
 
 // Position arithmetic runs in 32-bit lanes from the run's first whole frame; runs whose
 // positions would leave that range go to the scalar kernel.
 constexpr int64_t kLanePositionLimit = (int64_t)1 << 30;
 
+// The lanes' frames of each side: with interpolation the (current, next) values as the
+// 16-bit halves of each lane (8-bit values scaled to 16 bits fit too), for a multiply-add
+// by the weights; without, the current values.
+template <int N>
+struct lane_frames {
+    typename psynth_lanes<N>::i32 cur_l, cur_r;
+    typename psynth_lanes<N>::i32 pairs_l, pairs_r;
+};
+
+template <int N>
+__attribute__((always_inline)) inline typename psynth_lanes<N>::i32 halves(typename psynth_lanes<N>::i32 low,
+                                                                          typename psynth_lanes<N>::i32 high) {
+    return (low & 0xFFFF) | (high << 16);
+}
+
+// Loads the frames of the first `valid` lanes from position q on (walked by `step`); the
+// other lanes read the run's first frame, which is always inside the sample.
+template <class T, int CH, bool INTERP, int N>
+__attribute__((always_inline)) inline lane_frames<N> load_lanes(const T* s, int64_t* q, int64_t step, int valid) {
+    typedef typename psynth_lanes<N>::i32 V;
+    typedef typename psynth_lanes<N>::u32 U;
+    lane_frames<N> v = {};
+    if constexpr (sizeof(T) == 2 && (INTERP || CH == 2)) {
+        // 16-bit frames are loaded 32 bits at a time: (current, next) of a mono sample,
+        // (left, right) of a stereo frame.
+        V a, b;
+        for (int j = 0; j < N; j++) {
+            const T* at = j < valid ? s + (*q >> kFracBits) * CH : s;
+            if (j < valid) *q += step;
+            if constexpr (CH == 2 && INTERP) {
+                int64_t w;  // both frames at once
+                memcpy(&w, at, sizeof(w));
+                a[j] = (int32_t)w;
+                b[j] = (int32_t)(w >> 32);
+            } else {
+                int32_t w;
+                memcpy(&w, at, sizeof(w));
+                a[j] = w;
+            }
+        }
+        if constexpr (CH == 1) {
+            v.pairs_l = a;
+        } else if constexpr (INTERP) {
+            v.pairs_l = halves<N>(a, b);
+            v.pairs_r = (V)((U)a >> 16) | (b & (int32_t)0xFFFF0000);
+        } else {
+            v.cur_l = (a << 16) >> 16;
+            v.cur_r = a >> 16;
+        }
+    } else {
+        V next_l, next_r;
+        for (int j = 0; j < N; j++) {
+            const T* at = j < valid ? s + (*q >> kFracBits) * CH : s;
+            if (j < valid) *q += step;
+            v.cur_l[j] = int_value(at[0]);
+            if constexpr (INTERP) next_l[j] = int_value(at[CH]);
+            if constexpr (CH == 2) {
+                v.cur_r[j] = int_value(at[1]);
+                if constexpr (INTERP) next_r[j] = int_value(at[CH + 1]);
+            }
+        }
+        if constexpr (INTERP) {
+            v.pairs_l = halves<N>(v.cur_l, next_l);
+            if constexpr (CH == 2) v.pairs_r = halves<N>(v.cur_r, next_r);
+        }
+    }
+    return v;
+}
+
 template <class T, int CH, bool INTERP, bool RAMP, int N>
 __attribute__((always_inline)) inline void mix_forward_lanes(psynth_sampler_mix_run* r) {
     typedef typename psynth_lanes<N>::i32 V;
     const int count = r->count;
     const int64_t step = r->step;
-    const int full = count / N * N;
-    if (full == 0 || step < 0 || (r->pos & kFracMask) + step * count >= kLanePositionLimit) {
+    if (step < 0 || (r->pos & kFracMask) + step * count >= kLanePositionLimit) {
         mix_frames<T, CH, INTERP, RAMP, false>(r);
         return;
     }
@@ -147,79 +249,41 @@ __attribute__((always_inline)) inline void mix_forward_lanes(psynth_sampler_mix_
     psynth_sample* out_l = r->out[0];
     psynth_sample* out_r = r->out[1];
     int64_t q = r->pos & kFracMask;  // the lanes' positions, walked one by one for the loads
-    for (int f = 0; f < full; f += N) {
-        V cur_l, next_l, cur_r, next_r;
-        if constexpr (sizeof(T) == 2 && (INTERP || CH == 2)) {
-            // 16-bit frames are loaded in pairs of values: (current, next) of a mono
-            // sample, (left, right) of a stereo frame; the halves are split in the lanes.
-            V a, b;
-            for (int j = 0; j < N; j++, q += step) {
-                const T* at = s + (q >> kFracBits) * CH;
-                if constexpr (CH == 2 && INTERP) {
-                    int64_t w;  // both frames at once
-                    memcpy(&w, at, sizeof(w));
-                    a[j] = (int32_t)w;
-                    b[j] = (int32_t)(w >> 32);
-                } else {
-                    int32_t w;
-                    memcpy(&w, at, sizeof(w));
-                    a[j] = w;
-                }
-            }
-            const V a_low = (a << 16) >> 16, a_high = a >> 16;
-            if constexpr (CH == 1) {
-                cur_l = a_low;
-                next_l = a_high;
-            } else {
-                cur_l = a_low;
-                cur_r = a_high;
-                if constexpr (INTERP) {
-                    next_l = (b << 16) >> 16;
-                    next_r = b >> 16;
-                }
-            }
-        } else {
-            for (int j = 0; j < N; j++, q += step) {
-                const T* at = s + (q >> kFracBits) * CH;
-                cur_l[j] = int_value(at[0]);
-                if constexpr (INTERP) next_l[j] = int_value(at[CH]);
-                if constexpr (CH == 2) {
-                    cur_r[j] = int_value(at[1]);
-                    if constexpr (INTERP) next_r[j] = int_value(at[CH + 1]);
-                }
-            }
-        }
-        V left = cur_l, right = cur_l;  // mono feeds both sides
-        if constexpr (CH == 2) right = cur_r;
+    // Mixes the next N frames (the first `valid` of them real) into dl and dr.
+    auto mix_lane_frames = [&](int valid, psynth_sample* dl, psynth_sample* dr) __attribute__((always_inline)) {
+        const lane_frames<N> v = load_lanes<T, CH, INTERP, N>(s, &q, step, valid);
+        V left = v.cur_l, right = v.cur_r;
         if constexpr (INTERP) {
             const V w1 = (rel & (int32_t)kFracMask) >> kFracToWeightBits;
             const V w0 = kWeightMax - w1;
-            left = (next_l * w1 + cur_l * w0) >> kWeightBits;
-            if constexpr (CH == 2) right = (next_r * w1 + cur_r * w0) >> kWeightBits;
+            const V weights = w0 | (w1 << 16);  // both below 2^15: the sums stay in 32 bits
+            left = madd_halves<N>(v.pairs_l, weights) >> kWeightBits;
+            if constexpr (CH == 2) right = madd_halves<N>(v.pairs_r, weights) >> kWeightBits;
         }
-        if constexpr (CH == 1) right = left;
-        add_lanes<N>(out_l + f, mix_lanes(vl >> kMixGainBits, left));
-        // After the left store: with one output channel both sides land in the same buffer.
-        add_lanes<N>(out_r + f, mix_lanes(vr >> kMixGainBits, right));
+        if constexpr (CH == 1) right = left;  // mono feeds both sides
+        add_sides<N>(dl, dr, mix_lanes<N>(vl, left), mix_lanes<N>(vr, right));
         rel += lanes_step;
         if constexpr (RAMP) {
             vl += il * N;
             vr += ir * N;
         }
+    };
+    int f = 0;
+    for (; f + N <= count; f += N) mix_lane_frames(N, out_l + f, out_r + f);
+    // The last frames are mixed in lanes too, into a copy of their outputs.
+    if (const int rest = count - f) {
+        psynth_sample tail_l[N], tail_r[N];
+        psynth_sample* tr = out_r == out_l ? tail_l : tail_r;
+        memcpy(tail_l, out_l + f, sizeof(psynth_sample) * rest);
+        memcpy(tr, out_r + f, sizeof(psynth_sample) * rest);
+        mix_lane_frames(rest, tail_l, tr);
+        memcpy(out_l + f, tail_l, sizeof(psynth_sample) * rest);
+        memcpy(out_r + f, tr, sizeof(psynth_sample) * rest);
     }
-    // The remaining frames go through the scalar kernel from where the lanes stopped.
-    psynth_sampler_mix_run rest = *r;
-    rest.pos = r->pos + step * full;
-    rest.count = count - full;
     if constexpr (RAMP) {
-        rest.volume[0] = r->volume[0] + il * full;
-        rest.volume[1] = r->volume[1] + ir * full;
+        r->volume[0] = (int32_t)((uint32_t)r->volume[0] + (uint32_t)il * (uint32_t)count);
+        r->volume[1] = (int32_t)((uint32_t)r->volume[1] + (uint32_t)ir * (uint32_t)count);
     }
-    rest.out[0] = out_l + full;
-    rest.out[1] = out_r + full;
-    mix_frames<T, CH, INTERP, RAMP, false>(&rest);
-    r->volume[0] = rest.volume[0];
-    r->volume[1] = rest.volume[1];
 }
 
 constexpr int kSse2Lanes = 4;
@@ -231,7 +295,7 @@ void mix_forward_sse2(psynth_sampler_mix_run* r) {
 }
 
 template <class T, int CH, bool INTERP, bool RAMP>
-__attribute__((target("avx2"))) void mix_forward_avx2(psynth_sampler_mix_run* r) {
+__attribute__((target("avx2"), flatten)) void mix_forward_avx2(psynth_sampler_mix_run* r) {
     mix_forward_lanes<T, CH, INTERP, RAMP, kAvx2Lanes>(r);
 }
 

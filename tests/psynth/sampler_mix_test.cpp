@@ -1,7 +1,8 @@
 // The Sampler's SIMD mixing kernels against the scalar ones: for every integer format,
-// channel count, interpolation and ramp setting, runs of random lengths, positions, steps
-// and volumes (gains far beyond a real record's included) must leave exactly the same
-// samples in both outputs, one output shared by both sides, and the same final volumes.
+// channel count, interpolation and ramp setting, runs of random lengths (shorter than one
+// pass of lanes too), positions, steps and volumes (gains far beyond a real record's
+// included) must leave exactly the same samples in both outputs, one output shared by
+// both sides, and the same final volumes.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -25,8 +26,8 @@ struct mix_case {
     psynth_sampler_mix_run run;
 };
 
-// A run that stays inside the sample: `count` frames from `pos` at `step`.
-mix_case make_case(int bytes, int channels, bool shared_out, uint32_t* seed) {
+// A run that stays inside the sample: 1..max_count frames from `pos` at `step`.
+mix_case make_case(int bytes, int channels, bool shared_out, int max_count, uint32_t* seed) {
     mix_case c;
     c.frames.resize((size_t)kFrames * bytes * channels);
     for (auto& b : c.frames) b = (uint8_t)random32(seed);
@@ -38,12 +39,13 @@ mix_case make_case(int bytes, int channels, bool shared_out, uint32_t* seed) {
     }
     psynth_sampler_mix_run& r = c.run;
     r.frames = c.frames.data();
-    r.count = 1 + (int)(random32(seed) % (kOut - 1));
+    r.count = 1 + (int)(random32(seed) % (uint32_t)max_count);
     int64_t max_step = ((int64_t)(kFrames - 2) << 16) / r.count;
     r.step = (int64_t)(random32(seed) % (uint32_t)(max_step < (3 << 16) ? max_step : (3 << 16)));
     if (random32(seed) % 8 == 0) r.step = max_step;  // long strides
     int64_t span = r.step * r.count;
     r.pos = (int64_t)(random32(seed) % (uint32_t)(((int64_t)(kFrames - 2) << 16) - span + 1));
+    if (random32(seed) % 4 == 0) r.pos = ((int64_t)(kFrames - 2) << 16) - r.step * (r.count - 1);  // ends on the last two frames
     for (int ch = 0; ch < 2; ch++) {
         bool wild = random32(seed) % 4 == 0;  // volumes a garbage record could give
         r.volume[ch] = wild ? (int32_t)random32(seed) / 2 : (int32_t)(random32(seed) % (1u << 30));
@@ -81,7 +83,8 @@ TEST(SamplerMixTest, SimdKernelsGiveExactlyTheScalarIntegers) {
                     psynth_sampler_mix_kernels(format, channels, interp, isa, simd);
                     for (int ramp = 0; ramp < 2; ramp++) {
                         for (int n = 0; n < 60; n++) {
-                            mix_case want = make_case(bytes, channels, n % 5 == 0, &seed);
+                            // Every third run is short: a part of one pass of lanes, or a pass and a part.
+                            mix_case want = make_case(bytes, channels, n % 5 == 0, n % 3 == 0 ? 20 : kOut - 1, &seed);
                             mix_case got = want;
                             got.run.frames = got.frames.data();
                             got.run.out[0] = got.left.data();
