@@ -1,6 +1,7 @@
-// Cost of importing an XM file of about 1 MB: 32 channels, 40 patterns of 64 rows with a
-// note and an effect in most cells, 128 orders (most of them repeats, so clones), and 16
-// instruments of 16-bit samples. The file is made in memory by the test writers.
+// Cost of importing XM files made in memory by the test writers: one of about 1 MB (32
+// channels, 40 patterns of 64 rows with a note and an effect in most cells, 128 orders, most
+// of them repeats, so clones, and 16 instruments of 16-bit samples), and a small one whose
+// nested pattern loops unroll into the longest song an import makes.
 #include <benchmark/benchmark.h>
 
 #include "engine/file.h"
@@ -55,11 +56,45 @@ tw_bytes big_xm() {
     return tw_write_xm(s);
 }
 
-void BM_ImportXm(benchmark::State& state) {
+// One pattern of 256 rows, a note every fourth row in each of 32 channels, and loops nested
+// four deep (rows 0–3, 0–15, 0–63 and 0–255, sixteen times each): 16^4 passes of its rows
+// would be far more than an import lays out.
+tw_bytes looped_xm() {
+    tw_song s;
+    s.name = "Nested loops";
+    s.channels = kChannels;
+    s.rows = 256;
+    s.orders = {0};
+    const int loop_ends[] = {3, 15, 63, 255};
+    for (int row = 0; row < s.rows; row++) {
+        for (int ch = 0; ch < kChannels; ch++) {
+            tw_cell cell{0, row, ch};
+            if (row % 4 == 0) {
+                cell.note = 37 + (row / 4 + ch) % 24;
+                cell.instrument = 1;
+            }
+            if (ch < 4 && row == 0) cell.effect = 0xE, cell.param = 0x60;                 // loop start
+            if (ch < 4 && row == loop_ends[ch]) cell.effect = 0xE, cell.param = 0x6F;     // back 15 times
+            s.cells.push_back(cell);
+        }
+    }
+    tw_sample smp;
+    smp.name = "Sine";
+    smp.frames = tw_sine(64, 20000);
+    smp.loop = TW_LOOP_FORWARD;
+    smp.loop_length = 64;
+    s.samples.push_back(smp);
+    tw_instrument ins;
+    ins.name = "Sine";
+    ins.samples = {0};
+    s.instruments.push_back(ins);
+    return tw_write_xm(s);
+}
+
+void import_file(benchmark::State& state, const tw_bytes& file) {
     mem_init();
     v3_init();
     tarvik_log_disable(1);
-    tw_bytes file = big_xm();
     zelfon_song song;
     if (zelfon_song_init(0, 44100, &song)) state.SkipWithError("no song");
     zelfon_import_report report;
@@ -75,6 +110,11 @@ void BM_ImportXm(benchmark::State& state) {
     mem_free_all();
     mem_deinit();
 }
+
+void BM_ImportXm(benchmark::State& state) { import_file(state, big_xm()); }
+void BM_ImportLoopedXm(benchmark::State& state) { import_file(state, looped_xm()); }
+
 BENCHMARK(BM_ImportXm)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_ImportLoopedXm)->Unit(benchmark::kMillisecond);
 
 }  // namespace
