@@ -16,8 +16,6 @@
 
 namespace {
 
-constexpr int kChannels = PSYNTH_SAMPLER_MIX_CHANNELS;
-
 // Play positions and steps are 16.16 fixed point: whole frames and a 16-bit fraction.
 constexpr int kFracBits = PSYNTH_STEP_FRAC_BITS;
 constexpr int64_t kFracMask = ((int64_t)1 << kFracBits) - 1;
@@ -62,6 +60,10 @@ inline int32_t mix_value(int32_t gain, float value) {
     return (int32_t)std::lround(x);
 }
 
+// A volume one ramp step on. Sums wrap rather than overflow: a garbage ramp may leave 32
+// bits, and the lanes' steps over several frames may where the frames' own do not.
+inline int32_t ramp_step(int32_t volume, int64_t inc) { return (int32_t)((uint32_t)volume + (uint32_t)inc); }
+
 template <class T, int CH, bool INTERP, bool RAMP, bool BACK>
 void mix_frames(psynth_sampler_mix_run* r) {
     const T* s = (const T*)r->frames;
@@ -77,8 +79,8 @@ void mix_frames(psynth_sampler_mix_run* r) {
         const T* at = s + (p >> kFracBits) * CH;
         const int32_t w1 = (int32_t)(p & kFracMask) >> kFracToWeightBits;
         if constexpr (RAMP) {
-            vl += il;
-            vr += ir;
+            vl = ramp_step(vl, il);
+            vr = ramp_step(vr, ir);
             gl = vl >> kMixGainBits;
             gr = vr >> kMixGainBits;
         }
@@ -100,18 +102,21 @@ void mix_frames(psynth_sampler_mix_run* r) {
 // The lane helpers are inlined: no vector crosses a call, whatever the target.
 #pragma GCC diagnostic ignored "-Wpsabi"
 
-// Σ of the products of the 16-bit halves of a and b in each 32-bit lane (pmaddwd).
+// Σ of the products of the 16-bit halves of a and b in each 32-bit lane (pmaddwd) into *sum.
 template <int N>
-typename psynth_lanes<N>::i32 madd_halves(typename psynth_lanes<N>::i32 a, typename psynth_lanes<N>::i32 b);
-// Not always_inline: the AVX2 kernels are flattened and take it in, while the lambda that
-// calls it has a baseline copy of its own that may not.
+void madd_halves(const typename psynth_lanes<N>::i32& a, const typename psynth_lanes<N>::i32& b, typename psynth_lanes<N>::i32* sum);
 template <>
-__attribute__((target("avx2"))) inline psynth_lanes<8>::i32 madd_halves<8>(psynth_lanes<8>::i32 a, psynth_lanes<8>::i32 b) {
-    return (psynth_lanes<8>::i32)_mm256_madd_epi16((__m256i)a, (__m256i)b);
+__attribute__((always_inline)) inline void madd_halves<4>(const psynth_lanes<4>::i32& a, const psynth_lanes<4>::i32& b,
+                                                          psynth_lanes<4>::i32* sum) {
+    *sum = (psynth_lanes<4>::i32)_mm_madd_epi16((__m128i)a, (__m128i)b);
 }
+// The AVX2 one is called from the baseline helpers that the AVX2 kernels inline, so it
+// takes no vector by value, and it is not always_inline: the kernels are flattened, which
+// takes it in once they hold the helpers.
 template <>
-__attribute__((always_inline)) inline psynth_lanes<4>::i32 madd_halves<4>(psynth_lanes<4>::i32 a, psynth_lanes<4>::i32 b) {
-    return (psynth_lanes<4>::i32)_mm_madd_epi16((__m128i)a, (__m128i)b);
+__attribute__((target("avx2"))) inline void madd_halves<8>(const psynth_lanes<8>::i32& a, const psynth_lanes<8>::i32& b,
+                                                           psynth_lanes<8>::i32* sum) {
+    *sum = (psynth_lanes<8>::i32)_mm256_madd_epi16((__m256i)a, (__m256i)b);
 }
 
 // floor((volume >> 7) · value / 2^18) in 32-bit lanes, exact for any 32-bit volume and
@@ -128,8 +133,9 @@ __attribute__((always_inline)) inline typename psynth_lanes<N>::i32 mix_lanes(ty
     typedef typename psynth_lanes<N>::i32 V;
     const V gain = volume >> kMixGainBits;
     const V value16 = value & 0xFFFF;  // its upper halves are 0, and so are their products
-    const V high = madd_halves<N>(gain >> kGainSplitBits, value16);
-    const V low = madd_halves<N>(gain & kGainLowMask, value16);
+    V high, low;
+    madd_halves<N>(gain >> kGainSplitBits, value16, &high);
+    madd_halves<N>(gain & kGainLowMask, value16, &low);
     return (high + (low >> kGainSplitBits)) >> (kMixBits - kGainSplitBits);
 }
 
@@ -156,7 +162,8 @@ __attribute__((always_inline)) inline void add_sides(psynth_sample* dl, psynth_s
 }
 
 // Position arithmetic runs in 32-bit lanes from the run's first whole frame; runs whose
-// positions would leave that range go to the scalar kernel.
+// lanes' positions (up to the end of their last pass) would leave that range go to the
+// scalar kernel.
 constexpr int64_t kLanePositionLimit = (int64_t)1 << 30;
 
 // The lanes' frames of each side: with interpolation the (current, next) values as the
@@ -231,9 +238,11 @@ __attribute__((always_inline)) inline lane_frames<N> load_lanes(const T* s, int6
 template <class T, int CH, bool INTERP, bool RAMP, int N>
 __attribute__((always_inline)) inline void mix_forward_lanes(psynth_sampler_mix_run* r) {
     typedef typename psynth_lanes<N>::i32 V;
+    typedef typename psynth_lanes<N>::u32 U;
     const int count = r->count;
     const int64_t step = r->step;
-    if (step < 0 || (r->pos & kFracMask) + step * count >= kLanePositionLimit) {
+    const int covered = (count + N - 1) / N * N;
+    if (step < 0 || (r->pos & kFracMask) + step * covered >= kLanePositionLimit) {
         mix_frames<T, CH, INTERP, RAMP, false>(r);
         return;
     }
@@ -244,8 +253,9 @@ __attribute__((always_inline)) inline void mix_forward_lanes(psynth_sampler_mix_
     const int32_t lanes_step = (int32_t)step * N;
     const int32_t il = r->inc[0], ir = r->inc[1];
     // Frame f mixes at volume + (f + 1) · increment when the ramp runs (it steps before the frame).
-    V vl = r->volume[0] + (RAMP ? (lane + 1) * il : lane * 0);
-    V vr = r->volume[1] + (RAMP ? (lane + 1) * ir : lane * 0);
+    const U ramp_lanes = RAMP ? (U)(lane + 1) : (U)(lane * 0);
+    U vl = (uint32_t)r->volume[0] + ramp_lanes * (uint32_t)il;  // unsigned: see ramp_step
+    U vr = (uint32_t)r->volume[1] + ramp_lanes * (uint32_t)ir;
     psynth_sample* out_l = r->out[0];
     psynth_sample* out_r = r->out[1];
     int64_t q = r->pos & kFracMask;  // the lanes' positions, walked one by one for the loads
@@ -257,15 +267,19 @@ __attribute__((always_inline)) inline void mix_forward_lanes(psynth_sampler_mix_
             const V w1 = (rel & (int32_t)kFracMask) >> kFracToWeightBits;
             const V w0 = kWeightMax - w1;
             const V weights = w0 | (w1 << 16);  // both below 2^15: the sums stay in 32 bits
-            left = madd_halves<N>(v.pairs_l, weights) >> kWeightBits;
-            if constexpr (CH == 2) right = madd_halves<N>(v.pairs_r, weights) >> kWeightBits;
+            madd_halves<N>(v.pairs_l, weights, &left);
+            left >>= kWeightBits;
+            if constexpr (CH == 2) {
+                madd_halves<N>(v.pairs_r, weights, &right);
+                right >>= kWeightBits;
+            }
         }
         if constexpr (CH == 1) right = left;  // mono feeds both sides
-        add_sides<N>(dl, dr, mix_lanes<N>(vl, left), mix_lanes<N>(vr, right));
+        add_sides<N>(dl, dr, mix_lanes<N>((V)vl, left), mix_lanes<N>((V)vr, right));
         rel += lanes_step;
         if constexpr (RAMP) {
-            vl += il * N;
-            vr += ir * N;
+            vl += (uint32_t)il * N;
+            vr += (uint32_t)ir * N;
         }
     };
     int f = 0;
@@ -281,8 +295,8 @@ __attribute__((always_inline)) inline void mix_forward_lanes(psynth_sampler_mix_
         memcpy(out_r + f, tr, sizeof(psynth_sample) * rest);
     }
     if constexpr (RAMP) {
-        r->volume[0] = (int32_t)((uint32_t)r->volume[0] + (uint32_t)il * (uint32_t)count);
-        r->volume[1] = (int32_t)((uint32_t)r->volume[1] + (uint32_t)ir * (uint32_t)count);
+        r->volume[0] = ramp_step(r->volume[0], (int64_t)il * count);
+        r->volume[1] = ramp_step(r->volume[1], (int64_t)ir * count);
     }
 }
 

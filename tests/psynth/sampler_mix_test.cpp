@@ -52,6 +52,13 @@ mix_case make_case(int bytes, int channels, bool shared_out, int max_count, uint
         int32_t room = wild ? 1 << 20 : (1 << 24) / r.count;
         r.inc[ch] = (int32_t)(random32(seed) % (2u * (uint32_t)room)) - room;
     }
+    if (r.count == 1 && random32(seed) % 2) {
+        // One frame of a garbage record: a stride of thousands of frames and a ramp that
+        // would leave 32 bits within a pass of lanes.
+        r.step = (int64_t)1 << 29;
+        r.inc[0] = 1 << 30;
+        r.inc[1] = -(1 << 30);
+    }
     r.out[0] = c.left.data();
     r.out[1] = shared_out ? c.left.data() : c.right.data();
     return c;
