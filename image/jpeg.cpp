@@ -14,8 +14,12 @@
 
 namespace {
 
-// Largest pixel buffer we accept: a JPEG header may claim 65500 × 65500 pixels.
-constexpr size_t kMaxPixelBytes = (size_t)1 << 30;
+// Largest pixel buffer we accept, 85 million RGB pixels: a JPEG header may claim 65500 ×
+// 65500. The library's own buffers (a progressive file's coefficients) get the same bound.
+constexpr size_t kMaxPixelBytes = (size_t)1 << 28;
+// The pixel buffer starts at this size and doubles as rows arrive, so that a small file
+// claiming a huge image costs only the rows it holds before its data runs out.
+constexpr size_t kFirstPixelBytes = (size_t)1 << 20;
 
 struct error_trap {
     jpeg_error_mgr mgr;  // first, so the library's pointer is also ours
@@ -58,28 +62,40 @@ int decode(const uint8_t* data, unsigned long size, int want, image_jpeg* out, e
     jpeg_read_header(&cinfo, TRUE);
     bool gray = want == IMAGE_JPEG_GRAY || (want == IMAGE_JPEG_AS_STORED && cinfo.jpeg_color_space == JCS_GRAYSCALE);
     cinfo.out_color_space = gray ? JCS_GRAYSCALE : JCS_RGB;
+    cinfo.mem->max_memory_to_use = (long)kMaxPixelBytes;
+    jpeg_calc_output_dimensions(&cinfo);
+    const size_t row_bytes = (size_t)cinfo.output_width * cinfo.output_components;
+    const unsigned height = cinfo.output_height;
+    if (row_bytes == 0 || height == 0 || row_bytes > kMaxPixelBytes / height) {
+        snprintf(trap->message, sizeof(trap->message), "image too large (%u x %u)", cinfo.output_width, height);
+        jpeg_destroy_decompress(&cinfo);
+        return 1;
+    }
     jpeg_start_decompress(&cinfo);
-    size_t row_bytes = (size_t)cinfo.output_width * cinfo.output_components;
-    if (row_bytes == 0 || cinfo.output_height == 0 || row_bytes > kMaxPixelBytes / cinfo.output_height) {
-        snprintf(trap->message, sizeof(trap->message), "image too large (%u x %u)", cinfo.output_width, cinfo.output_height);
-        jpeg_destroy_decompress(&cinfo);
-        return 1;
-    }
-    out->pixels = (uint8_t*)mem_new(MEM_STORAGE, row_bytes * cinfo.output_height, "image_jpeg");
-    if (!out->pixels) {
-        snprintf(trap->message, sizeof(trap->message), "no memory for the pixels");
-        jpeg_destroy_decompress(&cinfo);
-        return 1;
-    }
     out->width = (int)cinfo.output_width;
-    out->height = (int)cinfo.output_height;
+    out->height = (int)height;
     out->components = cinfo.output_components;
-    while (cinfo.output_scanline < cinfo.output_height) {
+    size_t capacity_rows = 0;
+    // A warning means corrupt or cut-short data: the rest would be made-up pixels.
+    while (cinfo.output_scanline < height && trap->mgr.num_warnings == 0) {
+        if (cinfo.output_scanline == capacity_rows) {
+            capacity_rows = capacity_rows ? 2 * capacity_rows : (kFirstPixelBytes + row_bytes - 1) / row_bytes;
+            if (capacity_rows > height) capacity_rows = height;
+            void* grown = out->pixels ? mem_resize(out->pixels, row_bytes * capacity_rows)
+                                      : mem_new(MEM_STORAGE, row_bytes * capacity_rows, "image_jpeg");
+            if (!grown) {
+                snprintf(trap->message, sizeof(trap->message), "no memory for the pixels");
+                jpeg_destroy_decompress(&cinfo);
+                image_jpeg_free(out);
+                return 1;
+            }
+            out->pixels = (uint8_t*)grown;
+        }
         JSAMPROW row = out->pixels + row_bytes * cinfo.output_scanline;
         jpeg_read_scanlines(&cinfo, &row, 1);
     }
-    jpeg_finish_decompress(&cinfo);
-    bool warned = trap->mgr.num_warnings > 0;  // the data was corrupt or cut short: the pixels are made up
+    if (trap->mgr.num_warnings == 0) jpeg_finish_decompress(&cinfo);
+    bool warned = trap->mgr.num_warnings > 0;
     jpeg_destroy_decompress(&cinfo);
     if (warned) {
         image_jpeg_free(out);

@@ -1,12 +1,14 @@
 // The JPEG decoder on files made at test time by cjpeg from PPM and PGM images written
 // here: sizes, layouts and pixel values, and bad, cut-short and missing files coming
-// back as errors (never ending the process) without leaking memory.
+// back as errors (never ending the process) without leaking memory or taking the memory
+// of what they claim.
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <string>
 
 #include "engine/engine_test_env.h"
+#include "engine/memory.h"
 #include "image/jpeg.h"
 
 namespace {
@@ -75,6 +77,38 @@ TEST_F(ImageJpegTest, BadInputComesBackAsAnError) {
     EXPECT_EQ(image_jpeg_load((dir_ / "missing.jpg").c_str(), IMAGE_JPEG_RGB, &img, why, sizeof(why)), 1);
     write_bytes(dir_ / "empty.jpg", "");
     EXPECT_EQ(image_jpeg_load((dir_ / "empty.jpg").c_str(), IMAGE_JPEG_RGB, &img, why, sizeof(why)), 1);
+}
+
+// 700 × 600 pixels (1.2 MB of RGB, more than the first pixel buffer): the top half one
+// colour, the bottom half another. Then the same file claiming 20000 × 16000 pixels (960 MB)
+// fails as cut short, having taken only the memory of the rows it holds.
+TEST_F(ImageJpegTest, PixelsGrowWithTheRowsSoAHugeClaimCostsOnlyWhatTheFileHolds) {
+    const int width = 700, height = 600;
+    std::string ppm = "P6\n700 600\n255\n";
+    for (int y = 0; y < height; y++) {
+        for (int x = 0; x < width; x++) ppm += y < height / 2 ? "\xc8\x28\x0a" : "\x0a\x5a\xfa";
+    }
+    write_bytes(dir_ / "big.ppm", ppm);
+    std::string path = (dir_ / "big.jpg").string();
+    ASSERT_EQ(std::system(("cjpeg -quality 100 -sample 1x1 -outfile '" + path + "' '" + (dir_ / "big.ppm").string() + "'").c_str()), 0);
+    image_jpeg img;
+    char why[200] = "";
+    ASSERT_EQ(image_jpeg_load(path.c_str(), IMAGE_JPEG_RGB, &img, why, sizeof(why)), 0) << why;
+    ASSERT_EQ(img.width * 10000 + img.height, width * 10000 + height);
+    EXPECT_NEAR(img.pixels[0], 200, 2);
+    EXPECT_NEAR(img.pixels[((size_t)(height - 1) * width + width - 1) * 3 + 2], 250, 2);
+    image_jpeg_free(&img);
+
+    std::string huge = read_bytes(path);
+    size_t sof = huge.find("\xff\xc0");
+    ASSERT_NE(sof, std::string::npos);
+    const unsigned char dims[4] = {0x3e, 0x80, 0x4e, 0x20};  // height 16000, width 20000
+    huge.replace(sof + 5, 4, (const char*)dims, 4);
+    const int64_t peak_before = mem_get_stats().max_storage_used;
+    EXPECT_EQ(image_jpeg_decode(huge.data(), huge.size(), IMAGE_JPEG_RGB, &img, why, sizeof(why)), 1);
+    EXPECT_STRNE(why, "");
+    EXPECT_EQ(img.pixels, nullptr);
+    EXPECT_LT(mem_get_stats().max_storage_used - peak_before, 8 << 20);
 }
 
 }  // namespace
