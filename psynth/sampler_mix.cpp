@@ -61,7 +61,7 @@ inline int32_t mix_value(int32_t gain, float value) {
 }
 
 // A volume one ramp step on. Sums wrap rather than overflow: a garbage ramp may leave 32
-// bits, and the lanes' steps over several frames may where the frames' own do not.
+// bits, and so may the lanes' steps of several frames where each frame's step would not.
 inline int32_t ramp_step(int32_t volume, int64_t inc) { return (int32_t)((uint32_t)volume + (uint32_t)inc); }
 
 template <class T, int CH, bool INTERP, bool RAMP, bool BACK>
