@@ -186,7 +186,6 @@ __attribute__((always_inline)) inline typename psynth_lanes<N>::i32 halves(typen
 template <class T, int CH, bool INTERP, int N>
 __attribute__((always_inline)) inline lane_frames<N> load_lanes(const T* s, int64_t* q, int64_t step, int valid) {
     typedef typename psynth_lanes<N>::i32 V;
-    typedef typename psynth_lanes<N>::u32 U;
     lane_frames<N> v = {};
     if constexpr (sizeof(T) == 2 && (INTERP || CH == 2)) {
         // 16-bit frames are loaded 32 bits at a time: (current, next) of a mono sample,
@@ -210,7 +209,7 @@ __attribute__((always_inline)) inline lane_frames<N> load_lanes(const T* s, int6
             v.pairs_l = a;
         } else if constexpr (INTERP) {
             v.pairs_l = halves<N>(a, b);
-            v.pairs_r = (V)((U)a >> 16) | (b & (int32_t)0xFFFF0000);
+            v.pairs_r = halves<N>(a >> 16, b >> 16);
         } else {
             v.cur_l = (a << 16) >> 16;
             v.cur_r = a >> 16;
